@@ -1,0 +1,27 @@
+#pragma once
+
+#include "platform/AudioHardware.h"
+
+#include <QString>
+
+#include <memory>
+#include <optional>
+
+// Chooses the realisation of the audio service the program runs on.
+namespace AudioBackend {
+
+enum class Choice { automatic, pulse, simulated };
+
+std::optional<Choice> parseChoice(const QString& text); // "auto", "pulse", "simulated"
+
+// `automatic` connects to the sound server and, when none answers, falls back to the simulated
+// service after telling why in `notice`. `pulse` fails (nullptr, `error` set) without a server.
+struct Result {
+    std::unique_ptr<AudioHardware> hardware;
+    QString notice; // one line for stderr, empty when there is nothing to say
+    QString error;  // one line for stderr when hardware is null
+};
+
+Result make(Choice choice);
+
+} // namespace AudioBackend
