@@ -545,6 +545,13 @@ void TestSimulatedAudioHardware::refusedTapCreationLeavesNoTap() {
     QCOMPARE(hardware.AudioHardwareCreateProcessTap(description, tap), kAudioHardwareNoError);
     QVERIFY(hardware.tapDescription(tap).has_value());
     QVERIFY(!hardware.tapDescription(tap)->uuid.isNull());
+
+    CATapDescription ofGoneProcess;
+    ofGoneProcess.processes = {4242};
+    AudioObjectID refused = 0;
+    QCOMPARE(hardware.AudioHardwareCreateProcessTap(ofGoneProcess, refused),
+             kAudioHardwareBadObjectError);
+    QCOMPARE(hardware.processTaps(), std::vector<AudioObjectID>{tap});
 }
 
 void TestSimulatedAudioHardware::ioCycleRunsOnlyStartedProcedures() {
