@@ -110,23 +110,20 @@ void AppSettings::setHiddenInputDevices(const QSet<QString>& uids) {
 }
 
 bool AppSettings::isDeviceHidden(const QString& uid) {
-    const QStringList stored =
-        m_defaults.stringArrayForKey(SettingsKeys::hiddenDevices).value_or(QStringList());
-    QSet<QString> hidden(stored.cbegin(), stored.cend());
-    if (hidden.contains(uid))
-        return true;
-    const auto old = AudioDevice::matchingUID(uid, stored);
-    if (!old)
-        return false;
-    hidden.remove(*old);
-    hidden.insert(uid);
-    setHiddenDevices(hidden);
-    return true;
+    return isHidden(uid, SettingsKeys::hiddenDevices,
+                    [this](const QSet<QString>& uids) { setHiddenDevices(uids); });
 }
 
 bool AppSettings::isInputDeviceHidden(const QString& uid) {
-    const QStringList stored =
-        m_defaults.stringArrayForKey(SettingsKeys::hiddenInputDevices).value_or(QStringList());
+    return isHidden(uid, SettingsKeys::hiddenInputDevices,
+                    [this](const QSet<QString>& uids) { setHiddenInputDevices(uids); });
+}
+
+// A hidden UID that drifted is healed on read: the stored list takes the new UID, through the
+// setter so that the change is announced.
+bool AppSettings::isHidden(const QString& uid, const QString& key,
+                           const std::function<void(const QSet<QString>&)>& store) {
+    const QStringList stored = m_defaults.stringArrayForKey(key).value_or(QStringList());
     QSet<QString> hidden(stored.cbegin(), stored.cend());
     if (hidden.contains(uid))
         return true;
@@ -135,6 +132,6 @@ bool AppSettings::isInputDeviceHidden(const QString& uid) {
         return false;
     hidden.remove(*old);
     hidden.insert(uid);
-    setHiddenInputDevices(hidden);
+    store(hidden);
     return true;
 }

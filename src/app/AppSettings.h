@@ -6,6 +6,7 @@
 #include <QSet>
 #include <QString>
 
+#include <functional>
 #include <optional>
 
 class UserDefaults;
@@ -63,8 +64,8 @@ public:
 
     static constexpr double volumeStep = 0.0625; // one press of a volume key
 
-    bool showVolumeHUD() const;   // true unless a stored boolean says false
-    bool switchSound() const;     // true unless a stored boolean says false
+    bool showVolumeHUD() const; // true unless a stored boolean says false
+    bool switchSound() const;   // true unless a stored boolean says false
     bool pinPanel() const;
     bool autoSwitchGroups() const;
     bool autoSwitchInputs() const;
@@ -84,6 +85,9 @@ public:
     bool isInputDeviceHidden(const QString& uid);
 
 private:
+    bool isHidden(const QString& uid, const QString& key,
+                  const std::function<void(const QSet<QString>&)>& store);
+
     UserDefaults& m_defaults;
     NotificationCenter& m_center;
 };
