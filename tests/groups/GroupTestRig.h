@@ -45,7 +45,7 @@ struct GroupTestRig {
     static inline const QString headphonesUID = QStringLiteral("usb:Acme:Headphones:1003:1,2");
 
     QTemporaryDir directory;
-    std::unique_ptr<SimulatedAudioHardware> hardware = std::make_unique<SimulatedAudioHardware>();
+    std::unique_ptr<SimulatedAudioHardware> hardware;
     std::unique_ptr<UserDefaults> defaults;
     NotificationCenter center;
     std::unique_ptr<AppSettings> settings;
@@ -58,7 +58,9 @@ struct GroupTestRig {
     AudioObjectID right = 0;
     AudioObjectID headphones = 0;
 
-    GroupTestRig() {
+    explicit GroupTestRig(std::unique_ptr<SimulatedAudioHardware> service =
+                              std::make_unique<SimulatedAudioHardware>())
+        : hardware(std::move(service)) {
         defaults =
             std::make_unique<UserDefaults>(directory.filePath(QStringLiteral("defaults.json")));
         settings = std::make_unique<AppSettings>(*defaults, center);
