@@ -12,7 +12,10 @@ SystemSleepMonitor& SystemSleepMonitor::shared() {
 }
 
 bool SystemSleepMonitor::start() {
-    QDBusConnection bus = QDBusConnection::systemBus();
+    return start(QDBusConnection::systemBus());
+}
+
+bool SystemSleepMonitor::start(QDBusConnection bus) {
     if (!bus.isConnected())
         return false;
     return bus.connect(QStringLiteral("org.freedesktop.login1"),

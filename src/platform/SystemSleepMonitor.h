@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QDBusConnection>
 #include <QObject>
 
 // Tells when the machine has woken from sleep. On Linux the signal is logind's
@@ -14,6 +15,8 @@ public:
 
     // Starts listening on the system bus; false when there is none to listen on.
     bool start();
+    // Listens on the given bus instead: tests hand in a private one.
+    bool start(QDBusConnection bus);
 
 signals:
     void didWake();
