@@ -347,6 +347,20 @@ struct UserDefaults::Private {
             adopt({}, -1, stampOfPath(nativePath));
     }
 
+    // Temporary files exist only while a writer holds the lock: any found under the lock were left
+    // by a writer that died before its rename.
+    void removeStaleTemporaries() const {
+        const QFileInfo info(filePath);
+        const QString prefix = info.fileName() + u'.';
+        const QDir folder = info.absoluteDir();
+        for (const QString& name :
+             folder.entryList({prefix + QStringLiteral("??????")}, QDir::Files)) {
+            if (name.endsWith(QLatin1String(".lock")))
+                continue;
+            QFile::remove(folder.filePath(name));
+        }
+    }
+
     // Lock, re-read, apply the one change, write a temporary file, fsync, rename, fsync the folder.
     bool change(const QString& key, const std::optional<QVariant>& value) {
         if (!ensureDirectory())
@@ -354,6 +368,7 @@ struct UserDefaults::Private {
         Lock lock(lockPath);
         if (!lock.held())
             return false;
+        removeStaleTemporaries();
         int currentFd = -1;
         FileStamp currentStamp;
         auto current = loadLocked(currentFd, currentStamp);

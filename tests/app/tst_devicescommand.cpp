@@ -60,8 +60,8 @@ void TestDevicesCommand::jsonListsEveryDeviceWithTheSameKeysAndMarksDefaults() {
     const QJsonDocument document = QJsonDocument::fromJson(run.out, &error);
     QCOMPARE(error.error, QJsonParseError::NoError);
     const QJsonObject root = document.object();
-    QCOMPARE(QSet<QString>(root.keys().begin(), root.keys().end()),
-             (QSet<QString>{"outputs", "inputs"}));
+    const QStringList rootKeys = root.keys();
+    QCOMPARE(QSet<QString>(rootKeys.begin(), rootKeys.end()), (QSet<QString>{"outputs", "inputs"}));
 
     const QJsonArray outputs = root.value("outputs").toArray();
     const QJsonArray inputs = root.value("inputs").toArray();
