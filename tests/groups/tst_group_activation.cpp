@@ -105,6 +105,9 @@ private slots:
         GroupManager& manager = rig.launchWith({a, b});
         QVERIFY(manager.activate(a));
         settle();
+        // Even a default moved elsewhere while A plays is not taken as the one to go back to.
+        rig.hardware->setDefaultOutputDevice(rig.headphones);
+        settle();
         QVERIFY(manager.activate(b));
         settle();
 
