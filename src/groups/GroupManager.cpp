@@ -1,0 +1,515 @@
+#include "groups/GroupManager.h"
+
+#include "app/AppSettings.h"
+#include "app/NotificationCenter.h"
+#include "devices/AudioDeviceManager.h"
+#include "groups/OutputGroupCodec.h"
+#include "platform/SystemSleepMonitor.h"
+#include "platform/UserDefaults.h"
+
+#include <QSet>
+#include <QTimer>
+
+#include <algorithm>
+
+namespace {
+
+QSet<QString> asSet(const QStringList& list) {
+    return QSet<QString>(list.cbegin(), list.cend());
+}
+
+double clampUnit(double value) {
+    // Written this way round so that the comparison decides, not std::clamp's preconditions.
+    if (value <= 0)
+        return 0;
+    if (value > 1)
+        return 1;
+    return value;
+}
+
+constexpr AudioObjectPropertyAddress defaultOutputAddress{kAudioHardwarePropertyDefaultOutputDevice,
+                                                          kAudioObjectPropertyScopeGlobal,
+                                                          kAudioObjectPropertyElementMain};
+
+} // namespace
+
+GroupManager::GroupManager(AudioDeviceManager& audio, AppSettings& settings, QObject* parent)
+    : GroupManager(audio, settings, SystemSleepMonitor::shared(), parent) {}
+
+GroupManager::GroupManager(AudioDeviceManager& audio, AppSettings& settings,
+                           SystemSleepMonitor& sleepMonitor, QObject* parent)
+    : QObject(parent)
+    , m_audio(audio)
+    , m_settings(settings) {
+    // Output and input rules load here too once auto-switching exists.
+    loadGroups();
+    loadPriorities();
+    foldDeviceNames();
+    destroyOrphanAggregates();
+    subscribe(sleepMonitor);
+    // Behind the first publication of the device lists, queued when `audio` was made, so the
+    // restore sees filled lists.
+    QMetaObject::invokeMethod(this, &GroupManager::restoreActiveGroup, Qt::QueuedConnection);
+}
+
+GroupManager& GroupManager::shared() {
+    static GroupManager* manager = [] {
+        // The device manager first: its enumeration is queued before our restore.
+        AudioDeviceManager& audio = AudioDeviceManager::shared();
+        return new GroupManager(audio, AppSettings::shared());
+    }();
+    return *manager;
+}
+
+// --- Published fields -------------------------------------------------------------------------
+
+void GroupManager::setGroups(const QList<OutputGroup>& groups) {
+    m_groups = groups;
+    emit groupsChanged();
+}
+
+void GroupManager::setDevicePriority(const QStringList& priority) {
+    m_devicePriority = priority;
+    emit devicePriorityChanged();
+}
+
+void GroupManager::setInputPriority(const QStringList& priority) {
+    m_inputPriority = priority;
+    emit inputPriorityChanged();
+}
+
+void GroupManager::setActiveGroupID(std::optional<QUuid> id) {
+    m_activeGroupID = id;
+    emit activeGroupIDChanged();
+}
+
+void GroupManager::setIsMuted(bool muted) {
+    m_isMuted = muted;
+    emit isMutedChanged();
+}
+
+// --- Creation ---------------------------------------------------------------------------------
+
+void GroupManager::loadGroups() {
+    // A list that fails to decode counts as empty and stays stored until the next save.
+    const auto data = m_settings.defaults().dataForKey(SettingsKeys::groups);
+    if (!data)
+        return;
+    if (auto decoded = OutputGroupCodec::decode(*data))
+        setGroups(*decoded);
+}
+
+void GroupManager::loadPriorities() {
+    // Migration of the older single fallback device belongs to auto-switching.
+    setDevicePriority(m_settings.defaults()
+                          .stringArrayForKey(SettingsKeys::devicePriority)
+                          .value_or(QStringList()));
+    setInputPriority(m_settings.defaults()
+                         .stringArrayForKey(SettingsKeys::inputPriority)
+                         .value_or(QStringList()));
+}
+
+void GroupManager::foldDeviceNames() {
+    for (const OutputGroup& group : std::as_const(m_groups)) {
+        for (auto it = group.deviceNames.cbegin(); it != group.deviceNames.cend(); ++it) {
+            const QString& uid = it.key();
+            QMap<QString, QString> names = m_settings.deviceNames();
+            if (names.contains(uid))
+                continue;
+            if (const auto old = AudioDevice::matchingUID(uid, names.keys())) {
+                names.insert(uid, names.take(*old));
+            } else {
+                const QString name = it.value().trimmed();
+                if (name.isEmpty())
+                    names.remove(uid);
+                else
+                    names.insert(uid, name);
+            }
+            m_settings.saveDeviceNames(names); // writes "ondril.deviceNames" and posts the change
+        }
+    }
+}
+
+void GroupManager::destroyOrphanAggregates() {
+    // Aggregates outlive the run that made them; this also takes the per-app leftovers, which
+    // share the prefix.
+    AudioHardware& hardware = m_audio.hardware();
+    AudioPropertyValue value;
+    const AudioObjectPropertyAddress devices{kAudioHardwarePropertyDevices,
+                                             kAudioObjectPropertyScopeGlobal,
+                                             kAudioObjectPropertyElementMain};
+    if (hardware.AudioObjectGetPropertyData(kAudioObjectSystemObject, devices, value) !=
+        kAudioHardwareNoError)
+        return;
+    const auto* ids = std::get_if<std::vector<AudioObjectID>>(&value);
+    if (!ids)
+        return;
+    for (AudioObjectID id : *ids) {
+        const auto uid = m_audio.readUID(id);
+        if (uid && uid->startsWith(groupUIDPrefix))
+            hardware.AudioHardwareDestroyAggregateDevice(id);
+    }
+}
+
+void GroupManager::subscribe(SystemSleepMonitor& sleepMonitor) {
+    // Queued: the lists reach us one more turn of the main loop after their publication.
+    connect(
+        &m_audio, &AudioDeviceManager::outputDevicesChanged, this,
+        [this] {
+            evaluateRules();
+            reconcile();
+        },
+        Qt::QueuedConnection);
+    connect(
+        &m_audio, &AudioDeviceManager::inputDevicesChanged, this, [this] { evaluateInputRules(); },
+        Qt::QueuedConnection);
+    // Devices may have come and gone while asleep; give them a moment to settle first.
+    connect(&sleepMonitor, &SystemSleepMonitor::didWake, this, [this] {
+        QTimer::singleShot(wakeDelayMs, this, [this] {
+            evaluateRules();
+            reconcile();
+            evaluateInputRules();
+        });
+    });
+    // Auto-switching observes "ondril.autoSwitchChanged" and "ondril.autoSwitchInputsChanged" here.
+}
+
+// --- Groups -----------------------------------------------------------------------------------
+
+std::optional<OutputGroup> GroupManager::activeGroup() const {
+    if (!m_activeGroupID)
+        return std::nullopt;
+    const int index = groupIndex(*m_activeGroupID);
+    if (index < 0)
+        return std::nullopt;
+    return m_groups.at(index);
+}
+
+void GroupManager::saveGroups() {
+    if (const auto data = OutputGroupCodec::encode(m_groups))
+        m_settings.defaults().setData(*data, SettingsKeys::groups);
+}
+
+int GroupManager::groupIndex(const QUuid& id) const {
+    for (int i = 0; i < m_groups.size(); ++i)
+        if (m_groups.at(i).id == id)
+            return i;
+    return -1;
+}
+
+// --- Aggregate ------------------------------------------------------------------------------
+
+QString GroupManager::aggregateUID(const QUuid& groupID) {
+    return groupUIDPrefix + OutputGroupCodec::uuidText(groupID);
+}
+
+QVariantMap GroupManager::aggregateDescription(const QString& name,
+                                               const QStringList& presentMembers,
+                                               const QString& masterUID, const QUuid& groupID) {
+    QVariantList subdevices;
+    for (const QString& uid : presentMembers) {
+        subdevices.append(QVariantMap{
+            {kAudioSubDeviceUIDKey, uid},
+            {kAudioSubDeviceDriftCompensationKey, uid == masterUID ? 0 : 1},
+        });
+    }
+    return QVariantMap{
+        {kAudioAggregateDeviceNameKey, name},
+        {kAudioAggregateDeviceUIDKey, aggregateUID(groupID)},
+        {kAudioAggregateDeviceIsStackedKey, 1},
+        {kAudioAggregateDeviceIsPrivateKey, 0},
+        {kAudioAggregateDeviceMainSubDeviceKey, masterUID},
+        {kAudioAggregateDeviceSubDeviceListKey, subdevices},
+    };
+}
+
+QStringList GroupManager::presentMembers(const OutputGroup& group) const {
+    // The stored UID stands, also for a member found only by its stable key.
+    QStringList present;
+    for (const QString& uid : group.memberUIDs)
+        if (m_audio.deviceIDForOutputUID(uid))
+            present.append(uid);
+    return present;
+}
+
+QString GroupManager::chooseMaster(const OutputGroup& group, const QStringList& presentMembers) {
+    if (presentMembers.contains(group.masterUID))
+        return group.masterUID;
+    return presentMembers.isEmpty() ? QString() : presentMembers.first();
+}
+
+std::optional<AudioObjectID> GroupManager::buildAggregate(const QString& name,
+                                                          const QStringList& presentMembers,
+                                                          const QString& masterUID,
+                                                          const QUuid& groupID) {
+    if (presentMembers.isEmpty() || !presentMembers.contains(masterUID))
+        return std::nullopt;
+    AudioObjectID id = kAudioObjectUnknown;
+    const OSStatus status = m_audio.hardware().AudioHardwareCreateAggregateDevice(
+        aggregateDescription(name, presentMembers, masterUID, groupID), id);
+    if (status != kAudioHardwareNoError || id == kAudioObjectUnknown)
+        return std::nullopt;
+    return id;
+}
+
+void GroupManager::destroyActiveAggregate() {
+    if (m_activeDeviceID)
+        m_audio.hardware().AudioHardwareDestroyAggregateDevice(*m_activeDeviceID);
+    m_activeDeviceID.reset();
+    m_activeMemberUIDs.clear();
+}
+
+void GroupManager::setDefaultOutput(AudioObjectID deviceID) {
+    // A failed write is not noticed: the system's own default then stands.
+    m_audio.hardware().AudioObjectSetPropertyData(kAudioObjectSystemObject, defaultOutputAddress,
+                                                  AudioPropertyValue(std::uint32_t(deviceID)));
+}
+
+bool GroupManager::activeAggregateIsGone() const {
+    // When the sound server restarts, our aggregate dies with it while the group stays on. The
+    // service is asked directly: the published lists lag a turn behind our own creations.
+    if (!m_activeDeviceID || !m_activeGroupID)
+        return false;
+    return m_audio.readUID(*m_activeDeviceID) != aggregateUID(*m_activeGroupID);
+}
+
+// --- Activation -----------------------------------------------------------------------------
+
+bool GroupManager::activate(const OutputGroup& group) {
+    const QStringList present = presentMembers(group);
+    if (present.isEmpty())
+        return false;
+    const QString master = chooseMaster(group, present);
+
+    if (m_activeGroupID == group.id && m_activeDeviceID &&
+        asSet(present) == asSet(m_activeMemberUIDs)) {
+        applyVolumes(group);
+        return true;
+    }
+
+    // Going from one group straight to another keeps the output from before the first.
+    if (!m_activeGroupID) {
+        const auto uid = m_audio.readUID(m_audio.readDefaultOutputID());
+        if (uid && !uid->startsWith(groupUIDPrefix))
+            m_previousOutputUID = *uid;
+    }
+
+    destroyActiveAggregate();
+
+    const auto aggregate = buildAggregate(group.name, present, master, group.id);
+    if (!aggregate)
+        return false; // on without aggregate: the next reconcile tries again
+
+    m_activeDeviceID = *aggregate;
+    m_activeMemberUIDs = present;
+    setActiveGroupID(group.id);
+    setIsMuted(false);
+    setDefaultOutput(*aggregate);
+    applyVolumes(group);
+    persistActive();
+    // The volume-key monitor starts here once it exists, so the keys drive the group.
+    return true;
+}
+
+void GroupManager::deactivate() {
+    destroyActiveAggregate();
+    setActiveGroupID(std::nullopt);
+    setIsMuted(false);
+    persistActive();
+    if (m_previousOutputUID) {
+        if (const auto id = m_audio.deviceIDForOutputUID(*m_previousOutputUID))
+            setDefaultOutput(*id);
+    }
+    m_previousOutputUID.reset();
+}
+
+void GroupManager::switchToDevice(AudioObjectID deviceID) {
+    destroyActiveAggregate();
+    setActiveGroupID(std::nullopt);
+    setIsMuted(false);
+    persistActive();
+    m_previousOutputUID.reset();
+    setDefaultOutput(deviceID);
+    m_audio.refresh();
+}
+
+void GroupManager::deleteGroup(const OutputGroup& group) {
+    if (m_activeGroupID == group.id)
+        deactivate();
+    QList<OutputGroup> remaining = m_groups;
+    remaining.removeIf([&](const OutputGroup& stored) { return stored.id == group.id; });
+    setGroups(remaining);
+    saveGroups();
+    if (onGroupDeleted)
+        onGroupDeleted(group.id);
+}
+
+void GroupManager::persistActive() {
+    if (m_activeGroupID)
+        m_settings.defaults().setString(OutputGroupCodec::uuidText(*m_activeGroupID),
+                                        SettingsKeys::activeGroup);
+    else
+        m_settings.defaults().removeObjectForKey(SettingsKeys::activeGroup);
+}
+
+void GroupManager::reconcile() {
+    if (m_isReconciling)
+        return;
+    const auto group = activeGroup();
+    if (!group)
+        return;
+
+    // An aggregate that vanished behind our back (the sound server restarted) is forgotten, so
+    // the comparison below sees a difference and rebuilds, as a launch-time restore would. With no
+    // member present yet, the group stays on without aggregate until the members come back.
+    if (activeAggregateIsGone()) {
+        m_activeDeviceID.reset();
+        m_activeMemberUIDs.clear();
+    }
+
+    const QStringList present = presentMembers(*group);
+    if (asSet(present) == asSet(m_activeMemberUIDs))
+        return; // the common case, and where the program's own changes end
+
+    m_isReconciling = true;
+    if (present.isEmpty()) {
+        deactivate();
+        m_isReconciling = false;
+        return;
+    }
+    const QString master = chooseMaster(*group, present);
+    destroyActiveAggregate();
+    const auto aggregate = buildAggregate(group->name, present, master, group->id);
+    if (!aggregate) {
+        deactivate();
+    } else {
+        m_activeDeviceID = *aggregate;
+        m_activeMemberUIDs = present;
+        setDefaultOutput(*aggregate);
+        for (const QString& uid : group->memberUIDs) {
+            if (const auto id = m_audio.deviceIDForOutputUID(uid))
+                m_audio.setVolume(float(memberVolume(*group, uid)), *id);
+        }
+    }
+    m_isReconciling = false;
+}
+
+void GroupManager::restoreActiveGroup() {
+    if (m_activeGroupID)
+        return; // a rule has already put a group on
+    const auto text = m_settings.defaults().stringForKey(SettingsKeys::activeGroup);
+    if (!text)
+        return;
+    const auto id = OutputGroupCodec::parseUuid(*text);
+    if (!id)
+        return;
+    const int index = groupIndex(*id);
+    if (index < 0)
+        return;
+    const OutputGroup group = m_groups.at(index);
+    if (!presentMembers(group).isEmpty())
+        activate(group);
+}
+
+void GroupManager::evaluateRules() {
+    // Output rules are evaluated here once auto-switching exists.
+}
+
+void GroupManager::evaluateInputRules() {
+    // Input rules are evaluated here once auto-switching exists.
+}
+
+// --- Volume, balance and mute -----------------------------------------------------------------
+
+double GroupManager::memberVolume(const OutputGroup& group, const QString& memberUID) const {
+    if (m_isMuted)
+        return 0;
+    return group.masterVolume * group.balance.value(memberUID, 1.0);
+}
+
+void GroupManager::applyVolumes(const OutputGroup& group) {
+    // A device whose volume cannot be written keeps its own level; nobody makes up for it.
+    for (const QString& uid : group.memberUIDs) {
+        if (const auto id = m_audio.deviceIDForOutputUID(uid))
+            m_audio.setVolume(float(memberVolume(group, uid)), *id);
+    }
+}
+
+void GroupManager::setMasterVolume(const OutputGroup& group, double value) {
+    const int index = groupIndex(group.id);
+    if (index < 0)
+        return;
+    // The stored record is changed, not the caller's copy: a stale copy changes only the master.
+    QList<OutputGroup> groups = m_groups;
+    groups[index].masterVolume = clampUnit(value);
+    setGroups(groups);
+    saveGroups(); // every call, also each step of a dragged slider
+    if (m_activeGroupID == group.id) {
+        if (const auto active = activeGroup())
+            applyVolumes(*active);
+    }
+}
+
+void GroupManager::setBalance(const OutputGroup& group, const QString& memberUID, double value) {
+    const int index = groupIndex(group.id);
+    if (index < 0)
+        return;
+    QList<OutputGroup> groups = m_groups;
+    groups[index].balance.insert(memberUID, clampUnit(value));
+    setGroups(groups);
+    saveGroups();
+    if (m_activeGroupID == group.id) {
+        if (const auto active = activeGroup())
+            applyVolumes(*active);
+    }
+}
+
+void GroupManager::toggleGroupMute() {
+    const auto group = activeGroup();
+    if (!group)
+        return;
+    setIsMuted(!m_isMuted);
+    applyVolumes(*group);
+}
+
+std::optional<VolumeState> GroupManager::toggleMute() {
+    if (activeGroup()) {
+        toggleGroupMute();
+        const auto group = activeGroup();
+        return VolumeState{group ? group->masterVolume : 0.0, m_isMuted};
+    }
+    const AudioObjectID id = m_audio.defaultOutputID();
+    if (id == kAudioObjectUnknown)
+        return std::nullopt;
+    const bool muted = !m_audio.isMuted(id).value_or(false);
+    if (!m_audio.setMute(muted, id))
+        return std::nullopt;
+    return VolumeState{double(m_audio.volume(id).value_or(0.0f)), muted};
+}
+
+std::optional<VolumeState> GroupManager::stepVolume(double delta) {
+    if (activeGroup())
+        return stepGroupVolume(delta);
+    const AudioObjectID id = m_audio.defaultOutputID();
+    if (id == kAudioObjectUnknown)
+        return std::nullopt;
+    const auto current = m_audio.volume(id);
+    if (!current)
+        return std::nullopt;
+    if (delta != 0)
+        m_audio.setMute(false, id); // any real step unmutes the device
+    const double value = std::clamp(double(*current) + delta, 0.0, 1.0);
+    m_audio.setVolume(float(value), id);
+    return VolumeState{value, false};
+}
+
+std::optional<VolumeState> GroupManager::stepGroupVolume(double delta) {
+    const auto group = activeGroup();
+    if (!group)
+        return std::nullopt;
+    if (m_isMuted && delta != 0)
+        setIsMuted(false);
+    const double value = std::clamp(group->masterVolume + delta, 0.0, 1.0);
+    setMasterVolume(*group, value);
+    return VolumeState{value, m_isMuted};
+}

@@ -1,0 +1,123 @@
+#pragma once
+
+// A complete group stack on the simulated audio service, with a private settings file and a
+// sleep monitor the test drives itself. Header-only: shared by the tests of this folder.
+
+#include "app/AppSettings.h"
+#include "app/NotificationCenter.h"
+#include "devices/AudioDeviceManager.h"
+#include "groups/GroupManager.h"
+#include "groups/OutputGroupCodec.h"
+#include "platform/SystemSleepMonitor.h"
+#include "platform/UserDefaults.h"
+#include "platform/simulated/SimulatedAudioHardware.h"
+
+#include <QCoreApplication>
+#include <QTemporaryDir>
+
+#include <memory>
+
+// Lets every queued hop run: listener, refresh, publication, our queued subscription, and what
+// those cause in turn.
+inline void settle() {
+    for (int round = 0; round < 25; ++round) {
+        QCoreApplication::sendPostedEvents();
+        QCoreApplication::processEvents();
+    }
+}
+
+inline OutputGroup makeGroup(const QString& name, const QStringList& members,
+                             const QString& master = {}, double masterVolume = 0.65) {
+    OutputGroup group;
+    group.id = QUuid::createUuid();
+    group.name = name;
+    group.memberUIDs = members;
+    group.masterUID = master.isEmpty() && !members.isEmpty() ? members.first() : master;
+    group.masterVolume = masterVolume;
+    return group;
+}
+
+struct GroupTestRig {
+    // Stable-key shaped UIDs ("a:b:c:d:e"), as USB devices report them.
+    static inline const QString speakersUID = QStringLiteral("builtin:Ondril:Speakers:0:1,2");
+    static inline const QString leftUID = QStringLiteral("usb:Acme:LeftDisplay:1001:1,2");
+    static inline const QString rightUID = QStringLiteral("usb:Acme:RightDisplay:1002:1,2");
+    static inline const QString headphonesUID = QStringLiteral("usb:Acme:Headphones:1003:1,2");
+
+    QTemporaryDir directory;
+    std::unique_ptr<SimulatedAudioHardware> hardware;
+    std::unique_ptr<UserDefaults> defaults;
+    NotificationCenter center;
+    std::unique_ptr<AppSettings> settings;
+    SystemSleepMonitor sleepMonitor;
+    std::unique_ptr<AudioDeviceManager> audio;
+    std::unique_ptr<GroupManager> manager;
+
+    AudioObjectID speakers = 0;
+    AudioObjectID left = 0;
+    AudioObjectID right = 0;
+    AudioObjectID headphones = 0;
+
+    explicit GroupTestRig(std::unique_ptr<SimulatedAudioHardware> service =
+                              std::make_unique<SimulatedAudioHardware>())
+        : hardware(std::move(service)) {
+        defaults =
+            std::make_unique<UserDefaults>(directory.filePath(QStringLiteral("defaults.json")));
+        settings = std::make_unique<AppSettings>(*defaults, center);
+        speakers = addOutput(speakersUID, QStringLiteral("Speakers"));
+        left = addOutput(leftUID, QStringLiteral("Left Display"));
+        right = addOutput(rightUID, QStringLiteral("Right Display"));
+        headphones = addOutput(headphonesUID, QStringLiteral("Headphones"));
+        hardware->setDefaultOutputDevice(speakers);
+    }
+
+    ~GroupTestRig() {
+        manager.reset();
+        audio.reset();
+        settle();
+    }
+
+    AudioObjectID addOutput(const QString& uid, const QString& name) {
+        SimulatedAudioHardware::DeviceSpec spec;
+        spec.uid = uid;
+        spec.name = name;
+        return hardware->addDevice(spec);
+    }
+
+    void storeGroups(const QList<OutputGroup>& groups) {
+        defaults->setData(*OutputGroupCodec::encode(groups), SettingsKeys::groups);
+    }
+
+    // As at launch: the device manager, at once the group manager, then the loop turns.
+    GroupManager& launch() {
+        audio = std::make_unique<AudioDeviceManager>(*hardware);
+        manager = std::make_unique<GroupManager>(*audio, *settings, sleepMonitor);
+        settle();
+        return *manager;
+    }
+
+    // Launch, then store the groups into the running manager.
+    GroupManager& launchWith(const QList<OutputGroup>& groups) {
+        launch();
+        manager->setGroups(groups);
+        manager->saveGroups();
+        return *manager;
+    }
+
+    AudioObjectID defaultOutput() const { return audio->readDefaultOutputID(); }
+
+    float volumeOf(AudioObjectID id) const { return audio->volume(id).value_or(-1.0f); }
+
+    QVariantMap activeDescription() const {
+        const auto id = manager->activeDeviceID();
+        return id ? hardware->aggregateDescription(*id) : QVariantMap();
+    }
+
+    static QStringList subdeviceUIDs(const QVariantMap& description) {
+        QStringList uids;
+        for (const QVariant& entry :
+             description.value(kAudioAggregateDeviceSubDeviceListKey).toList())
+            uids.append(entry.toMap().value(kAudioSubDeviceUIDKey).toString());
+        return uids;
+    }
+};

@@ -1,0 +1,537 @@
+#include "GroupTestRig.h"
+
+#include <QSignalSpy>
+#include <QtTest>
+
+// Keeps every aggregate description it is handed.
+class RecordingHardware : public SimulatedAudioHardware {
+public:
+    QList<QVariantMap> descriptions;
+
+    OSStatus AudioHardwareCreateAggregateDevice(const QVariantMap& description,
+                                                AudioObjectID& outDeviceID) override {
+        descriptions.append(description);
+        return SimulatedAudioHardware::AudioHardwareCreateAggregateDevice(description, outDeviceID);
+    }
+};
+
+// Activation, the three group states and every way between them, on the simulated service.
+class TestGroupActivation : public QObject {
+    Q_OBJECT
+
+private slots:
+    void activateTurnsGroupOnAsOneDefaultOutput() {
+        GroupTestRig rig;
+        const OutputGroup displays =
+            makeGroup("Displays", {rig.leftUID, rig.rightUID}, rig.rightUID, 0.5);
+        GroupManager& manager = rig.launchWith({displays});
+
+        QVERIFY(manager.activate(displays));
+
+        QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(displays.id));
+        QVERIFY(manager.activeDeviceID());
+        QCOMPARE(manager.activeMemberUIDs(), (QStringList{rig.leftUID, rig.rightUID}));
+        QCOMPARE(rig.defaultOutput(), *manager.activeDeviceID());
+        QCOMPARE(manager.previousOutputUID(), std::optional<QString>(rig.speakersUID));
+        QCOMPARE(manager.isMuted(), false);
+        QCOMPARE(rig.defaults->stringForKey(SettingsKeys::activeGroup),
+                 std::optional<QString>(displays.id.toString(QUuid::WithoutBraces).toUpper()));
+        QCOMPARE(rig.volumeOf(rig.left), 0.5f);
+        QCOMPARE(rig.volumeOf(rig.right), 0.5f);
+        QCOMPARE(rig.volumeOf(rig.speakers), 0.5f); // the simulated default, untouched
+        QCOMPARE(int(rig.hardware->aggregateDevices().size()), 1);
+    }
+
+    void aggregateDescriptionKeyByKey() {
+        GroupTestRig rig;
+        // The master is absent: the first present member leads.
+        const OutputGroup displays =
+            makeGroup("Both Displays", {rig.headphonesUID, "usb:Gone:Device:1:1", rig.leftUID},
+                      "usb:Gone:Device:1:1");
+        GroupManager& manager = rig.launchWith({displays});
+        QVERIFY(manager.activate(displays));
+
+        const QVariantMap description = rig.activeDescription();
+        QCOMPARE(description.size(), 6);
+        QCOMPARE(description.value("name").toString(), QStringLiteral("Both Displays"));
+        QCOMPARE(description.value("uid").toString(),
+                 "com.kestrivane.ondril.group." +
+                     displays.id.toString(QUuid::WithoutBraces).toUpper());
+        QCOMPARE(description.value("stacked").toInt(), 1);
+        QCOMPARE(description.value("private").toInt(), 0);
+        QCOMPARE(description.value("master").toString(), rig.headphonesUID);
+        const QVariantList subdevices = description.value("subdevices").toList();
+        QCOMPARE(subdevices.size(), 2);
+        QCOMPARE(subdevices[0].toMap().value("uid").toString(), rig.headphonesUID);
+        QCOMPARE(subdevices[0].toMap().value("drift").toInt(), 0);
+        QCOMPARE(subdevices[1].toMap().value("uid").toString(), rig.leftUID);
+        QCOMPARE(subdevices[1].toMap().value("drift").toInt(), 1);
+        QCOMPARE(subdevices[0].toMap().size(), 2);
+        // The stored master is not rewritten.
+        QCOMPARE(manager.activeGroup()->masterUID, QStringLiteral("usb:Gone:Device:1:1"));
+    }
+
+    void memberMatchedByStableKeyKeepsItsStoredUID() {
+        auto recording = std::make_unique<RecordingHardware>();
+        RecordingHardware& service = *recording;
+        GroupTestRig rig(std::move(recording));
+        const QString drifted =
+            QStringLiteral("usb:Acme:LeftDisplay:7777:1,2"); // same stable key as left
+        const OutputGroup displays = makeGroup("Displays", {drifted, rig.rightUID}, drifted);
+        GroupManager& manager = rig.launchWith({displays});
+        manager.activate(displays); // whether the service takes a stale UID is its own affair
+
+        QCOMPARE(service.descriptions.size(), 1);
+        const QVariantMap description = service.descriptions.first();
+        QCOMPARE(GroupTestRig::subdeviceUIDs(description), (QStringList{drifted, rig.rightUID}));
+        QCOMPARE(description.value("master").toString(), drifted);
+    }
+
+    void activateWithoutPresentMembersChangesNothing() {
+        GroupTestRig rig;
+        const OutputGroup absent = makeGroup("Away", {"usb:Gone:A:1:1", "usb:Gone:B:1:1"});
+        GroupManager& manager = rig.launchWith({absent});
+        QVERIFY(!manager.activate(absent));
+        QCOMPARE(manager.activeGroupID(), std::nullopt);
+        QCOMPARE(rig.hardware->createAggregateCallCount(), 0);
+        QCOMPARE(rig.defaultOutput(), rig.speakers);
+        QVERIFY(!rig.defaults->objectForKey(SettingsKeys::activeGroup));
+    }
+
+    void switchingGroupsKeepsTheOutputFromBeforeTheFirst() {
+        GroupTestRig rig;
+        const OutputGroup a = makeGroup("A", {rig.leftUID, rig.rightUID});
+        const OutputGroup b = makeGroup("B", {rig.headphonesUID, rig.leftUID});
+        GroupManager& manager = rig.launchWith({a, b});
+        QVERIFY(manager.activate(a));
+        settle();
+        // Even a default moved elsewhere while A plays is not taken as the one to go back to.
+        rig.hardware->setDefaultOutputDevice(rig.headphones);
+        settle();
+        QVERIFY(manager.activate(b));
+        settle();
+
+        QCOMPARE(manager.previousOutputUID(), std::optional<QString>(rig.speakersUID));
+        QCOMPARE(int(rig.hardware->aggregateDevices().size()), 1); // A's aggregate went first
+        QCOMPARE(rig.defaultOutput(), *manager.activeDeviceID());
+        manager.deactivate();
+        QCOMPARE(rig.defaultOutput(), rig.speakers);
+    }
+
+    void deactivateRestoresThePreviousDefault_data() {
+        QTest::addColumn<bool>("previousStillThere");
+        QTest::newRow("previous present") << true;
+        QTest::newRow("previous gone") << false;
+    }
+
+    void deactivateRestoresThePreviousDefault() {
+        QFETCH(bool, previousStillThere);
+        GroupTestRig rig;
+        rig.hardware->setDefaultOutputDevice(rig.headphones);
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        GroupManager& manager = rig.launchWith({displays});
+        QVERIFY(manager.activate(displays));
+        settle();
+        if (!previousStillThere) {
+            rig.hardware->removeDevice(rig.headphones);
+            settle();
+        }
+        const AudioObjectID aggregate = *manager.activeDeviceID();
+
+        manager.deactivate();
+
+        QCOMPARE(manager.activeGroupID(), std::nullopt);
+        QCOMPARE(manager.activeDeviceID(), std::nullopt);
+        QVERIFY(manager.activeMemberUIDs().isEmpty());
+        QCOMPARE(manager.previousOutputUID(), std::nullopt);
+        QVERIFY(!rig.defaults->objectForKey(SettingsKeys::activeGroup));
+        QVERIFY(rig.hardware->aggregateDescription(aggregate).isEmpty());
+        if (previousStillThere)
+            QCOMPARE(rig.defaultOutput(), rig.headphones);
+        else
+            QVERIFY(rig.defaultOutput() != rig.headphones);
+    }
+
+    void failedActivationLeavesTheGroupOnWithoutAggregate_data() {
+        QTest::addColumn<bool>("retryFails");
+        QTest::newRow("retry builds") << false;
+        QTest::newRow("retry fails too") << true;
+    }
+
+    void failedActivationLeavesTheGroupOnWithoutAggregate() {
+        QFETCH(bool, retryFails);
+        GroupTestRig rig;
+        const OutputGroup a = makeGroup("A", {rig.leftUID, rig.rightUID});
+        const OutputGroup b = makeGroup("B", {rig.headphonesUID});
+        GroupManager& manager = rig.launchWith({a, b});
+        QVERIFY(manager.activate(a));
+        manager.toggleGroupMute();
+        settle();
+        const QString storedKey = *rig.defaults->stringForKey(SettingsKeys::activeGroup);
+
+        rig.hardware->failNextAggregateCreation();
+        QVERIFY(!manager.activate(b));
+
+        QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(a.id));
+        QCOMPARE(manager.activeDeviceID(), std::nullopt);
+        QVERIFY(manager.activeMemberUIDs().isEmpty());
+        QCOMPARE(manager.isMuted(), true);
+        QCOMPARE(*rig.defaults->stringForKey(SettingsKeys::activeGroup), storedKey);
+        QVERIFY(rig.hardware->aggregateDevices().empty());
+
+        if (retryFails)
+            rig.hardware->failNextAggregateCreation();
+        manager.reconcile();
+
+        if (retryFails) {
+            QCOMPARE(manager.activeGroupID(), std::nullopt);
+            QVERIFY(!rig.defaults->objectForKey(SettingsKeys::activeGroup));
+            QCOMPARE(rig.defaultOutput(), rig.speakers);
+        } else {
+            QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(a.id));
+            QVERIFY(manager.activeDeviceID());
+            QCOMPARE(manager.activeMemberUIDs(), (QStringList{rig.leftUID, rig.rightUID}));
+            QCOMPARE(rig.defaultOutput(), *manager.activeDeviceID());
+            QCOMPARE(manager.isMuted(), true); // reconcile keeps the mute
+            QCOMPARE(rig.volumeOf(rig.left), 0.0f);
+        }
+    }
+
+    void refusedAggregateInReconcileDeactivates() {
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        GroupManager& manager = rig.launchWith({displays});
+        QVERIFY(manager.activate(displays));
+        settle();
+        rig.hardware->failNextAggregateCreation();
+        rig.hardware->removeDevice(rig.right);
+        settle();
+        QCOMPARE(manager.activeGroupID(), std::nullopt);
+        QCOMPARE(rig.defaultOutput(), rig.speakers);
+        QVERIFY(rig.hardware->aggregateDevices().empty());
+    }
+
+    void memberGoneBetweenCheckAndBuildFailsActivation() {
+        // The published list still shows the member, the service no longer has it.
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        GroupManager& manager = rig.launchWith({displays});
+        rig.hardware->removeDevice(rig.right); // not yet settled: the lists are stale
+
+        QVERIFY(!manager.activate(displays));
+
+        QCOMPARE(manager.activeGroupID(), std::nullopt);
+        QCOMPARE(manager.activeDeviceID(), std::nullopt);
+        QVERIFY(rig.hardware->aggregateDevices().empty());
+        QVERIFY(!rig.defaults->objectForKey(SettingsKeys::activeGroup));
+        QCOMPARE(rig.defaultOutput(), rig.speakers);
+        settle();
+        QCOMPARE(manager.activeGroupID(), std::nullopt); // an off group is not retried
+
+        QVERIFY(manager.activate(displays)); // on the fresh list, from what is left
+        QCOMPARE(manager.activeMemberUIDs(), QStringList{rig.leftUID});
+        QCOMPARE(manager.previousOutputUID(), std::optional<QString>(rig.speakersUID));
+    }
+
+    void memberGoneBetweenCheckAndBuildInReconcileDeactivates() {
+        GroupTestRig rig;
+        const OutputGroup displays =
+            makeGroup("Displays", {rig.leftUID, rig.rightUID, rig.headphonesUID});
+        GroupManager& manager = rig.launchWith({displays});
+        rig.hardware->removeDevice(rig.headphones);
+        settle();
+        QVERIFY(manager.activate(displays));
+        settle();
+        // Headphones come back and right goes, the list shows only the first change yet.
+        rig.addOutput(rig.headphonesUID, "Headphones");
+        rig.audio->refresh();
+        QCoreApplication::sendPostedEvents(rig.audio.get());
+        rig.hardware->removeDevice(rig.right);
+        manager.reconcile();
+        QCOMPARE(manager.activeGroupID(), std::nullopt);
+        QCOMPARE(rig.defaultOutput(), rig.speakers);
+    }
+
+    void switchToDeviceLeavesTheGroup() {
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        GroupManager& manager = rig.launchWith({displays});
+        QVERIFY(manager.activate(displays));
+        manager.toggleGroupMute();
+        settle();
+
+        manager.switchToDevice(rig.headphones);
+        settle();
+
+        QCOMPARE(rig.defaultOutput(), rig.headphones);
+        QCOMPARE(rig.audio->defaultOutputID(), rig.headphones);
+        QCOMPARE(manager.activeGroupID(), std::nullopt);
+        QCOMPARE(manager.previousOutputUID(), std::nullopt);
+        QCOMPARE(manager.isMuted(), false);
+        QVERIFY(rig.hardware->aggregateDevices().empty());
+        QVERIFY(!rig.defaults->objectForKey(SettingsKeys::activeGroup));
+        manager.deactivate(); // nothing left to give back
+        QCOMPARE(rig.defaultOutput(), rig.headphones);
+    }
+
+    void deletingTheActiveGroupRestoresOutputBeforeTheRecordGoes() {
+        GroupTestRig rig;
+        const OutputGroup a = makeGroup("A", {rig.leftUID, rig.rightUID});
+        const OutputGroup b = makeGroup("B", {rig.headphonesUID});
+        GroupManager& manager = rig.launchWith({a, b});
+        QVERIFY(manager.activate(a));
+        settle();
+        std::optional<QUuid> told;
+        int storedAtHook = -1;
+        manager.onGroupDeleted = [&](const QUuid& id) {
+            told = id;
+            storedAtHook = int(
+                OutputGroupCodec::decode(*rig.defaults->dataForKey(SettingsKeys::groups))->size());
+        };
+
+        manager.deleteGroup(a);
+
+        QCOMPARE(told, std::optional<QUuid>(a.id));
+        QCOMPARE(storedAtHook, 1);
+        QCOMPARE(manager.groups().size(), 1);
+        QCOMPARE(manager.groups().first().id, b.id);
+        QCOMPARE(rig.defaultOutput(), rig.speakers);
+        QCOMPARE(manager.activeGroupID(), std::nullopt);
+    }
+
+    void leftoverGroupAggregateAsDefaultIsNotCaptured() {
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        GroupManager& manager = rig.launchWith({displays});
+        AudioObjectID leftover = 0;
+        const QVariantMap description = GroupManager::aggregateDescription(
+            "Other run", {rig.headphonesUID}, rig.headphonesUID, QUuid::createUuid());
+        QCOMPARE(rig.hardware->AudioHardwareCreateAggregateDevice(description, leftover),
+                 kAudioHardwareNoError);
+        rig.hardware->setDefaultOutputDevice(leftover);
+        settle();
+
+        QVERIFY(manager.activate(displays));
+        QCOMPARE(manager.previousOutputUID(), std::nullopt);
+    }
+
+    void activatingTheActiveGroupWithSameMembersOnlyAppliesVolumes() {
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID}, {}, 0.4);
+        GroupManager& manager = rig.launchWith({displays});
+        QVERIFY(manager.activate(displays));
+        settle();
+        manager.toggleGroupMute();
+        manager.toggleGroupMute();
+        manager.toggleGroupMute(); // muted
+        const int creates = rig.hardware->createAggregateCallCount();
+        const AudioObjectID aggregate = *manager.activeDeviceID();
+        rig.hardware->setDefaultOutputDevice(rig.headphones); // the default is not touched either
+        rig.hardware->setDeviceVolume(rig.left, 0, 0.9f);
+        settle();
+
+        OutputGroup reordered = displays; // member order does not count
+        reordered.memberUIDs = {rig.rightUID, rig.leftUID};
+        QVERIFY(manager.activate(reordered));
+
+        QCOMPARE(rig.hardware->createAggregateCallCount(), creates);
+        QCOMPARE(*manager.activeDeviceID(), aggregate);
+        QCOMPARE(rig.defaultOutput(), rig.headphones);
+        QCOMPARE(manager.isMuted(), true);
+        QCOMPARE(rig.volumeOf(rig.left), 0.0f);
+    }
+
+    void activatingTheActiveGroupAfterAMemberCameBackRebuildsAndUnmutes() {
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID}, {}, 0.4);
+        GroupManager& manager = rig.launchWith({displays});
+        rig.hardware->removeDevice(rig.right);
+        settle();
+        QVERIFY(manager.activate(displays));
+        manager.toggleGroupMute();
+        // The member comes back but the list has not reached reconcile yet.
+        const AudioObjectID right = rig.addOutput(rig.rightUID, "Right Display");
+        rig.audio->refresh();
+        QCoreApplication::sendPostedEvents(rig.audio.get());
+        const int creates = rig.hardware->createAggregateCallCount();
+
+        QVERIFY(manager.activate(displays));
+
+        QCOMPARE(rig.hardware->createAggregateCallCount(), creates + 1);
+        QCOMPARE(manager.isMuted(), false);
+        QCOMPARE(manager.activeMemberUIDs(), (QStringList{rig.leftUID, rig.rightUID}));
+        QCOMPARE(rig.volumeOf(right), 0.4f);
+    }
+
+    void memberThatVanishesIsDroppedAndLeadsAgainWhenBack() {
+        GroupTestRig rig;
+        const OutputGroup displays =
+            makeGroup("Displays", {rig.leftUID, rig.rightUID}, rig.rightUID, 0.3);
+        GroupManager& manager = rig.launchWith({displays});
+        QVERIFY(manager.activate(displays));
+        settle();
+
+        rig.hardware->removeDevice(rig.right);
+        settle();
+        QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(displays.id));
+        QCOMPARE(manager.activeMemberUIDs(), QStringList{rig.leftUID});
+        QVariantMap description = rig.activeDescription();
+        QCOMPARE(description.value("master").toString(), rig.leftUID);
+        QCOMPARE(GroupTestRig::subdeviceUIDs(description), QStringList{rig.leftUID});
+        QCOMPARE(rig.defaultOutput(), *manager.activeDeviceID());
+        QCOMPARE(int(rig.hardware->aggregateDevices().size()), 1);
+
+        const AudioObjectID right = rig.addOutput(rig.rightUID, "Right Display");
+        settle();
+        description = rig.activeDescription();
+        QCOMPARE(description.value("master").toString(), rig.rightUID);
+        QCOMPARE(GroupTestRig::subdeviceUIDs(description),
+                 (QStringList{rig.leftUID, rig.rightUID}));
+        QCOMPARE(rig.volumeOf(right), 0.3f);
+        QCOMPARE(rig.defaultOutput(), *manager.activeDeviceID());
+        QCOMPARE(manager.activeGroup()->masterUID, rig.rightUID);
+    }
+
+    void lastMemberGoneEndsTheGroup() {
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        GroupManager& manager = rig.launchWith({displays});
+        QVERIFY(manager.activate(displays));
+        settle();
+        rig.hardware->removeDevice(rig.left);
+        rig.hardware->removeDevice(rig.right);
+        settle();
+        QCOMPARE(manager.activeGroupID(), std::nullopt);
+        QCOMPARE(rig.defaultOutput(), rig.speakers);
+        QVERIFY(!rig.defaults->objectForKey(SettingsKeys::activeGroup));
+
+        // It does not come back by itself with its devices.
+        rig.addOutput(rig.leftUID, "Left Display");
+        settle();
+        QCOMPARE(manager.activeGroupID(), std::nullopt);
+    }
+
+    void ownChangesEndAtTheMemberComparison() {
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        GroupManager& manager = rig.launchWith({displays});
+        QVERIFY(manager.activate(displays));
+        manager.setMasterVolume(displays, 0.2);
+        settle();
+        QCOMPARE(rig.hardware->createAggregateCallCount(), 1);
+
+        // An unrelated device plugged in reaches reconcile through the queued lists, and ends
+        // there.
+        QSignalSpy lists(rig.audio.get(), &AudioDeviceManager::outputDevicesChanged);
+        rig.addOutput("usb:Acme:Dock:1:1,2", "Dock");
+        settle();
+        QVERIFY(lists.count() >= 1);
+        QCOMPARE(rig.hardware->createAggregateCallCount(), 1);
+        QCOMPARE(rig.hardware->destroyAggregateCallCount(), 0);
+    }
+
+    void pluggedMemberReachesReconcileThroughTheQueuedLists() {
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        GroupManager& manager = rig.launchWith({displays});
+        rig.hardware->removeDevice(rig.right);
+        settle();
+        QVERIFY(manager.activate(displays));
+        settle();
+        QCOMPARE(rig.hardware->createAggregateCallCount(), 1);
+
+        rig.addOutput(rig.rightUID, "Right Display");
+        // Before the loop turns, nothing has been rebuilt: the lists come later.
+        QCOMPARE(rig.hardware->createAggregateCallCount(), 1);
+        settle();
+        QCOMPARE(rig.hardware->createAggregateCallCount(), 2);
+        QCOMPARE(manager.activeMemberUIDs(), (QStringList{rig.leftUID, rig.rightUID}));
+    }
+
+    void aggregateVanishingBehindOurBackIsRebuilt() {
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID}, {}, 0.7);
+        GroupManager& manager = rig.launchWith({displays});
+        QVERIFY(manager.activate(displays));
+        settle();
+        const AudioObjectID old = *manager.activeDeviceID();
+        rig.hardware->setDeviceVolume(rig.left, 0, 0.1f);
+
+        // The sound server restarted: its combined sink is gone, the default fell back.
+        rig.hardware->AudioHardwareDestroyAggregateDevice(old);
+        rig.hardware->setDefaultOutputDevice(rig.speakers);
+        settle();
+
+        QVERIFY(manager.activeDeviceID());
+        QVERIFY(*manager.activeDeviceID() != old);
+        QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(displays.id));
+        QCOMPARE(rig.defaultOutput(), *manager.activeDeviceID());
+        QCOMPARE(int(rig.hardware->aggregateDevices().size()), 1);
+        QCOMPARE(rig.volumeOf(rig.left), 0.7f);
+        QCOMPARE(manager.previousOutputUID(), std::optional<QString>(rig.speakersUID));
+    }
+
+    void groupComesBackAfterAFullServerRestart() {
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        GroupManager& manager = rig.launchWith({displays});
+        QVERIFY(manager.activate(displays));
+        settle();
+
+        // Everything goes, then the devices come back with new ids.
+        rig.hardware->AudioHardwareDestroyAggregateDevice(*manager.activeDeviceID());
+        for (AudioObjectID id : {rig.speakers, rig.left, rig.right, rig.headphones})
+            rig.hardware->removeDevice(id);
+        settle();
+        QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(displays.id)); // still on, waiting
+
+        rig.addOutput(rig.speakersUID, "Speakers");
+        rig.addOutput(rig.leftUID, "Left Display");
+        rig.addOutput(rig.rightUID, "Right Display");
+        settle();
+
+        QVERIFY(manager.activeDeviceID());
+        QCOMPARE(manager.activeMemberUIDs(), (QStringList{rig.leftUID, rig.rightUID}));
+        QCOMPARE(rig.defaultOutput(), *manager.activeDeviceID());
+    }
+
+    void wakeReconcilesAfterADelay() {
+        GroupTestRig rig;
+        const OutputGroup a = makeGroup("A", {rig.leftUID, rig.rightUID});
+        const OutputGroup b = makeGroup("B", {rig.headphonesUID});
+        GroupManager& manager = rig.launchWith({a, b});
+        QVERIFY(manager.activate(a));
+        settle();
+        // What changed while asleep is not announced by the lists, as after a resume.
+        const QSignalBlocker quietLists(rig.audio.get());
+        rig.hardware->failNextAggregateCreation();
+        QVERIFY(!manager.activate(b)); // A on without aggregate: only a reconcile retries
+        settle();
+        QCOMPARE(manager.activeDeviceID(), std::nullopt);
+
+        emit rig.sleepMonitor.didWake();
+        settle();
+        QCOMPARE(manager.activeDeviceID(), std::nullopt); // not at once
+
+        QTRY_VERIFY_WITH_TIMEOUT(manager.activeDeviceID().has_value(), 5000);
+        QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(a.id));
+        QCOMPARE(rig.defaultOutput(), *manager.activeDeviceID());
+    }
+
+    void publishedFieldsAnnounceEveryAssignment() {
+        GroupTestRig rig;
+        GroupManager& manager = rig.launch();
+        QSignalSpy active(&manager, &GroupManager::activeGroupIDChanged);
+        QSignalSpy muted(&manager, &GroupManager::isMutedChanged);
+        QSignalSpy groups(&manager, &GroupManager::groupsChanged);
+        manager.deactivate();
+        manager.deactivate();
+        manager.setGroups(manager.groups());
+        QCOMPARE(active.count(), 2);
+        QCOMPARE(muted.count(), 2);
+        QCOMPARE(groups.count(), 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestGroupActivation)
+#include "tst_group_activation.moc"

@@ -1,0 +1,189 @@
+#include "GroupTestRig.h"
+
+#include <QtTest>
+
+using Names = QMap<QString, QString>;
+
+// What happens when GroupManager is made: loading, the fold of old names, the orphan pass and the
+// restore of the group that was on when the program last ran.
+class TestGroupManagerLaunch : public QObject {
+    Q_OBJECT
+
+private slots:
+    void storedGroupsAndPrioritiesLoad() {
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        rig.storeGroups({displays});
+        rig.defaults->setStringArray({rig.headphonesUID, rig.speakersUID},
+                                     SettingsKeys::devicePriority);
+        rig.defaults->setStringArray({"mic"}, SettingsKeys::inputPriority);
+        GroupManager& manager = rig.launch();
+        QCOMPARE(manager.groups().size(), 1);
+        QVERIFY(manager.groups().first() == displays);
+        QCOMPARE(manager.devicePriority(), (QStringList{rig.headphonesUID, rig.speakersUID}));
+        QCOMPARE(manager.inputPriority(), QStringList{"mic"});
+    }
+
+    void corruptListLoadsEmptyAndStaysUntilTheNextSave() {
+        GroupTestRig rig;
+        const QByteArray corrupt = R"([{"name":"ok"},{"name":7}])";
+        rig.defaults->setData(corrupt, SettingsKeys::groups);
+        GroupManager& manager = rig.launch();
+        QVERIFY(manager.groups().isEmpty());
+        QCOMPARE(rig.defaults->dataForKey(SettingsKeys::groups),
+                 std::optional<QByteArray>(corrupt));
+
+        manager.setGroups({makeGroup("New", {rig.leftUID})});
+        manager.saveGroups();
+        const auto stored =
+            OutputGroupCodec::decode(*rig.defaults->dataForKey(SettingsKeys::groups));
+        QVERIFY(stored);
+        QCOMPARE(stored->size(), 1);
+        QCOMPARE(stored->first().name, QStringLiteral("New"));
+    }
+
+    void oldDeviceNamesFoldIntoCustomNames_data() {
+        QTest::addColumn<Names>("customBefore");
+        QTest::addColumn<Names>("groupNames");
+        QTest::addColumn<Names>("customAfter");
+        QTest::addColumn<int>("posts");
+        const QString uid = "usb:Acme:LeftDisplay:1001:1,2";
+        const QString drifted = "usb:Acme:LeftDisplay:5555:1,2";
+        QTest::newRow("new name stored trimmed")
+            << Names{} << Names{{uid, "  Left \n"}} << Names{{uid, "Left"}} << 1;
+        QTest::newRow("existing custom name left")
+            << Names{{uid, "Mine"}} << Names{{uid, "Old"}} << Names{{uid, "Mine"}} << 0;
+        QTest::newRow("drifted key moves to the stored uid")
+            << Names{{drifted, "Mine"}} << Names{{uid, "Old"}} << Names{{uid, "Mine"}} << 1;
+        QTest::newRow("blank name removes nothing stored")
+            << Names{{"other", "Other"}} << Names{{uid, "   "}} << Names{{"other", "Other"}} << 1;
+        QTest::newRow("two entries")
+            << Names{} << Names{{uid, "L"}, {"b", "B"}} << Names{{uid, "L"}, {"b", "B"}} << 2;
+    }
+
+    void oldDeviceNamesFoldIntoCustomNames() {
+        QFETCH(Names, customBefore);
+        QFETCH(Names, groupNames);
+        QFETCH(Names, customAfter);
+        QFETCH(int, posts);
+        GroupTestRig rig;
+        rig.defaults->setStringDictionary(customBefore, SettingsKeys::deviceNames);
+        OutputGroup group = makeGroup("Old", {rig.leftUID});
+        group.deviceNames = groupNames;
+        rig.storeGroups({group});
+        int posted = 0;
+        rig.center.addObserver(Notifications::deviceNamesChanged, nullptr, [&] { ++posted; });
+
+        GroupManager& manager = rig.launch();
+
+        QCOMPARE(rig.defaults->stringDictionaryForKey(SettingsKeys::deviceNames).value_or(Names()),
+                 customAfter);
+        QCOMPARE(posted, posts);
+        // The old names stay in the record and are written again.
+        QCOMPARE(manager.groups().first().deviceNames, groupNames);
+    }
+
+    void orphanPassDestroysOnlyOurLeftovers() {
+        GroupTestRig rig;
+        AudioObjectID ours = 0, perApp = 0, foreign = 0;
+        auto create = [&](const QString& uid, AudioObjectID& id) {
+            const QVariantMap description{
+                {kAudioAggregateDeviceNameKey, "x"},
+                {kAudioAggregateDeviceUIDKey, uid},
+                {kAudioAggregateDeviceIsStackedKey, 1},
+                {kAudioAggregateDeviceIsPrivateKey, 0},
+                {kAudioAggregateDeviceMainSubDeviceKey, rig.leftUID},
+                {kAudioAggregateDeviceSubDeviceListKey,
+                 QVariantList{QVariantMap{{kAudioSubDeviceUIDKey, rig.leftUID},
+                                          {kAudioSubDeviceDriftCompensationKey, 0}}}}};
+            QCOMPARE(rig.hardware->AudioHardwareCreateAggregateDevice(description, id),
+                     kAudioHardwareNoError);
+        };
+        create("com.kestrivane.ondril.group." +
+                   QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper(),
+               ours);
+        create("com.kestrivane.ondril.group.app.firefox", perApp);
+        create("com.example.other.aggregate", foreign);
+
+        rig.launch();
+
+        const auto remaining = rig.hardware->aggregateDevices();
+        QCOMPARE(int(remaining.size()), 1);
+        QCOMPARE(remaining.front(), foreign);
+        QVERIFY(rig.hardware->deviceWithUID(rig.leftUID)); // real devices are never touched
+    }
+
+    void restoreAtLaunch_data() {
+        QTest::addColumn<QString>("storedKey"); // "group" stands for the stored group's id
+        QTest::addColumn<bool>("membersPresent");
+        QTest::addColumn<bool>("expectOn");
+        QTest::newRow("present members") << "group" << true << true;
+        QTest::newRow("lower-case key") << "group-lower" << true << true;
+        QTest::newRow("no member present") << "group" << false << false;
+        QTest::newRow("invalid id") << "not a uuid" << true << false;
+        QTest::newRow("unknown id")
+            << QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper() << true << false;
+        QTest::newRow("no key") << QString() << true << false;
+    }
+
+    void restoreAtLaunch() {
+        QFETCH(QString, storedKey);
+        QFETCH(bool, membersPresent);
+        QFETCH(bool, expectOn);
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        rig.storeGroups({displays});
+        if (!membersPresent) {
+            rig.hardware->removeDevice(rig.left);
+            rig.hardware->removeDevice(rig.right);
+        }
+        QString key = storedKey;
+        if (storedKey == "group")
+            key = OutputGroupCodec::uuidText(displays.id);
+        else if (storedKey == "group-lower")
+            key = OutputGroupCodec::uuidText(displays.id).toLower();
+        if (!key.isNull())
+            rig.defaults->setString(key, SettingsKeys::activeGroup);
+        // A leftover of the last run, as quitting leaves it.
+        AudioObjectID leftover = 0;
+        rig.hardware->AudioHardwareCreateAggregateDevice(
+            GroupManager::aggregateDescription("Displays", {rig.speakersUID}, rig.speakersUID,
+                                               displays.id),
+            leftover);
+
+        GroupManager& manager = rig.launch();
+
+        QCOMPARE(manager.activeGroupID().has_value(), expectOn);
+        if (expectOn) {
+            QCOMPARE(*manager.activeGroupID(), displays.id);
+            QCOMPARE(rig.defaultOutput(), *manager.activeDeviceID());
+            QVERIFY(*manager.activeDeviceID() != leftover);
+            QCOMPARE(int(rig.hardware->aggregateDevices().size()), 1);
+            QCOMPARE(rig.volumeOf(rig.left), 0.65f);
+            QCOMPARE(rig.hardware->createAggregateCallCount(), 2); // the leftover, then ours once
+        } else {
+            QVERIFY(rig.hardware->aggregateDevices().empty());
+        }
+        // The key stays whatever the outcome; only deactivation removes it.
+        if (!key.isNull())
+            QVERIFY(rig.defaults->objectForKey(SettingsKeys::activeGroup));
+    }
+
+    void restoreStepsAsideForAGroupAlreadyOn() {
+        GroupTestRig rig;
+        const OutputGroup a = makeGroup("A", {rig.leftUID});
+        const OutputGroup b = makeGroup("B", {rig.rightUID});
+        rig.storeGroups({a, b});
+        rig.defaults->setString(OutputGroupCodec::uuidText(a.id), SettingsKeys::activeGroup);
+        rig.audio = std::make_unique<AudioDeviceManager>(*rig.hardware);
+        rig.manager = std::make_unique<GroupManager>(*rig.audio, *rig.settings, rig.sleepMonitor);
+        // A rule puts B on before the queued restore runs.
+        QCoreApplication::sendPostedEvents(rig.audio.get());
+        QVERIFY(rig.manager->activate(b));
+        settle();
+        QCOMPARE(rig.manager->activeGroupID(), std::optional<QUuid>(b.id));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestGroupManagerLaunch)
+#include "tst_group_manager_launch.moc"
