@@ -37,3 +37,5 @@ void NotificationCenter::post(const QString& name)
         observer();
     }
 }
+
+#include "moc_NotificationCenter.cpp"

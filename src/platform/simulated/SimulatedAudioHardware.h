@@ -62,6 +62,7 @@ public:
     void setDefaultOutputDevice(AudioObjectID deviceID); // behind the program's back
     void setDefaultInputDevice(AudioObjectID deviceID);
     void setDeviceVolume(AudioObjectID deviceID, AudioObjectPropertyElement element, float value);
+    void setDeviceMute(AudioObjectID deviceID, bool muted);
     void setDeviceName(AudioObjectID deviceID, const QString& name);
     AudioObjectID addProcess(const ProcessSpec& spec);
     bool removeProcess(AudioObjectID processID);
@@ -77,10 +78,12 @@ public:
     int createAggregateCallCount() const;
     int destroyAggregateCallCount() const;
     bool isDeviceRunning(AudioObjectID deviceID) const;
+    int ioProcCount(AudioObjectID deviceID) const; // created and not destroyed, started or not
 
     // --- Real-time driving: runs every started IO procedure of the device once with the given
     // interleaved input, and returns what the procedure wrote for `frames` frames. ---
-    IOCycleResult runIOCycle(AudioObjectID deviceID, const std::vector<float>& input, std::uint32_t frames);
+    IOCycleResult runIOCycle(AudioObjectID deviceID, const std::vector<float>& input,
+                             std::uint32_t frames);
 
     // --- Faults. A fault stays until cleared. ---
     void failNextAggregateCreation(int count = 1, OSStatus status = kAudioHardwareUnspecifiedError);
@@ -92,30 +95,51 @@ public:
     void clearFaults();
 
     // --- AudioHardware ---
-    bool AudioObjectHasProperty(AudioObjectID objectID, const AudioObjectPropertyAddress& address) const override;
-    OSStatus AudioObjectIsPropertySettable(AudioObjectID objectID, const AudioObjectPropertyAddress& address,
+    bool AudioObjectHasProperty(AudioObjectID objectID,
+                                const AudioObjectPropertyAddress& address) const override;
+    OSStatus AudioObjectIsPropertySettable(AudioObjectID objectID,
+                                           const AudioObjectPropertyAddress& address,
                                            bool& outIsSettable) const override;
-    OSStatus AudioObjectGetPropertyDataSize(AudioObjectID objectID, const AudioObjectPropertyAddress& address,
+    OSStatus AudioObjectGetPropertyDataSize(AudioObjectID objectID,
+                                            const AudioObjectPropertyAddress& address,
                                             std::uint32_t& outDataSize) const override;
-    OSStatus AudioObjectGetPropertyData(AudioObjectID objectID, const AudioObjectPropertyAddress& address,
+    OSStatus AudioObjectGetPropertyData(AudioObjectID objectID,
+                                        const AudioObjectPropertyAddress& address,
                                         AudioPropertyValue& outData) const override;
-    OSStatus AudioObjectSetPropertyData(AudioObjectID objectID, const AudioObjectPropertyAddress& address,
+    OSStatus AudioObjectSetPropertyData(AudioObjectID objectID,
+                                        const AudioObjectPropertyAddress& address,
                                         const AudioPropertyValue& data) override;
-    OSStatus AudioObjectAddPropertyListenerBlock(AudioObjectID objectID, const AudioObjectPropertyAddress& address,
-                                                 AudioObjectPropertyListenerBlock listener,
-                                                 AudioObjectPropertyListenerToken& outToken) override;
-    OSStatus AudioObjectRemovePropertyListenerBlock(AudioObjectPropertyListenerToken token) override;
-    OSStatus AudioHardwareCreateAggregateDevice(const QVariantMap& description, AudioObjectID& outDeviceID) override;
+    OSStatus
+    AudioObjectAddPropertyListenerBlock(AudioObjectID objectID,
+                                        const AudioObjectPropertyAddress& address,
+                                        AudioObjectPropertyListenerBlock listener,
+                                        AudioObjectPropertyListenerToken& outToken) override;
+    OSStatus
+    AudioObjectRemovePropertyListenerBlock(AudioObjectPropertyListenerToken token) override;
+    OSStatus AudioHardwareCreateAggregateDevice(const QVariantMap& description,
+                                                AudioObjectID& outDeviceID) override;
     OSStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID) override;
-    OSStatus AudioHardwareCreateProcessTap(const CATapDescription& description, AudioObjectID& outTapID) override;
+    OSStatus AudioHardwareCreateProcessTap(const CATapDescription& description,
+                                           AudioObjectID& outTapID) override;
     OSStatus AudioHardwareDestroyProcessTap(AudioObjectID tapID) override;
-    OSStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID& outProcID, AudioObjectID deviceID,
+    OSStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID& outProcID,
+                                                AudioObjectID deviceID,
                                                 AudioDeviceIOBlock block) override;
-    OSStatus AudioDeviceDestroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
+    OSStatus AudioDeviceDestroyIOProcID(AudioObjectID deviceID,
+                                        AudioDeviceIOProcID procID) override;
     OSStatus AudioDeviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
     OSStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
 
 private:
+    // Queues one delivery per matching listener (same object, same selector) to the main thread.
+    void notify(AudioObjectID objectID, AudioObjectPropertySelector selector,
+                AudioObjectPropertyScope scope = kAudioObjectPropertyScopeGlobal,
+                AudioObjectPropertyElement element = kAudioObjectPropertyElementMain);
+    void forgetDevice(AudioObjectID deviceID);
+    bool isObject(AudioObjectID objectID) const;
+    std::optional<AudioPropertyValue>
+    propertyValue(AudioObjectID objectID, const AudioObjectPropertyAddress& address) const;
+
     struct State;
     std::unique_ptr<State> d;
 };

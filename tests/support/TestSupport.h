@@ -1,0 +1,21 @@
+#pragma once
+
+#include <QString>
+
+#include <functional>
+
+// Helpers for tests of code that publishes through the event loop.
+namespace TestSupport {
+
+// Lets queued deliveries run: processes posted events `turns` times (a delivery that queues
+// another one needs a second turn).
+void spinEventLoop(int turns = 3);
+
+// Processes events until `condition` holds, at most `maxTurns` turns. Counts turns rather than
+// time, so a slow machine does not turn into a failure. Returns whether the condition held.
+bool spinUntil(const std::function<bool()>& condition, int maxTurns = 1000);
+
+// The environment's helper directory (the build directory), where the built `ondril` lies.
+QString helperDirectory();
+
+} // namespace TestSupport
