@@ -68,13 +68,13 @@ public:
     // Takes a sink out of the mirror at once, after the caller removed it on the server.
     void forgetSink(const QString& name);
 
-signals:
-    // Queued to the main thread.
-    void notices(const PulseMirror::Notices& notices);
-
     // Shared between a waiting caller and the libpulse callbacks; defined in the source.
     struct Pending;
     struct Request;
+
+signals:
+    // Queued to the main thread.
+    void notices(const PulseMirror::Notices& notices);
 
 private:
     enum class Apply { Sink, Source, Stream, Client, Module, Server };
