@@ -468,9 +468,18 @@ OSStatus PulseAudioHardware::AudioHardwareDestroyAggregateDevice(AudioObjectID d
     if (!module)
         return kAudioHardwareBadDeviceError;
     const OSStatus status = m_connection->unloadModule(*module);
-    if (status == kAudioHardwareNoError)
-        m_connection->forgetSink(*name);
-    return status;
+    if (status != kAudioHardwareNoError)
+        return status;
+    // PulseAudio unloads a module after it has answered, and the sink's last change events may
+    // still bring it back into the mirror: wait until the server no longer knows the sink, so
+    // that an aggregate rebuilt under the same UID right away does not collide with it.
+    QElapsedTimer timer;
+    timer.start();
+    while (m_connection->refetchSink(*name) == kAudioHardwareNoError &&
+           timer.elapsed() < PulseConnection::kOperationTimeoutMs)
+        QThread::msleep(10);
+    m_connection->forgetSink(*name);
+    return kAudioHardwareNoError;
 }
 
 OSStatus PulseAudioHardware::AudioHardwareCreateProcessTap(const CATapDescription&,

@@ -299,7 +299,26 @@ private slots:
         QVERIFY(deviceListCalls > callsBefore);
     }
 
+    void playingStreamFollowsTheNewDefault_data() {
+        QTest::addColumn<bool>("pinnedBefore");
+        QTest::newRow("new stream") << false;
+        // The application played to studio_left by name before: the server remembers that.
+        QTest::newRow("stream the server remembers on a sink") << true;
+    }
     void playingStreamFollowsTheNewDefault() {
+        QFETCH(bool, pinnedBefore);
+        if (pinnedBefore) {
+            auto earlier = m_server->playTone("studio_left", "ondril-follower");
+            QVERIFY(earlier);
+            QVERIFY(QTest::qWaitFor(
+                [&] { return m_server->sinkOfStream("ondril-follower") == "studio_left"; },
+                kGenerousWaitMs));
+            earlier->kill();
+            earlier->waitForFinished();
+            QVERIFY(
+                QTest::qWaitFor([&] { return m_server->sinkOfStream("ondril-follower").isEmpty(); },
+                                kGenerousWaitMs));
+        }
         const auto devices = devicesByUID(*m_hardware);
         QCOMPARE(m_hardware->AudioObjectSetPropertyData(kAudioObjectSystemObject, kDefaultOutput,
                                                         devices.at("studio_left")),
@@ -412,6 +431,29 @@ private slots:
         QVERIFY(devicesByUID(*m_hardware).count(uid) == 0);
         QVERIFY(
             QTest::qWaitFor([&] { return !m_server->sinkNames().contains(uid); }, kGenerousWaitMs));
+    }
+
+    void aggregateRebuiltUnderTheSameUIDRightAfterDestroy() {
+        // What a group does when a member comes or goes: destroy, then build again at once.
+        const QString uid = groupUID();
+        AudioObjectID first = 0;
+        QCOMPARE(
+            m_hardware->AudioHardwareCreateAggregateDevice(
+                aggregateDescription(uid, "Both Displays", {"studio_left"}, "studio_left"), first),
+            kAudioHardwareNoError);
+        QCOMPARE(m_hardware->AudioHardwareDestroyAggregateDevice(first), kAudioHardwareNoError);
+        AudioObjectID second = 0;
+        QCOMPARE(m_hardware->AudioHardwareCreateAggregateDevice(
+                     aggregateDescription(uid, "Both Displays", {"studio_left", "studio_right"},
+                                          "studio_left"),
+                     second),
+                 kAudioHardwareNoError);
+        QCOMPARE(second, first); // same UID, same id
+        const auto module = m_server->owningModule(uid);
+        QVERIFY(module);
+        QVERIFY2(module->second.contains("slaves=studio_left,studio_right"),
+                 qPrintable(module->second));
+        QCOMPARE(m_hardware->AudioHardwareDestroyAggregateDevice(second), kAudioHardwareNoError);
     }
 
     void aggregateWithAMissingMemberIsRefused() {
