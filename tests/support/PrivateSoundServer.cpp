@@ -155,6 +155,12 @@ bool PrivateSoundServer::startPulseAudio() {
         return (m_error = QStringLiteral("cannot write %1").arg(script)), false;
     file.write(kPulseScript);
     file.close();
+    // PulseAudio limits itself to 256 descriptors by default: not enough for 64 null sinks.
+    QDir().mkpath(m_root + QStringLiteral("/home/.config/pulse"));
+    QFile configuration(m_root + QStringLiteral("/home/.config/pulse/daemon.conf"));
+    if (configuration.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        configuration.write("rlimit-nofile = 4096\n");
+    configuration.close();
     // As root PulseAudio only warns that it is meant for --system; a per-user daemon still runs.
     auto daemon =
         spawn(QStringLiteral("pulseaudio"),
