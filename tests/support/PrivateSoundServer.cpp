@@ -352,6 +352,19 @@ QString PrivateSoundServer::sinkOfStream(const QString& applicationName) const {
     return {};
 }
 
+std::optional<quint32> PrivateSoundServer::streamIndex(const QString& applicationName) const {
+    const auto inputs = pactl({QStringLiteral("-f"), QStringLiteral("json"), QStringLiteral("list"),
+                               QStringLiteral("sink-inputs")});
+    if (!inputs)
+        return std::nullopt;
+    for (const QJsonValue& input : QJsonDocument::fromJson(inputs->toUtf8()).array()) {
+        const QJsonObject properties = input[QLatin1String("properties")].toObject();
+        if (properties.value(QLatin1String("application.name")).toString() == applicationName)
+            return quint32(input[QLatin1String("index")].toDouble());
+    }
+    return std::nullopt;
+}
+
 std::optional<std::pair<quint32, QString>>
 PrivateSoundServer::owningModule(const QString& sink) const {
     const auto sinks = pactl({QStringLiteral("-f"), QStringLiteral("json"), QStringLiteral("list"),

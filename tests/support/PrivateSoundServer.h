@@ -61,6 +61,7 @@ public:
     std::optional<bool> sinkMute(const QString& sink) const;
     // Sink a sink-input of the given application name plays to (name), empty if none.
     QString sinkOfStream(const QString& applicationName) const;
+    std::optional<quint32> streamIndex(const QString& applicationName) const;
     // Module index and arguments of the module that owns the sink.
     std::optional<std::pair<quint32, QString>> owningModule(const QString& sink) const;
 

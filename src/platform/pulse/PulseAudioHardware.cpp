@@ -288,12 +288,15 @@ OSStatus PulseAudioHardware::setDefaultOutput(AudioObjectID deviceID) {
         return sink ? sink->name : QString();
     });
     const OSStatus status = m_connection->setDefaultSink(*name);
-    if (status != kAudioHardwareNoError || isPipeWire())
-        return status; // PipeWire's session manager moves the streams that follow the default.
+    if (status != kAudioHardwareNoError)
+        return status;
 
-    // PulseAudio moves streams that follow the default, but module-stream-restore pins a stream
-    // to the sink it last played on: drop those pins, and move what still plays on the old default.
-    m_connection->unpinRestoredSinkInputs();
+    // Both servers move the streams that follow the default themselves, but both remember the
+    // sink a user moved an application to (module-stream-restore, WirePlumber's restore-stream)
+    // and keep it there. On PulseAudio drop those pins; on both, move what still plays on the
+    // old default.
+    if (!isPipeWire())
+        m_connection->unpinRestoredSinkInputs();
     const auto toMove = m_connection->readMirror([&](const PulseMirror& mirror) {
         std::vector<std::uint32_t> indices;
         const auto* oldSink = mirror.sink(previous);

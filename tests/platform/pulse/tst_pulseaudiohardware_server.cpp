@@ -302,14 +302,21 @@ private slots:
     void playingStreamFollowsTheNewDefault_data() {
         QTest::addColumn<bool>("pinnedBefore");
         QTest::newRow("new stream") << false;
-        // The application played to studio_left by name before: the server remembers that.
+        // The user moved the application to studio_left in a mixer before: the server remembers
+        // that (module-stream-restore, WirePlumber's restore-stream) and pins it there.
         QTest::newRow("stream the server remembers on a sink") << true;
     }
     void playingStreamFollowsTheNewDefault() {
         QFETCH(bool, pinnedBefore);
         if (pinnedBefore) {
-            auto earlier = m_server->playTone("studio_left", "ondril-follower");
+            QVERIFY(m_server->pactl({"set-default-sink", "airpods"}));
+            auto earlier = m_server->playTone({}, "ondril-follower");
             QVERIFY(earlier);
+            std::optional<quint32> stream;
+            QVERIFY(QTest::qWaitFor(
+                [&] { return (stream = m_server->streamIndex("ondril-follower")).has_value(); },
+                kGenerousWaitMs));
+            QVERIFY(m_server->pactl({"move-sink-input", QString::number(*stream), "studio_left"}));
             QVERIFY(QTest::qWaitFor(
                 [&] { return m_server->sinkOfStream("ondril-follower") == "studio_left"; },
                 kGenerousWaitMs));
