@@ -312,10 +312,12 @@ private slots:
             QVERIFY(m_server->pactl({"set-default-sink", "airpods"}));
             auto earlier = m_server->playTone({}, "ondril-follower");
             QVERIFY(earlier);
-            std::optional<quint32> stream;
+            // PipeWire shows a stream before it is placed; move it only once it plays somewhere.
             QVERIFY(QTest::qWaitFor(
-                [&] { return (stream = m_server->streamIndex("ondril-follower")).has_value(); },
+                [&] { return m_server->sinkOfStream("ondril-follower") == "airpods"; },
                 kGenerousWaitMs));
+            const auto stream = m_server->streamIndex("ondril-follower");
+            QVERIFY(stream);
             QVERIFY(m_server->pactl({"move-sink-input", QString::number(*stream), "studio_left"}));
             QVERIFY(QTest::qWaitFor(
                 [&] { return m_server->sinkOfStream("ondril-follower") == "studio_left"; },
