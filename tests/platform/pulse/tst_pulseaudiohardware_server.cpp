@@ -465,6 +465,52 @@ private slots:
         QCOMPARE(m_hardware->AudioHardwareDestroyAggregateDevice(second), kAudioHardwareNoError);
     }
 
+    void leftoverAggregateUnderTheSameUIDMakesWay() {
+        const QString uid = groupUID();
+        AudioObjectID leftover = 0;
+        QCOMPARE(m_hardware->AudioHardwareCreateAggregateDevice(
+                     aggregateDescription(uid, "Old", {"airpods"}, "airpods"), leftover),
+                 kAudioHardwareNoError);
+        AudioObjectID fresh = 0;
+        QCOMPARE(
+            m_hardware->AudioHardwareCreateAggregateDevice(
+                aggregateDescription(uid, "New", {"studio_left", "builtin"}, "builtin"), fresh),
+            kAudioHardwareNoError);
+        QCOMPARE(m_server->sinkNames().count(uid), 1);
+        const auto module = m_server->owningModule(uid);
+        QVERIFY(module);
+        QVERIFY2(module->second.contains("slaves=builtin,studio_left"), qPrintable(module->second));
+        QCOMPARE(read<QString>(*m_hardware, fresh,
+                               {kAudioObjectPropertyName, kAudioObjectPropertyScopeGlobal, 0}),
+                 std::optional<QString>("New"));
+    }
+
+    void aggregateNamedLikeAPlainSinkIsRefused() {
+        AudioObjectID aggregate = 0;
+        QVERIFY(m_hardware->AudioHardwareCreateAggregateDevice(
+                    aggregateDescription("builtin", "Impostor", {"studio_left"}, "studio_left"),
+                    aggregate) != kAudioHardwareNoError);
+        QVERIFY(m_server->sinkNames().contains("builtin"));
+    }
+
+    void writeToAStalledServerFailsInsteadOfHanging() {
+        const auto devices = devicesByUID(*m_hardware);
+        const AudioObjectID studio = devices.at("studio_left");
+        m_server->pause();
+        const OSStatus volume =
+            m_hardware->AudioObjectSetPropertyData(studio, volumeAddress(0), 0.2f);
+        const OSStatus defaultOutput = m_hardware->AudioObjectSetPropertyData(
+            kAudioObjectSystemObject, kDefaultOutput, devices.at("airpods"));
+        m_server->resume();
+        QVERIFY(volume != kAudioHardwareNoError);
+        QVERIFY(defaultOutput != kAudioHardwareNoError);
+        // The connection outlives the stall.
+        QTRY_COMPARE_WITH_TIMEOUT(
+            m_hardware->AudioObjectSetPropertyData(studio, volumeAddress(0), 0.3f),
+            kAudioHardwareNoError, kGenerousWaitMs);
+        QCOMPARE(m_server->sinkVolumePercent("studio_left"), (std::vector<int>{30, 30}));
+    }
+
     void aggregateWithAMissingMemberIsRefused() {
         AudioObjectID aggregate = 0;
         QVERIFY(m_hardware->AudioHardwareCreateAggregateDevice(
