@@ -264,6 +264,25 @@ private slots:
         QCOMPARE(m_server->sinkMute("airpods"), std::optional<bool>(muted));
     }
 
+    void inputVolumeAndMuteLiveInTheInputScope() {
+        const QString input = PrivateSoundServer::defaultInput().name;
+        const AudioObjectID id = devicesByUID(*m_hardware).at(input);
+        const AudioObjectPropertyAddress volume{kAudioDevicePropertyVolumeScalar,
+                                                kAudioObjectPropertyScopeInput, 0};
+        const AudioObjectPropertyAddress mute{kAudioDevicePropertyMute,
+                                              kAudioObjectPropertyScopeInput, 0};
+        QVERIFY(!m_hardware->AudioObjectHasProperty(id, volumeAddress(0)));
+        QCOMPARE(m_hardware->AudioObjectSetPropertyData(id, volume, 0.35f), kAudioHardwareNoError);
+        QCOMPARE(m_hardware->AudioObjectSetPropertyData(id, mute, std::uint32_t(1)),
+                 kAudioHardwareNoError);
+        const auto output = m_server->pactl({"get-source-volume", input});
+        QVERIFY(output);
+        QVERIFY2(output->contains("35%"), qPrintable(*output));
+        const auto muted = m_server->pactl({"get-source-mute", input});
+        QVERIFY(muted);
+        QVERIFY2(muted->contains("yes"), qPrintable(*muted));
+    }
+
     void managerSetVolumeWritesEveryChannel() {
         AudioDeviceManager manager(*m_hardware);
         QVERIFY(QTest::qWaitFor([&] { return findByUID(manager.outputDevices(), "builtin"); },
