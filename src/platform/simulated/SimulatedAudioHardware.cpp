@@ -711,9 +711,12 @@ OSStatus SimulatedAudioHardware::AudioHardwareCreateProcessTap(const CATapDescri
         --d->tapFailuresLeft;
         return d->tapFailureStatus;
     }
-    for (auto processID : description.processes)
-        if (!d->processes.count(processID))
-            return kAudioHardwareBadObjectError;
+    // A tap of named processes needs them to exist; excluding one that is not there is harmless.
+    if (!description.isExclusive) {
+        for (auto processID : description.processes)
+            if (!d->processes.count(processID))
+                return kAudioHardwareBadObjectError;
+    }
 
     CATapDescription stored = description;
     if (stored.uuid.isNull())

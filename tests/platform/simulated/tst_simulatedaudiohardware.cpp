@@ -108,6 +108,7 @@ private slots:
     void aggregateChannelsFollowStacking();
     void aggregateCreationIsRefused_data();
     void aggregateCreationIsRefused();
+    void aggregateShrinksWhenAMemberGoesAndItsDestructionMovesTheDefault();
     void destroyingAPlainDeviceFails();
     void idsAreNeverReused();
     void readFaultFailsGetAndSizeUntilCleared();
@@ -394,6 +395,35 @@ void TestSimulatedAudioHardware::aggregateCreationIsRefused() {
     }
 }
 
+void TestSimulatedAudioHardware::aggregateShrinksWhenAMemberGoesAndItsDestructionMovesTheDefault() {
+    SimulatedAudioHardware hardware;
+    const AudioObjectID left =
+        hardware.addDevice(outputSpec(QStringLiteral("left"), QStringLiteral("Left"), 2));
+    const AudioObjectID right =
+        hardware.addDevice(outputSpec(QStringLiteral("right"), QStringLiteral("Right"), 4));
+    AudioObjectID id = 0;
+    QCOMPARE(hardware.AudioHardwareCreateAggregateDevice(
+                 aggregate(QStringLiteral("agg"), {QStringLiteral("left"), QStringLiteral("right")},
+                           false),
+                 id),
+             kAudioHardwareNoError);
+    QCOMPARE(channelCount(hardware, id, kAudioObjectPropertyScopeOutput), 6u);
+    QCOMPARE(hardware.AudioObjectSetPropertyData(
+                 kAudioObjectSystemObject, address(kAudioHardwarePropertyDefaultOutputDevice), id),
+             kAudioHardwareNoError);
+
+    QVERIFY(hardware.removeDevice(right));
+    QCOMPARE(channelCount(hardware, id, kAudioObjectPropertyScopeOutput), 2u);
+    QCOMPARE(
+        readUInt32(hardware, kAudioObjectSystemObject, kAudioHardwarePropertyDefaultOutputDevice),
+        id);
+
+    QCOMPARE(hardware.AudioHardwareDestroyAggregateDevice(id), kAudioHardwareNoError);
+    QCOMPARE(
+        readUInt32(hardware, kAudioObjectSystemObject, kAudioHardwarePropertyDefaultOutputDevice),
+        left);
+}
+
 void TestSimulatedAudioHardware::destroyingAPlainDeviceFails() {
     SimulatedAudioHardware hardware;
     const AudioObjectID device =
@@ -545,6 +575,13 @@ void TestSimulatedAudioHardware::refusedTapCreationLeavesNoTap() {
     QCOMPARE(hardware.AudioHardwareCreateProcessTap(description, tap), kAudioHardwareNoError);
     QVERIFY(hardware.tapDescription(tap).has_value());
     QVERIFY(!hardware.tapDescription(tap)->uuid.isNull());
+
+    CATapDescription ofGoneProcess;
+    ofGoneProcess.processes = {4242};
+    AudioObjectID refused = 0;
+    QCOMPARE(hardware.AudioHardwareCreateProcessTap(ofGoneProcess, refused),
+             kAudioHardwareBadObjectError);
+    QCOMPARE(hardware.processTaps(), std::vector<AudioObjectID>{tap});
 }
 
 void TestSimulatedAudioHardware::ioCycleRunsOnlyStartedProcedures() {
