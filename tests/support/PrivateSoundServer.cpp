@@ -250,6 +250,16 @@ void PrivateSoundServer::stop() {
     m_processes.clear();
 }
 
+void PrivateSoundServer::pause() {
+    for (const auto& process : m_processes)
+        ::kill(pid_t(process->processId()), SIGSTOP);
+}
+
+void PrivateSoundServer::resume() {
+    for (const auto& process : m_processes)
+        ::kill(pid_t(process->processId()), SIGCONT);
+}
+
 std::optional<QString> PrivateSoundServer::pactl(const QStringList& arguments,
                                                  int timeoutMs) const {
     QProcess process;

@@ -42,6 +42,9 @@ public:
     // Kills the daemons by their pids and waits for them.
     void stop();
     bool isRunning() const;
+    // Freezes the daemons (SIGSTOP) and lets them go on (SIGCONT): a server that does not answer.
+    void pause();
+    void resume();
     QString error() const { return m_error; }
     QString serverAddress() const;
 

@@ -426,13 +426,19 @@ OSStatus PulseAudioHardware::AudioHardwareCreateAggregateDevice(const QVariantMa
         members.removeAll(master);
         members.prepend(master);
     }
-    const bool membersPresent = m_connection->readMirror([&](const PulseMirror& mirror) {
-        if (mirror.sink(uid))
-            return false;
-        return std::all_of(members.begin(), members.end(),
-                           [&](const QString& member) { return mirror.sink(member); });
-    });
-    if (!membersPresent)
+    const auto [membersPresent, uidTaken] =
+        m_connection->readMirror([&](const PulseMirror& mirror) {
+            return std::make_pair(
+                std::all_of(members.begin(), members.end(),
+                            [&](const QString& member) { return mirror.sink(member); }),
+                mirror.sink(uid) != nullptr);
+        });
+    if (!membersPresent || members.contains(uid))
+        return kAudioHardwareBadDeviceError;
+    // A combined sink under this UID is a leftover of ours (a load that answered after its
+    // timeout, or an earlier run): it makes way. Any other sink of that name is refused.
+    if (uidTaken &&
+        AudioHardwareDestroyAggregateDevice(m_ids.idFor(Kind::Sink, uid)) != kAudioHardwareNoError)
         return kAudioHardwareBadDeviceError;
 
     const auto server = isPipeWire() ? PulseModuleArguments::Server::PipeWire
