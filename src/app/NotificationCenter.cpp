@@ -1,26 +1,22 @@
 #include "app/NotificationCenter.h"
 
-NotificationCenter& NotificationCenter::defaultCenter()
-{
+NotificationCenter& NotificationCenter::defaultCenter() {
     static auto* center = new NotificationCenter;
     return *center;
 }
 
-NotificationCenter::ObserverToken NotificationCenter::addObserver(const QString& name, QObject* context,
-                                                                  Observer observer)
-{
+NotificationCenter::ObserverToken
+NotificationCenter::addObserver(const QString& name, QObject* context, Observer observer) {
     const ObserverToken token = m_nextToken++;
     m_entries.push_back({token, name, context, context != nullptr, std::move(observer)});
     return token;
 }
 
-void NotificationCenter::removeObserver(ObserverToken token)
-{
+void NotificationCenter::removeObserver(ObserverToken token) {
     std::erase_if(m_entries, [token](const Entry& entry) { return entry.token == token; });
 }
 
-void NotificationCenter::post(const QString& name)
-{
+void NotificationCenter::post(const QString& name) {
     // Observers may add or remove observers while we post: take the tokens first and look each
     // one up again before calling it.
     std::erase_if(m_entries, [](const Entry& entry) { return entry.hasContext && !entry.context; });

@@ -8,8 +8,7 @@ namespace {
 
 // The text behind the last ":" is a channel list ("1,2", "3") when it is non-empty and holds
 // only digits and commas.
-bool isChannelList(QStringView text)
-{
+bool isChannelList(QStringView text) {
     if (text.isEmpty())
         return false;
     for (QChar c : text)
@@ -18,8 +17,7 @@ bool isChannelList(QStringView text)
     return true;
 }
 
-bool containsAny(const QString& text, std::initializer_list<const char*> needles)
-{
+bool containsAny(const QString& text, std::initializer_list<const char*> needles) {
     for (const char* needle : needles)
         if (text.contains(QLatin1String(needle)))
             return true;
@@ -28,24 +26,21 @@ bool containsAny(const QString& text, std::initializer_list<const char*> needles
 
 } // namespace
 
-std::optional<QString> AudioDevice::baseUID(const QString& uid)
-{
+std::optional<QString> AudioDevice::baseUID(const QString& uid) {
     const auto colon = uid.lastIndexOf(u':');
     if (colon < 0 || !isChannelList(QStringView(uid).mid(colon + 1)))
         return std::nullopt;
     return uid.left(colon);
 }
 
-std::optional<QString> AudioDevice::stableKey(const QString& uid)
-{
+std::optional<QString> AudioDevice::stableKey(const QString& uid) {
     const QStringList parts = uid.split(u':');
     if (parts.size() < 5)
         return std::nullopt;
     return parts[1] + u':' + parts[2] + u':' + parts.last();
 }
 
-std::optional<QString> AudioDevice::matchingUID(const QString& uid, const QStringList& candidates)
-{
+std::optional<QString> AudioDevice::matchingUID(const QString& uid, const QStringList& candidates) {
     const auto key = stableKey(uid);
     if (!key)
         return std::nullopt;
@@ -60,8 +55,7 @@ std::optional<QString> AudioDevice::matchingUID(const QString& uid, const QStrin
     return match;
 }
 
-QString AudioDevice::iconName() const
-{
+QString AudioDevice::iconName() const {
     if (isAirPlay)
         return QStringLiteral("airplayaudio");
     if (isInput)
@@ -78,8 +72,7 @@ QString AudioDevice::iconName() const
     return QStringLiteral("hifispeaker.fill");
 }
 
-QString AudioDevice::rowIconName(const QString& name, bool isInput)
-{
+QString AudioDevice::rowIconName(const QString& name, bool isInput) {
     if (isInput)
         return QStringLiteral("mic");
     const QString lowered = name.toLower();
@@ -92,13 +85,11 @@ QString AudioDevice::rowIconName(const QString& name, bool isInput)
     return QStringLiteral("hifispeaker.fill");
 }
 
-QString AudioDevice::displayName() const
-{
+QString AudioDevice::displayName() const {
     return displayName(AppSettings::shared());
 }
 
-QString AudioDevice::displayName(AppSettings& settings) const
-{
+QString AudioDevice::displayName(AppSettings& settings) const {
     if (auto custom = settings.customName(uid))
         return *custom;
     if (!isInput)
@@ -120,8 +111,7 @@ QString AudioDevice::displayName(AppSettings& settings) const
     return name;
 }
 
-size_t qHash(const AudioDevice& device, size_t seed)
-{
+size_t qHash(const AudioDevice& device, size_t seed) {
     QtPrivate::QHashCombine combine;
     seed = combine(seed, device.id);
     seed = combine(seed, device.uid);

@@ -56,8 +56,8 @@ signals:
     void defaultInputIDChanged();
 
 private:
-    void publish(AudioObjectID defaultOutputID, AudioObjectID defaultInputID, QList<AudioDevice> outputs,
-                 QList<AudioDevice> inputs);
+    void publish(AudioObjectID defaultOutputID, AudioObjectID defaultInputID,
+                 QList<AudioDevice> outputs, QList<AudioDevice> inputs);
 
     AudioHardware& m_hardware;
     QList<AudioDevice> m_outputDevices;

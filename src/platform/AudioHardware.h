@@ -50,11 +50,11 @@ public:
 
     // Listeners. A listener on the system object hears the system's properties ('dev#', 'dOut',
     // 'dIn ', 'prs#'); one on a device hears that device's. The token removes it.
-    virtual OSStatus AudioObjectAddPropertyListenerBlock(AudioObjectID objectID,
-                                                         const AudioObjectPropertyAddress& address,
-                                                         AudioObjectPropertyListenerBlock listener,
-                                                         AudioObjectPropertyListenerToken& outToken) = 0;
-    virtual OSStatus AudioObjectRemovePropertyListenerBlock(AudioObjectPropertyListenerToken token) = 0;
+    virtual OSStatus AudioObjectAddPropertyListenerBlock(
+        AudioObjectID objectID, const AudioObjectPropertyAddress& address,
+        AudioObjectPropertyListenerBlock listener, AudioObjectPropertyListenerToken& outToken) = 0;
+    virtual OSStatus
+    AudioObjectRemovePropertyListenerBlock(AudioObjectPropertyListenerToken token) = 0;
 
     // Aggregate devices. The description is the dictionary of the aggregate keys above.
     virtual OSStatus AudioHardwareCreateAggregateDevice(const QVariantMap& description,
@@ -70,7 +70,8 @@ public:
     virtual OSStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID& outProcID,
                                                         AudioObjectID deviceID,
                                                         AudioDeviceIOBlock block) = 0;
-    virtual OSStatus AudioDeviceDestroyIOProcID(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
+    virtual OSStatus AudioDeviceDestroyIOProcID(AudioObjectID deviceID,
+                                                AudioDeviceIOProcID procID) = 0;
     virtual OSStatus AudioDeviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
     virtual OSStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
 };

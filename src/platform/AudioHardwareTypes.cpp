@@ -1,15 +1,13 @@
 #include "platform/AudioHardwareTypes.h"
 
-QString fourCharCodeText(std::uint32_t code)
-{
+QString fourCharCodeText(std::uint32_t code) {
     QString text;
     for (int shift = 24; shift >= 0; shift -= 8)
         text.append(QChar(char((code >> shift) & 0xff)));
     return text;
 }
 
-std::uint32_t audioPropertyValueByteSize(const AudioPropertyValue& value)
-{
+std::uint32_t audioPropertyValueByteSize(const AudioPropertyValue& value) {
     struct Size {
         std::uint32_t operator()(std::monostate) const { return 0; }
         std::uint32_t operator()(std::uint32_t) const { return 4; }
@@ -17,12 +15,10 @@ std::uint32_t audioPropertyValueByteSize(const AudioPropertyValue& value)
         std::uint32_t operator()(float) const { return 4; }
         std::uint32_t operator()(double) const { return 8; }
         std::uint32_t operator()(const QString&) const { return sizeof(void*); }
-        std::uint32_t operator()(const std::vector<AudioObjectID>& ids) const
-        {
+        std::uint32_t operator()(const std::vector<AudioObjectID>& ids) const {
             return std::uint32_t(ids.size() * sizeof(AudioObjectID));
         }
-        std::uint32_t operator()(const AudioStreamConfiguration& configuration) const
-        {
+        std::uint32_t operator()(const AudioStreamConfiguration& configuration) const {
             // mNumberBuffers padded to 8, then one 16-byte AudioBuffer per buffer.
             return std::uint32_t(8 + 16 * configuration.channelsPerBuffer.size());
         }

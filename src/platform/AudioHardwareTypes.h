@@ -23,10 +23,10 @@ using AudioObjectPropertyElement = std::uint32_t;
 using AudioDeviceIOProcID = std::uint32_t;
 
 // A four-character code as the audio service spells its constants: 'dev#' is 0x64657623.
-constexpr std::uint32_t fourCharCode(std::string_view code)
-{
-    return (std::uint32_t(std::uint8_t(code[0])) << 24) | (std::uint32_t(std::uint8_t(code[1])) << 16)
-           | (std::uint32_t(std::uint8_t(code[2])) << 8) | std::uint32_t(std::uint8_t(code[3]));
+constexpr std::uint32_t fourCharCode(std::string_view code) {
+    return (std::uint32_t(std::uint8_t(code[0])) << 24) |
+           (std::uint32_t(std::uint8_t(code[1])) << 16) |
+           (std::uint32_t(std::uint8_t(code[2])) << 8) | std::uint32_t(std::uint8_t(code[3]));
 }
 
 QString fourCharCodeText(std::uint32_t code);
@@ -36,11 +36,15 @@ constexpr AudioObjectID kAudioObjectSystemObject = 1;
 
 // Selectors.
 constexpr AudioObjectPropertySelector kAudioHardwarePropertyDevices = fourCharCode("dev#");
-constexpr AudioObjectPropertySelector kAudioHardwarePropertyDefaultOutputDevice = fourCharCode("dOut");
-constexpr AudioObjectPropertySelector kAudioHardwarePropertyDefaultInputDevice = fourCharCode("dIn ");
-constexpr AudioObjectPropertySelector kAudioHardwarePropertyProcessObjectList = fourCharCode("prs#");
+constexpr AudioObjectPropertySelector kAudioHardwarePropertyDefaultOutputDevice =
+    fourCharCode("dOut");
+constexpr AudioObjectPropertySelector kAudioHardwarePropertyDefaultInputDevice =
+    fourCharCode("dIn ");
+constexpr AudioObjectPropertySelector kAudioHardwarePropertyProcessObjectList =
+    fourCharCode("prs#");
 constexpr AudioObjectPropertySelector kAudioHardwarePropertyTapList = fourCharCode("tps#");
-constexpr AudioObjectPropertySelector kAudioDevicePropertyStreamConfiguration = fourCharCode("slay");
+constexpr AudioObjectPropertySelector kAudioDevicePropertyStreamConfiguration =
+    fourCharCode("slay");
 constexpr AudioObjectPropertySelector kAudioDevicePropertyDeviceUID = fourCharCode("uid ");
 constexpr AudioObjectPropertySelector kAudioObjectPropertyName = fourCharCode("lnam");
 constexpr AudioObjectPropertySelector kAudioDevicePropertyTransportType = fourCharCode("tran");
@@ -88,32 +92,34 @@ struct AudioObjectPropertyAddress {
     AudioObjectPropertyScope mScope = kAudioObjectPropertyScopeGlobal;
     AudioObjectPropertyElement mElement = kAudioObjectPropertyElementMain;
 
-    friend bool operator==(const AudioObjectPropertyAddress&, const AudioObjectPropertyAddress&) = default;
+    friend bool operator==(const AudioObjectPropertyAddress&,
+                           const AudioObjectPropertyAddress&) = default;
 };
 
 // The value of 'slay': one entry per buffer, each the number of interleaved channels in it.
 struct AudioStreamConfiguration {
     std::vector<std::uint32_t> channelsPerBuffer;
 
-    std::uint32_t totalChannels() const
-    {
+    std::uint32_t totalChannels() const {
         std::uint32_t total = 0;
         for (auto channels : channelsPerBuffer)
             total += channels;
         return total;
     }
-    friend bool operator==(const AudioStreamConfiguration&, const AudioStreamConfiguration&) = default;
+    friend bool operator==(const AudioStreamConfiguration&,
+                           const AudioStreamConfiguration&) = default;
 };
 
 // What a property holds. Each selector has one kind of value:
 //   'dev#', 'prs#', 'tps#'            -> object id list
 //   'dOut', 'dIn ', 'tran', 'mute', 'piro' -> UInt32
 //   'ppid'                            -> Int32
-//   'volm', 'nsrt'                    -> Float32 (the sample rate as Float64 in the service, kept as double here)
-//   'uid ', 'lnam', 'pbid', 'tuid'    -> text
-//   'slay'                            -> stream configuration
-using AudioPropertyValue = std::variant<std::monostate, std::uint32_t, std::int32_t, float, double,
-                                        QString, std::vector<AudioObjectID>, AudioStreamConfiguration>;
+//   'volm', 'nsrt'                    -> Float32 (the sample rate as Float64 in the service, kept
+//   as double here) 'uid ', 'lnam', 'pbid', 'tuid'    -> text 'slay'                            ->
+//   stream configuration
+using AudioPropertyValue =
+    std::variant<std::monostate, std::uint32_t, std::int32_t, float, double, QString,
+                 std::vector<AudioObjectID>, AudioStreamConfiguration>;
 
 // The byte size the service reports for a value, as the size-then-data protocol expects: an id
 // list is 4 bytes per id, a stream configuration is the header plus 16 bytes per buffer, a text
@@ -138,11 +144,12 @@ struct AudioTimeStamp {
 };
 
 // Runs on the real-time thread of the device: no allocation, no lock, no log, no Qt object.
-using AudioDeviceIOBlock = std::function<void(const AudioTimeStamp& now, const AudioBufferList& inInputData,
-                                              AudioBufferList& outOutputData)>;
+using AudioDeviceIOBlock = std::function<void(
+    const AudioTimeStamp& now, const AudioBufferList& inInputData, AudioBufferList& outOutputData)>;
 
 // Listeners are delivered on the main thread, after the change, with the addresses that changed.
-using AudioObjectPropertyListenerBlock = std::function<void(const std::vector<AudioObjectPropertyAddress>&)>;
+using AudioObjectPropertyListenerBlock =
+    std::function<void(const std::vector<AudioObjectPropertyAddress>&)>;
 using AudioObjectPropertyListenerToken = std::uint64_t;
 
 // Keys of an aggregate-device description (a dictionary, as the service takes it).

@@ -21,7 +21,8 @@ class UserDefaults : public QObject {
     Q_OBJECT
 
 public:
-    // QVariant values held: bool, double, QString, QVariantList (of the same), QVariantMap, QByteArray.
+    // QVariant values held: bool, double, QString, QVariantList (of the same), QVariantMap,
+    // QByteArray.
     explicit UserDefaults(const QString& filePath, QObject* parent = nullptr);
     ~UserDefaults() override;
 
@@ -32,13 +33,15 @@ public:
     QString filePath() const;
 
     std::optional<QVariant> objectForKey(const QString& key) const;
-    bool boolForKey(const QString& key) const;                              // false unless a stored boolean true
-    std::optional<bool> storedBoolForKey(const QString& key) const;         // absent unless a stored boolean
-    std::optional<QString> stringForKey(const QString& key) const;          // absent unless a text
-    std::optional<QStringList> stringArrayForKey(const QString& key) const; // absent unless an array of texts
+    bool boolForKey(const QString& key) const; // false unless a stored boolean true
+    std::optional<bool>
+    storedBoolForKey(const QString& key) const;                    // absent unless a stored boolean
+    std::optional<QString> stringForKey(const QString& key) const; // absent unless a text
+    std::optional<QStringList>
+    stringArrayForKey(const QString& key) const; // absent unless an array of texts
     // Absent unless a dictionary whose values are all texts.
     std::optional<QMap<QString, QString>> stringDictionaryForKey(const QString& key) const;
-    std::optional<QByteArray> dataForKey(const QString& key) const;         // absent unless a blob
+    std::optional<QByteArray> dataForKey(const QString& key) const; // absent unless a blob
     QStringList allKeys() const;
 
     // Writes return false only when the file could not be written; the in-memory view then keeps
