@@ -65,6 +65,28 @@ void AppSettings::setVolumeHUDPosition(HUDPosition position) {
     m_defaults.setString(HUDPositions::rawValue(position), SettingsKeys::volumeHUDPosition);
 }
 
+QMap<QString, HotKeyCombo> AppSettings::hotKeys() const {
+    const auto data = m_defaults.dataForKey(SettingsKeys::hotKeys);
+    if (!data)
+        return {};
+    return HotKeyCombo::decodeTable(*data).value_or(QMap<QString, HotKeyCombo>());
+}
+
+void AppSettings::saveHotKeys(const QMap<QString, HotKeyCombo>& table) {
+    m_defaults.setData(HotKeyCombo::encodeTable(table), SettingsKeys::hotKeys);
+    // Posted even when the write did not take: listeners re-register from what is stored.
+    m_center.post(Notifications::hotKeysChanged);
+}
+
+void AppSettings::setHotKey(const QString& actionID, const std::optional<HotKeyCombo>& combo) {
+    QMap<QString, HotKeyCombo> table = hotKeys();
+    if (combo)
+        table.insert(actionID, *combo);
+    else
+        table.remove(actionID);
+    saveHotKeys(table);
+}
+
 QMap<QString, QString> AppSettings::deviceNames() const {
     return m_defaults.stringDictionaryForKey(SettingsKeys::deviceNames)
         .value_or(QMap<QString, QString>());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/HUDPosition.h"
+#include "control/HotKeyCombo.h"
 
 #include <QMap>
 #include <QSet>
@@ -73,6 +74,11 @@ public:
 
     HUDPosition volumeHUDPosition() const;
     void setVolumeHUDPosition(HUDPosition position);
+
+    // Hot keys by action id. A stored table that does not decode counts as empty, silently.
+    QMap<QString, HotKeyCombo> hotKeys() const;
+    void saveHotKeys(const QMap<QString, HotKeyCombo>& table); // posts "ondril.hotKeysChanged"
+    void setHotKey(const QString& actionID, const std::optional<HotKeyCombo>& combo);
 
     QMap<QString, QString> deviceNames() const;
     void saveDeviceNames(const QMap<QString, QString>& names);

@@ -4,6 +4,8 @@
 #include "platform/UserDefaults.h"
 
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -44,7 +46,7 @@ private slots:
         m_posted.clear();
         for (const QString& name :
              {Notifications::deviceNamesChanged, Notifications::hiddenDevicesChanged,
-              Notifications::hiddenInputDevicesChanged})
+              Notifications::hiddenInputDevicesChanged, Notifications::hotKeysChanged})
             observe(name);
     }
 
@@ -311,6 +313,59 @@ private slots:
         QCOMPARE(&AppSettings::shared().notificationCenter(), &NotificationCenter::defaultCenter());
         QVERIFY(UserDefaults::standardUserDefaults().filePath().startsWith(
             qEnvironmentVariable("XDG_CONFIG_HOME")));
+    }
+
+    void storedHotKeysThatDoNotDecodeCountAsEmpty_data() {
+        QTest::addColumn<QByteArray>("stored");
+        QTest::addColumn<int>("entries");
+
+        QTest::newRow("one binding")
+            << QByteArray("{\"global.toggleMute\":{\"keyCode\":46,\"modifiers\":6144}}") << 1;
+        QTest::newRow("not json") << QByteArray("{garbage") << 0;
+        QTest::newRow("an array") << QByteArray("[]") << 0;
+        QTest::newRow("modifiers missing")
+            << QByteArray("{\"a\":{\"keyCode\":46},\"b\":{\"keyCode\":1,\"modifiers\":256}}") << 0;
+        QTest::newRow("key code as text")
+            << QByteArray("{\"a\":{\"keyCode\":\"46\",\"modifiers\":256}}") << 0;
+        QTest::newRow("fractional key code")
+            << QByteArray("{\"a\":{\"keyCode\":46.5,\"modifiers\":256}}") << 0;
+        QTest::newRow("negative mask")
+            << QByteArray("{\"a\":{\"keyCode\":46,\"modifiers\":-1}}") << 0;
+        QTest::newRow("empty object") << QByteArray("{}") << 0;
+    }
+
+    void storedHotKeysThatDoNotDecodeCountAsEmpty() {
+        QFETCH(QByteArray, stored);
+        QFETCH(int, entries);
+        m_defaults->setData(stored, SettingsKeys::hotKeys);
+        QCOMPARE(m_settings->hotKeys().size(), entries);
+        QVERIFY(m_posted.isEmpty()); // reading never writes or posts
+        QCOMPARE(m_defaults->dataForKey(SettingsKeys::hotKeys), stored);
+    }
+
+    void setHotKeyOverwritesACorruptTableWithItsOneEntryAndPosts() {
+        m_defaults->setData("{garbage", SettingsKeys::hotKeys);
+        const HotKeyCombo combo{46, HotKeyCombo::controlKey | HotKeyCombo::optionKey};
+        m_settings->setHotKey(QStringLiteral("global.toggleMute"), combo);
+
+        QCOMPARE(m_posted, QStringList{Notifications::hotKeysChanged});
+        const auto table = m_settings->hotKeys();
+        QCOMPARE(table.size(), 1);
+        QCOMPARE(table.value(QStringLiteral("global.toggleMute")), combo);
+        const auto json = QJsonDocument::fromJson(*m_defaults->dataForKey(SettingsKeys::hotKeys));
+        QCOMPARE(json.object().value("global.toggleMute").toObject(),
+                 (QJsonObject{{"keyCode", 46}, {"modifiers", 6144}}));
+    }
+
+    void setHotKeyWithNothingRemovesOnlyThatAction() {
+        m_settings->setHotKey(QStringLiteral("global.togglePanel"),
+                              HotKeyCombo{49, HotKeyCombo::cmdKey});
+        m_settings->setHotKey(QStringLiteral("group.X"), HotKeyCombo{0, HotKeyCombo::shiftKey});
+        m_settings->setHotKey(QStringLiteral("global.togglePanel"), std::nullopt);
+
+        const auto table = m_settings->hotKeys();
+        QCOMPARE(table.keys(), QStringList{QStringLiteral("group.X")});
+        QCOMPARE(m_posted.count(Notifications::hotKeysChanged), 3);
     }
 };
 
