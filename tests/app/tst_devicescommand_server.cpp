@@ -1,0 +1,108 @@
+#include "PrivateSoundServer.h"
+#include "TestSupport.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QtTest>
+
+// `ondril devices` against a real sound server (a private PulseAudio or PipeWire): what a user
+// sees of their own devices, and what scripts read from the JSON.
+class TestDevicesCommandOnServer : public QObject {
+    Q_OBJECT
+
+private:
+    struct Run {
+        int exitCode = -1;
+        QByteArray out;
+        QByteArray err;
+    };
+
+    static Run runOndril(const QStringList& arguments) {
+        QProcess process;
+        process.start(TestSupport::helperDirectory() + QStringLiteral("/ondril"), arguments);
+        Run run;
+        if (!process.waitForFinished(30000))
+            return run;
+        run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        run.out = process.readAllStandardOutput();
+        run.err = process.readAllStandardError();
+        return run;
+    }
+
+    static QJsonObject byUID(const QJsonArray& devices, const QString& uid) {
+        for (const auto& device : devices)
+            if (device.toObject().value("uid").toString() == uid)
+                return device.toObject();
+        return {};
+    }
+
+    std::unique_ptr<PrivateSoundServer> m_server;
+
+private slots:
+    void initTestCase() {
+        const auto kind = PrivateSoundServer::kindFromEnvironment();
+        if (!kind)
+            QFAIL("ONDRIL_TEST_SERVER must name the server to test against (pulse or pipewire)");
+        m_server = std::make_unique<PrivateSoundServer>(*kind);
+        if (!m_server->start())
+            QFAIL(qPrintable(m_server->error()));
+    }
+
+    void cleanupTestCase() { m_server.reset(); }
+
+    void jsonListsTheServersSinksAndInputsWithTheirDefaults_data() {
+        QTest::addColumn<QString>("backend");
+        QTest::newRow("pulse") << "--backend=pulse";
+        QTest::newRow("auto finds the server") << "--backend=auto";
+    }
+
+    void jsonListsTheServersSinksAndInputsWithTheirDefaults() {
+        QFETCH(QString, backend);
+        QVERIFY(m_server->pactl({"set-default-sink", "airpods"}));
+        QVERIFY(m_server->pactl({"set-sink-volume", "airpods", "35%"}));
+        QVERIFY(m_server->pactl({"set-sink-mute", "builtin", "1"}));
+
+        const Run run = runOndril({backend, "devices", "--json"});
+        QCOMPARE(run.exitCode, 0);
+        QVERIFY2(!run.err.contains("simulated"), run.err.constData()); // no fallback
+        const QJsonObject json = QJsonDocument::fromJson(run.out).object();
+        const QJsonArray outputs = json.value("outputs").toArray();
+        const QJsonArray inputs = json.value("inputs").toArray();
+
+        for (const auto& sink : PrivateSoundServer::defaultSinks()) {
+            const QJsonObject device = byUID(outputs, sink.name);
+            QVERIFY2(!device.isEmpty(), qPrintable(sink.name));
+            QCOMPARE(device.value("name").toString(), sink.description);
+            QCOMPARE(device.value("isDefault").toBool(), sink.name == QLatin1String("airpods"));
+            QCOMPARE(device.value("muted").toBool(), sink.name == QLatin1String("builtin"));
+        }
+        // 35% on the server's scale is 22938 / 65536: the scalar is within one step of 0.35.
+        QVERIFY(qAbs(byUID(outputs, "airpods").value("volume").toDouble() - 0.35) < 0.001);
+
+        const auto input = PrivateSoundServer::defaultInput();
+        const QJsonObject microphone = byUID(inputs, input.name);
+        QVERIFY2(!microphone.isEmpty(), run.out.constData());
+        QCOMPARE(microphone.value("name").toString(), input.description);
+        // Monitors are not inputs.
+        for (const auto& device : inputs)
+            QVERIFY(!device.toObject().value("uid").toString().endsWith(".monitor"));
+    }
+
+    void withoutAServerPulseRefusesAndAutoFallsBack() {
+        m_server->stop();
+        const Run pulse = runOndril({"--backend=pulse", "devices"});
+        QCOMPARE(pulse.exitCode, 1);
+        QCOMPARE(pulse.err.count('\n'), 1);
+
+        const Run automatic = runOndril({"devices", "--json"});
+        QCOMPARE(automatic.exitCode, 0);
+        QVERIFY(automatic.err.contains("simulated"));
+        QVERIFY(
+            !QJsonDocument::fromJson(automatic.out).object().value("outputs").toArray().isEmpty());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestDevicesCommandOnServer)
+#include "tst_devicescommand_server.moc"
