@@ -1,0 +1,509 @@
+#include "platform/pulse/PulseAudioHardware.h"
+
+#include "platform/pulse/PulseConnection.h"
+#include "platform/pulse/PulseModuleArguments.h"
+
+#include <pulse/volume.h>
+
+#include <QElapsedTimer>
+#include <QThread>
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+
+using Kind = PulseObjectIds::Kind;
+
+bool isOneOf(AudioObjectPropertySelector selector,
+             std::initializer_list<AudioObjectPropertySelector> selectors) {
+    return std::find(selectors.begin(), selectors.end(), selector) != selectors.end();
+}
+
+AudioObjectPropertyScope directionScope(Kind kind) {
+    return kind == Kind::Sink ? kAudioObjectPropertyScopeOutput : kAudioObjectPropertyScopeInput;
+}
+
+std::uint32_t toServerVolume(float scalar) {
+    return std::uint32_t(std::lround(std::max(0.0f, scalar) * float(PA_VOLUME_NORM)));
+}
+
+const QString kCombineModule = QStringLiteral("module-combine-sink");
+
+} // namespace
+
+std::unique_ptr<PulseAudioHardware> PulseAudioHardware::connect(int timeoutMs) {
+    auto connection = std::make_unique<PulseConnection>();
+    if (!connection->open(timeoutMs))
+        return nullptr;
+    return std::unique_ptr<PulseAudioHardware>(new PulseAudioHardware(std::move(connection)));
+}
+
+PulseAudioHardware::PulseAudioHardware(std::unique_ptr<PulseConnection> connection)
+    : m_connection(std::move(connection)) {
+    QObject::connect(m_connection.get(), &PulseConnection::notices, this,
+                     &PulseAudioHardware::deliver);
+}
+
+PulseAudioHardware::~PulseAudioHardware() = default;
+
+QString PulseAudioHardware::backendName() const {
+    return isPipeWire() ? QStringLiteral("pipewire") : QStringLiteral("pulse");
+}
+
+bool PulseAudioHardware::isPipeWire() const {
+    return m_connection->readMirror([](const PulseMirror& mirror) {
+        return mirror.server().serverName.contains(QLatin1String("PipeWire"));
+    });
+}
+
+std::optional<Kind> PulseAudioHardware::kindOf(AudioObjectID objectID) const {
+    const auto object = m_ids.lookup(objectID);
+    if (!object)
+        return std::nullopt;
+    return object->first;
+}
+
+std::optional<QString> PulseAudioHardware::nameOf(AudioObjectID objectID, Kind kind) const {
+    const auto object = m_ids.lookup(objectID);
+    if (!object || object->first != kind)
+        return std::nullopt;
+    return object->second;
+}
+
+bool PulseAudioHardware::AudioObjectHasProperty(AudioObjectID objectID,
+                                                const AudioObjectPropertyAddress& address) const {
+    AudioPropertyValue value;
+    return AudioObjectGetPropertyData(objectID, address, value) == kAudioHardwareNoError;
+}
+
+OSStatus PulseAudioHardware::AudioObjectIsPropertySettable(
+    AudioObjectID objectID, const AudioObjectPropertyAddress& address, bool& outIsSettable) const {
+    if (!AudioObjectHasProperty(objectID, address))
+        return kAudioHardwareUnknownPropertyError;
+    if (objectID == kAudioObjectSystemObject) {
+        outIsSettable = isOneOf(address.mSelector, {kAudioHardwarePropertyDefaultOutputDevice,
+                                                    kAudioHardwarePropertyDefaultInputDevice});
+        return kAudioHardwareNoError;
+    }
+    // Software volume is as settable as hardware volume: the server scales either way.
+    outIsSettable =
+        isOneOf(address.mSelector, {kAudioDevicePropertyVolumeScalar, kAudioDevicePropertyMute});
+    return kAudioHardwareNoError;
+}
+
+OSStatus
+PulseAudioHardware::AudioObjectGetPropertyDataSize(AudioObjectID objectID,
+                                                   const AudioObjectPropertyAddress& address,
+                                                   std::uint32_t& outDataSize) const {
+    AudioPropertyValue value;
+    const OSStatus status = AudioObjectGetPropertyData(objectID, address, value);
+    if (status == kAudioHardwareNoError)
+        outDataSize = audioPropertyValueByteSize(value);
+    return status;
+}
+
+OSStatus PulseAudioHardware::AudioObjectGetPropertyData(AudioObjectID objectID,
+                                                        const AudioObjectPropertyAddress& address,
+                                                        AudioPropertyValue& outData) const {
+    if (objectID == kAudioObjectSystemObject) {
+        switch (address.mSelector) {
+        case kAudioHardwarePropertyDevices: {
+            auto [sinks, sources] = m_connection->readMirror([](const PulseMirror& mirror) {
+                QStringList sinkNames, sourceNames;
+                for (const auto* sink : mirror.sinksInServerOrder())
+                    sinkNames.append(sink->name);
+                for (const auto* source : mirror.sourcesInServerOrder())
+                    sourceNames.append(source->name);
+                return std::make_pair(sinkNames, sourceNames);
+            });
+            std::vector<AudioObjectID> ids;
+            for (const QString& name : sinks)
+                ids.push_back(m_ids.idFor(Kind::Sink, name));
+            for (const QString& name : sources)
+                ids.push_back(m_ids.idFor(Kind::Source, name));
+            outData = ids;
+            return kAudioHardwareNoError;
+        }
+        case kAudioHardwarePropertyDefaultOutputDevice: {
+            const auto name = m_connection->readMirror([](const PulseMirror& mirror) {
+                const QString name = mirror.server().defaultSink;
+                return mirror.sink(name) ? name : QString();
+            });
+            outData = name.isEmpty() ? kAudioObjectUnknown : m_ids.idFor(Kind::Sink, name);
+            return kAudioHardwareNoError;
+        }
+        case kAudioHardwarePropertyDefaultInputDevice: {
+            // A monitor as the server's default source is no input device: none.
+            const auto name = m_connection->readMirror([](const PulseMirror& mirror) {
+                const QString name = mirror.server().defaultSource;
+                return mirror.source(name) ? name : QString();
+            });
+            outData = name.isEmpty() ? kAudioObjectUnknown : m_ids.idFor(Kind::Source, name);
+            return kAudioHardwareNoError;
+        }
+        case kAudioHardwarePropertyProcessObjectList: {
+            const auto processes = m_connection->readMirror(
+                [](const PulseMirror& mirror) { return mirror.processes(); });
+            std::vector<AudioObjectID> ids;
+            for (const auto& process : processes)
+                ids.push_back(m_ids.idFor(Kind::Process, QString::number(process.pid)));
+            outData = ids;
+            return kAudioHardwareNoError;
+        }
+        default:
+            return kAudioHardwareUnknownPropertyError;
+        }
+    }
+
+    const auto object = m_ids.lookup(objectID);
+    if (!object)
+        return kAudioHardwareBadObjectError;
+    const auto& [kind, name] = *object;
+    if (kind == Kind::Process)
+        return readProcess(name.toInt(), address, outData);
+    const auto device = m_connection->readMirror(
+        [&](const PulseMirror& mirror) -> std::optional<PulseRecords::Device> {
+            const auto* record = kind == Kind::Sink ? mirror.sink(name) : mirror.source(name);
+            if (!record)
+                return std::nullopt;
+            PulseRecords::Device copy = *record;
+            if (const auto* module = mirror.module(copy.ownerModule);
+                module && module->name == kCombineModule)
+                copy.transportType = kAudioDeviceTransportTypeAggregate;
+            return copy;
+        });
+    if (!device)
+        return kAudioHardwareBadDeviceError;
+    return readDevice(*device, kind, address, outData);
+}
+
+OSStatus PulseAudioHardware::readDevice(const PulseRecords::Device& device, Kind kind,
+                                        const AudioObjectPropertyAddress& address,
+                                        AudioPropertyValue& outData) const {
+    const bool inDirection = address.mScope == directionScope(kind);
+    switch (address.mSelector) {
+    case kAudioDevicePropertyDeviceUID:
+        outData = device.name;
+        return kAudioHardwareNoError;
+    case kAudioObjectPropertyName:
+        outData = device.description;
+        return kAudioHardwareNoError;
+    case kAudioDevicePropertyTransportType:
+        outData = device.transportType;
+        return kAudioHardwareNoError;
+    case kAudioDevicePropertyStreamConfiguration: {
+        // One interleaved buffer in the device's own direction; none in the other.
+        AudioStreamConfiguration configuration;
+        if (inDirection)
+            configuration.channelsPerBuffer.push_back(device.channels());
+        outData = configuration;
+        return kAudioHardwareNoError;
+    }
+    case kAudioDevicePropertyVolumeScalar: {
+        if (!inDirection || device.volume.empty() ||
+            address.mElement > std::min<std::uint32_t>(2, device.channels()))
+            return kAudioHardwareUnknownPropertyError;
+        const std::uint32_t volume =
+            address.mElement == 0 ? *std::max_element(device.volume.begin(), device.volume.end())
+                                  : device.volume[address.mElement - 1];
+        outData = float(volume) / float(PA_VOLUME_NORM);
+        return kAudioHardwareNoError;
+    }
+    case kAudioDevicePropertyMute:
+        if (!inDirection || address.mElement != 0)
+            return kAudioHardwareUnknownPropertyError;
+        outData = std::uint32_t(device.mute ? 1 : 0);
+        return kAudioHardwareNoError;
+    default:
+        return kAudioHardwareUnknownPropertyError;
+    }
+}
+
+OSStatus PulseAudioHardware::readProcess(std::int32_t pid,
+                                         const AudioObjectPropertyAddress& address,
+                                         AudioPropertyValue& outData) const {
+    const auto process = m_connection->readMirror(
+        [pid](const PulseMirror& mirror) -> std::optional<PulseMirror::Process> {
+            for (const auto& process : mirror.processes()) {
+                if (process.pid == pid)
+                    return process;
+            }
+            return std::nullopt;
+        });
+    if (!process)
+        return kAudioHardwareBadObjectError;
+    switch (address.mSelector) {
+    case kAudioProcessPropertyPID:
+        outData = process->pid;
+        return kAudioHardwareNoError;
+    case kAudioProcessPropertyBundleID:
+        outData = process->binary;
+        return kAudioHardwareNoError;
+    case kAudioProcessPropertyIsRunningOutput:
+        outData = std::uint32_t(process->isRunningOutput ? 1 : 0);
+        return kAudioHardwareNoError;
+    default:
+        return kAudioHardwareUnknownPropertyError;
+    }
+}
+
+OSStatus PulseAudioHardware::AudioObjectSetPropertyData(AudioObjectID objectID,
+                                                        const AudioObjectPropertyAddress& address,
+                                                        const AudioPropertyValue& data) {
+    bool settable = false;
+    const OSStatus status = AudioObjectIsPropertySettable(objectID, address, settable);
+    if (status != kAudioHardwareNoError)
+        return status;
+    if (!settable)
+        return kAudioHardwareIllegalOperationError;
+    switch (address.mSelector) {
+    case kAudioHardwarePropertyDefaultOutputDevice:
+        if (!std::holds_alternative<std::uint32_t>(data))
+            return kAudioHardwareBadPropertySizeError;
+        return setDefaultOutput(std::get<std::uint32_t>(data));
+    case kAudioHardwarePropertyDefaultInputDevice:
+        if (!std::holds_alternative<std::uint32_t>(data))
+            return kAudioHardwareBadPropertySizeError;
+        return setDefaultInput(std::get<std::uint32_t>(data));
+    case kAudioDevicePropertyVolumeScalar:
+        if (!std::holds_alternative<float>(data))
+            return kAudioHardwareBadPropertySizeError;
+        return setVolume(objectID, address, std::get<float>(data));
+    case kAudioDevicePropertyMute:
+        if (!std::holds_alternative<std::uint32_t>(data))
+            return kAudioHardwareBadPropertySizeError;
+        return setMute(objectID, address, std::get<std::uint32_t>(data) != 0);
+    default:
+        return kAudioHardwareIllegalOperationError;
+    }
+}
+
+OSStatus PulseAudioHardware::setDefaultOutput(AudioObjectID deviceID) {
+    const auto name = nameOf(deviceID, Kind::Sink);
+    if (!name)
+        return kAudioHardwareBadDeviceError;
+    const QString previous = m_connection->readMirror([](const PulseMirror& mirror) {
+        const auto* sink = mirror.sink(mirror.server().defaultSink);
+        return sink ? sink->name : QString();
+    });
+    const OSStatus status = m_connection->setDefaultSink(*name);
+    if (status != kAudioHardwareNoError || isPipeWire())
+        return status; // PipeWire's session manager moves the streams that follow the default.
+
+    // PulseAudio moves streams that follow the default, but module-stream-restore pins a stream
+    // to the sink it last played on: drop those pins, and move what still plays on the old default.
+    m_connection->unpinRestoredSinkInputs();
+    const auto toMove = m_connection->readMirror([&](const PulseMirror& mirror) {
+        std::vector<std::uint32_t> indices;
+        const auto* oldSink = mirror.sink(previous);
+        const auto* newSink = mirror.sink(*name);
+        if (!oldSink || !newSink || oldSink == newSink)
+            return indices;
+        for (const auto& [index, stream] : mirror.streams()) {
+            // A module's own streams (a combined sink feeding its members) stay where they are.
+            if (stream.client == PulseRecords::kInvalidIndex ||
+                stream.ownerModule != PulseRecords::kInvalidIndex)
+                continue;
+            if (stream.sink == oldSink->index)
+                indices.push_back(index);
+        }
+        return indices;
+    });
+    for (std::uint32_t index : toMove)
+        m_connection->moveSinkInput(index, *name);
+    return kAudioHardwareNoError;
+}
+
+OSStatus PulseAudioHardware::setDefaultInput(AudioObjectID deviceID) {
+    const auto name = nameOf(deviceID, Kind::Source);
+    if (!name)
+        return kAudioHardwareBadDeviceError;
+    return m_connection->setDefaultSource(*name);
+}
+
+OSStatus PulseAudioHardware::setVolume(AudioObjectID deviceID,
+                                       const AudioObjectPropertyAddress& address, float scalar) {
+    const auto object = m_ids.lookup(deviceID);
+    if (!object)
+        return kAudioHardwareBadObjectError;
+    const auto& [kind, name] = *object;
+    auto volumes = m_connection->readMirror([&](const PulseMirror& mirror) {
+        const auto* device = kind == Kind::Sink ? mirror.sink(name) : mirror.source(name);
+        return device ? device->volume : std::vector<std::uint32_t>{};
+    });
+    if (volumes.empty())
+        return kAudioHardwareBadDeviceError;
+    const std::uint32_t value = toServerVolume(scalar);
+    if (address.mElement == 0)
+        std::fill(volumes.begin(), volumes.end(), value);
+    else
+        volumes[address.mElement - 1] = value;
+    return kind == Kind::Sink ? m_connection->setSinkVolume(name, volumes)
+                              : m_connection->setSourceVolume(name, volumes);
+}
+
+OSStatus PulseAudioHardware::setMute(AudioObjectID deviceID, const AudioObjectPropertyAddress&,
+                                     bool mute) {
+    const auto object = m_ids.lookup(deviceID);
+    if (!object)
+        return kAudioHardwareBadObjectError;
+    const auto& [kind, name] = *object;
+    return kind == Kind::Sink ? m_connection->setSinkMute(name, mute)
+                              : m_connection->setSourceMute(name, mute);
+}
+
+OSStatus PulseAudioHardware::AudioObjectAddPropertyListenerBlock(
+    AudioObjectID objectID, const AudioObjectPropertyAddress& address,
+    AudioObjectPropertyListenerBlock listener, AudioObjectPropertyListenerToken& outToken) {
+    if (!listener)
+        return kAudioHardwareIllegalOperationError;
+    if (objectID != kAudioObjectSystemObject && !m_ids.lookup(objectID))
+        return kAudioHardwareBadObjectError;
+    outToken = m_nextToken++;
+    m_listeners[outToken] = {objectID, address, std::move(listener)};
+    return kAudioHardwareNoError;
+}
+
+OSStatus
+PulseAudioHardware::AudioObjectRemovePropertyListenerBlock(AudioObjectPropertyListenerToken token) {
+    return m_listeners.erase(token) ? kAudioHardwareNoError : kAudioHardwareIllegalOperationError;
+}
+
+void PulseAudioHardware::deliver(const PulseMirror::Notices& notices) {
+    struct Event {
+        AudioObjectID objectID;
+        AudioObjectPropertyAddress address;
+        bool operator==(const Event&) const = default;
+    };
+    std::vector<Event> events;
+    for (const auto& notice : notices) {
+        Event event{kAudioObjectSystemObject,
+                    {notice.selector, kAudioObjectPropertyScopeGlobal, 0}};
+        if (notice.target == PulseMirror::Target::Sink)
+            event = {m_ids.idFor(Kind::Sink, notice.name),
+                     {notice.selector, kAudioObjectPropertyScopeOutput, 0}};
+        else if (notice.target == PulseMirror::Target::Source)
+            event = {m_ids.idFor(Kind::Source, notice.name),
+                     {notice.selector, kAudioObjectPropertyScopeInput, 0}};
+        if (std::find(events.begin(), events.end(), event) == events.end())
+            events.push_back(event);
+    }
+    // A listener may add or remove listeners: call a copy, and skip the ones removed meanwhile.
+    const auto listeners = m_listeners;
+    for (const auto& [token, listener] : listeners) {
+        std::vector<AudioObjectPropertyAddress> addresses;
+        for (const auto& event : events) {
+            const bool scopeFits = listener.address.mScope == event.address.mScope ||
+                                   listener.address.mScope == fourCharCode("****") ||
+                                   event.objectID == kAudioObjectSystemObject;
+            if (listener.objectID == event.objectID &&
+                listener.address.mSelector == event.address.mSelector && scopeFits)
+                addresses.push_back(event.address);
+        }
+        if (!addresses.empty() && m_listeners.count(token))
+            listener.block(addresses);
+    }
+}
+
+OSStatus PulseAudioHardware::AudioHardwareCreateAggregateDevice(const QVariantMap& description,
+                                                                AudioObjectID& outDeviceID) {
+    const QString uid = description.value(kAudioAggregateDeviceUIDKey).toString();
+    const QString name = description.value(kAudioAggregateDeviceNameKey).toString();
+    const QString master = description.value(kAudioAggregateDeviceMainSubDeviceKey).toString();
+    QStringList members;
+    for (const QVariant& subdevice :
+         description.value(kAudioAggregateDeviceSubDeviceListKey).toList())
+        members.append(subdevice.toMap().value(kAudioSubDeviceUIDKey).toString());
+    if (uid.isEmpty() || members.isEmpty() || uid.contains(QLatin1Char(' ')))
+        return kAudioHardwareIllegalOperationError;
+    // The clock master leads: module-combine-sink has no clock-master argument, so the first
+    // slave is the master by convention. "stacked" needs nothing: every slave plays all channels.
+    if (members.contains(master)) {
+        members.removeAll(master);
+        members.prepend(master);
+    }
+    const bool membersPresent = m_connection->readMirror([&](const PulseMirror& mirror) {
+        if (mirror.sink(uid))
+            return false;
+        return std::all_of(members.begin(), members.end(),
+                           [&](const QString& member) { return mirror.sink(member); });
+    });
+    if (!membersPresent)
+        return kAudioHardwareBadDeviceError;
+
+    const auto server = isPipeWire() ? PulseModuleArguments::Server::PipeWire
+                                     : PulseModuleArguments::Server::PulseAudio;
+    std::uint32_t moduleIndex = PulseRecords::kInvalidIndex;
+    OSStatus status = m_connection->loadModule(
+        kCombineModule, PulseModuleArguments::combineSink(uid, name, members, server), moduleIndex);
+    if (status != kAudioHardwareNoError)
+        return status;
+    // PipeWire answers the load before the sink exists: ask until it does.
+    QElapsedTimer timer;
+    timer.start();
+    while ((status = m_connection->refetchSink(uid)) != kAudioHardwareNoError &&
+           timer.elapsed() < PulseConnection::kOperationTimeoutMs)
+        QThread::msleep(20);
+    if (status != kAudioHardwareNoError) {
+        m_connection->unloadModule(moduleIndex);
+        return kAudioHardwareUnspecifiedError;
+    }
+    outDeviceID = m_ids.idFor(Kind::Sink, uid);
+    return kAudioHardwareNoError;
+}
+
+OSStatus PulseAudioHardware::AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID) {
+    const auto name = nameOf(deviceID, Kind::Sink);
+    if (!name)
+        return kAudioHardwareBadDeviceError;
+    const auto module =
+        m_connection->readMirror([&](const PulseMirror& mirror) -> std::optional<std::uint32_t> {
+            const auto* sink = mirror.sink(*name);
+            const auto* owner = sink ? mirror.module(sink->ownerModule) : nullptr;
+            if (!owner || owner->name != kCombineModule)
+                return std::nullopt;
+            return owner->index;
+        });
+    if (!module)
+        return kAudioHardwareBadDeviceError;
+    const OSStatus status = m_connection->unloadModule(*module);
+    if (status != kAudioHardwareNoError)
+        return status;
+    // PulseAudio unloads a module after it has answered, and the sink's last change events may
+    // still bring it back into the mirror: wait until the server no longer knows the sink, so
+    // that an aggregate rebuilt under the same UID right away does not collide with it.
+    QElapsedTimer timer;
+    timer.start();
+    while (m_connection->refetchSink(*name) == kAudioHardwareNoError &&
+           timer.elapsed() < PulseConnection::kOperationTimeoutMs)
+        QThread::msleep(10);
+    m_connection->forgetSink(*name);
+    return kAudioHardwareNoError;
+}
+
+OSStatus PulseAudioHardware::AudioHardwareCreateProcessTap(const CATapDescription&,
+                                                           AudioObjectID&) {
+    return kAudioHardwareUnsupportedOperationError;
+}
+
+OSStatus PulseAudioHardware::AudioHardwareDestroyProcessTap(AudioObjectID) {
+    return kAudioHardwareUnsupportedOperationError;
+}
+
+OSStatus PulseAudioHardware::AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID&, AudioObjectID,
+                                                                AudioDeviceIOBlock) {
+    return kAudioHardwareUnsupportedOperationError;
+}
+
+OSStatus PulseAudioHardware::AudioDeviceDestroyIOProcID(AudioObjectID, AudioDeviceIOProcID) {
+    return kAudioHardwareUnsupportedOperationError;
+}
+
+OSStatus PulseAudioHardware::AudioDeviceStart(AudioObjectID, AudioDeviceIOProcID) {
+    return kAudioHardwareUnsupportedOperationError;
+}
+
+OSStatus PulseAudioHardware::AudioDeviceStop(AudioObjectID, AudioDeviceIOProcID) {
+    return kAudioHardwareUnsupportedOperationError;
+}

@@ -1,0 +1,93 @@
+#pragma once
+
+#include "platform/AudioHardware.h"
+#include "platform/pulse/PulseMirror.h"
+#include "platform/pulse/PulseObjectIds.h"
+
+#include <map>
+#include <memory>
+
+class PulseConnection;
+
+// The audio service realised on a PulseAudio or PipeWire (pipewire-pulse) server through libpulse.
+// Output devices are sinks, input devices are non-monitor sources, aggregates are
+// module-combine-sink, processes are the clients that play sink-inputs. Reads answer from the
+// mirror without a round trip; writes wait for the server (at most 2 s) and the mirror holds the
+// new value when they return. Server events become listener calls on the main thread.
+class PulseAudioHardware : public AudioHardware {
+    Q_OBJECT
+
+public:
+    // Connects and waits for the first complete picture of the server; nullptr when no server
+    // answers within `timeoutMs`.
+    static std::unique_ptr<PulseAudioHardware> connect(int timeoutMs = 1000);
+    ~PulseAudioHardware() override;
+
+    QString backendName() const override;
+
+    bool AudioObjectHasProperty(AudioObjectID objectID,
+                                const AudioObjectPropertyAddress& address) const override;
+    OSStatus AudioObjectIsPropertySettable(AudioObjectID objectID,
+                                           const AudioObjectPropertyAddress& address,
+                                           bool& outIsSettable) const override;
+    OSStatus AudioObjectGetPropertyDataSize(AudioObjectID objectID,
+                                            const AudioObjectPropertyAddress& address,
+                                            std::uint32_t& outDataSize) const override;
+    OSStatus AudioObjectGetPropertyData(AudioObjectID objectID,
+                                        const AudioObjectPropertyAddress& address,
+                                        AudioPropertyValue& outData) const override;
+    OSStatus AudioObjectSetPropertyData(AudioObjectID objectID,
+                                        const AudioObjectPropertyAddress& address,
+                                        const AudioPropertyValue& data) override;
+    OSStatus
+    AudioObjectAddPropertyListenerBlock(AudioObjectID objectID,
+                                        const AudioObjectPropertyAddress& address,
+                                        AudioObjectPropertyListenerBlock listener,
+                                        AudioObjectPropertyListenerToken& outToken) override;
+    OSStatus
+    AudioObjectRemovePropertyListenerBlock(AudioObjectPropertyListenerToken token) override;
+    OSStatus AudioHardwareCreateAggregateDevice(const QVariantMap& description,
+                                                AudioObjectID& outDeviceID) override;
+    OSStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID) override;
+    // Taps and IO procedures are not realised on the sound server yet: they answer
+    // kAudioHardwareUnsupportedOperationError, and per-app routing is off on this backend.
+    OSStatus AudioHardwareCreateProcessTap(const CATapDescription& description,
+                                           AudioObjectID& outTapID) override;
+    OSStatus AudioHardwareDestroyProcessTap(AudioObjectID tapID) override;
+    OSStatus AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID& outProcID,
+                                                AudioObjectID deviceID,
+                                                AudioDeviceIOBlock block) override;
+    OSStatus AudioDeviceDestroyIOProcID(AudioObjectID deviceID,
+                                        AudioDeviceIOProcID procID) override;
+    OSStatus AudioDeviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
+    OSStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
+
+private:
+    explicit PulseAudioHardware(std::unique_ptr<PulseConnection> connection);
+
+    struct Listener {
+        AudioObjectID objectID = 0;
+        AudioObjectPropertyAddress address;
+        AudioObjectPropertyListenerBlock block;
+    };
+
+    bool isPipeWire() const;
+    std::optional<PulseObjectIds::Kind> kindOf(AudioObjectID objectID) const;
+    std::optional<QString> nameOf(AudioObjectID objectID, PulseObjectIds::Kind kind) const;
+    OSStatus readDevice(const PulseRecords::Device& device, PulseObjectIds::Kind kind,
+                        const AudioObjectPropertyAddress& address,
+                        AudioPropertyValue& outData) const;
+    OSStatus readProcess(std::int32_t pid, const AudioObjectPropertyAddress& address,
+                         AudioPropertyValue& outData) const;
+    OSStatus setDefaultOutput(AudioObjectID deviceID);
+    OSStatus setDefaultInput(AudioObjectID deviceID);
+    OSStatus setVolume(AudioObjectID deviceID, const AudioObjectPropertyAddress& address,
+                       float scalar);
+    OSStatus setMute(AudioObjectID deviceID, const AudioObjectPropertyAddress& address, bool mute);
+    void deliver(const PulseMirror::Notices& notices);
+
+    std::unique_ptr<PulseConnection> m_connection;
+    mutable PulseObjectIds m_ids; // handing out an id on first sight is not a change of state
+    std::map<AudioObjectPropertyListenerToken, Listener> m_listeners;
+    AudioObjectPropertyListenerToken m_nextToken = 1;
+};

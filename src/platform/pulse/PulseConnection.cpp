@@ -1,0 +1,776 @@
+#include "platform/pulse/PulseConnection.h"
+
+#include <pulse/context.h>
+#include <pulse/ext-stream-restore.h>
+#include <pulse/introspect.h>
+#include <pulse/subscribe.h>
+#include <pulse/thread-mainloop.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <string>
+#include <string_view>
+
+// What a waiting caller and the callback on the mainloop thread share.
+struct PulseConnection::Pending {
+    struct RestoreEntry {
+        std::string name;
+        pa_channel_map channelMap{};
+        pa_cvolume volume{};
+        int mute = 0;
+    };
+
+    std::mutex mutex;
+    std::condition_variable condition;
+    bool done = false;
+    bool success = false;
+    std::uint32_t index = PA_INVALID_INDEX;
+    std::vector<RestoreEntry> pinnedEntries;
+
+    void finish(bool ok, std::uint32_t resultIndex = PA_INVALID_INDEX) {
+        std::lock_guard lock(mutex);
+        done = true;
+        success = ok;
+        index = resultIndex;
+        condition.notify_all();
+    }
+};
+
+// The userdata of one request. Deleted by its callback; a request whose operation is cancelled
+// (a timeout, a lost connection) is never called back and is left behind, a few bytes per loss.
+struct PulseConnection::Request {
+    PulseConnection* self = nullptr;
+    std::shared_ptr<Pending> pending;
+    bool listing = false;
+    bool found = false;
+};
+
+namespace {
+
+using Request = PulseConnection::Request;
+
+template <typename RequestType>
+void finishRequest(RequestType* request, bool ok, std::uint32_t index = PA_INVALID_INDEX) {
+    if (request->pending)
+        request->pending->finish(ok, index);
+    delete request;
+}
+
+} // namespace
+
+PulseConnection::PulseConnection(QObject* parent)
+    : QObject(parent) {
+    m_reconnectTimer.setSingleShot(true);
+    connect(&m_reconnectTimer, &QTimer::timeout, this, [this] {
+        if (!startContext())
+            scheduleReconnect();
+    });
+}
+
+PulseConnection::~PulseConnection() {
+    m_closing = true;
+    m_reconnectTimer.stop();
+    if (!m_mainloop)
+        return;
+    pa_threaded_mainloop_stop(m_mainloop);
+    if (m_context) {
+        pa_context_set_state_callback(m_context, nullptr, nullptr);
+        pa_context_set_subscribe_callback(m_context, nullptr, nullptr);
+        pa_context_disconnect(m_context);
+        pa_context_unref(m_context);
+    }
+    pa_threaded_mainloop_free(m_mainloop);
+}
+
+bool PulseConnection::open(int timeoutMs) {
+    m_mainloop = pa_threaded_mainloop_new();
+    if (!m_mainloop)
+        return false;
+    pa_threaded_mainloop_set_name(m_mainloop, "ondril-pulse");
+    if (pa_threaded_mainloop_start(m_mainloop) < 0)
+        return false;
+    if (!startContext())
+        return false;
+    std::unique_lock lock(m_openMutex);
+    m_openCondition.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                             [this] { return m_openFinished; });
+    return isReady();
+}
+
+bool PulseConnection::startContext() {
+    pa_threaded_mainloop_lock(m_mainloop);
+    if (m_context) {
+        // The old context's end must not count as another loss.
+        pa_context_set_state_callback(m_context, nullptr, nullptr);
+        pa_context_set_subscribe_callback(m_context, nullptr, nullptr);
+        pa_context_disconnect(m_context);
+        pa_context_unref(m_context);
+    }
+    m_staging.reset();
+    m_context = pa_context_new(pa_threaded_mainloop_get_api(m_mainloop), "Ondril");
+    bool started = m_context != nullptr;
+    if (started) {
+        pa_context_set_state_callback(m_context, &PulseConnection::contextStateChanged, this);
+        // Never spawn a server of our own: no answer means no server.
+        started = pa_context_connect(m_context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) >= 0;
+    }
+    pa_threaded_mainloop_unlock(m_mainloop);
+    return started;
+}
+
+void PulseConnection::contextStateChanged(pa_context* context, void* userdata) {
+    auto* self = static_cast<PulseConnection*>(userdata);
+    switch (pa_context_get_state(context)) {
+    case PA_CONTEXT_READY:
+        self->beginSynchronisation();
+        break;
+    case PA_CONTEXT_FAILED:
+    case PA_CONTEXT_TERMINATED: {
+        self->m_ready = false;
+        {
+            std::lock_guard lock(self->m_openMutex);
+            self->m_openFinished = true;
+        }
+        self->m_openCondition.notify_all();
+        if (!self->m_closing)
+            QMetaObject::invokeMethod(
+                self, [self] { self->connectionLost(); }, Qt::QueuedConnection);
+        break;
+    }
+    default:
+        break;
+    }
+}
+
+void PulseConnection::connectionLost() {
+    if (m_closing)
+        return;
+    scheduleReconnect();
+}
+
+void PulseConnection::scheduleReconnect() {
+    if (m_closing || m_reconnectTimer.isActive())
+        return;
+    m_reconnectTimer.start(m_backoffMs);
+    m_backoffMs = std::min(m_backoffMs * 2, 2000);
+}
+
+void PulseConnection::beginSynchronisation() {
+    // Subscribe first, then list: an object that changes while the lists are under way is
+    // fetched again after them, into the same fresh mirror.
+    pa_context_set_subscribe_callback(m_context, &PulseConnection::subscriptionEvent, this);
+    const auto mask = pa_subscription_mask_t(
+        PA_SUBSCRIPTION_MASK_SINK | PA_SUBSCRIPTION_MASK_SOURCE | PA_SUBSCRIPTION_MASK_SINK_INPUT |
+        PA_SUBSCRIPTION_MASK_CLIENT | PA_SUBSCRIPTION_MASK_MODULE | PA_SUBSCRIPTION_MASK_SERVER);
+    if (pa_operation* operation = pa_context_subscribe(m_context, mask, nullptr, nullptr))
+        pa_operation_unref(operation);
+    m_staging.emplace();
+    m_openLists = 6;
+    for (Apply what :
+         {Apply::Server, Apply::Module, Apply::Sink, Apply::Source, Apply::Client, Apply::Stream}) {
+        auto* request = new Request{this, nullptr, true, false};
+        pa_operation* operation = nullptr;
+        switch (what) {
+        case Apply::Server:
+            operation = pa_context_get_server_info(
+                m_context,
+                [](pa_context*, const pa_server_info* info, void* userdata) {
+                    auto* request = static_cast<Request*>(userdata);
+                    if (info) {
+                        auto server = PulseRecords::fromServer(*info);
+                        request->self->applyAndPost(
+                            [&](PulseMirror& mirror) { return mirror.setServer(server); });
+                    }
+                    request->self->listFinished();
+                    delete request;
+                },
+                request);
+            break;
+        case Apply::Module:
+            operation = pa_context_get_module_info_list(
+                m_context,
+                [](pa_context*, const pa_module_info* info, int eol, void* userdata) {
+                    auto* request = static_cast<Request*>(userdata);
+                    if (info) {
+                        auto module = PulseRecords::fromModule(*info);
+                        request->self->applyAndPost([&](PulseMirror& mirror) {
+                            mirror.upsertModule(module);
+                            return PulseMirror::Notices{};
+                        });
+                    }
+                    if (eol) {
+                        request->self->listFinished();
+                        delete request;
+                    }
+                },
+                request);
+            break;
+        case Apply::Sink:
+            operation = pa_context_get_sink_info_list(
+                m_context,
+                [](pa_context*, const pa_sink_info* info, int eol, void* userdata) {
+                    auto* request = static_cast<Request*>(userdata);
+                    if (info) {
+                        auto sink = PulseRecords::fromSink(*info);
+                        request->self->applyAndPost(
+                            [&](PulseMirror& mirror) { return mirror.upsertSink(sink); });
+                    }
+                    if (eol) {
+                        request->self->listFinished();
+                        delete request;
+                    }
+                },
+                request);
+            break;
+        case Apply::Source:
+            operation = pa_context_get_source_info_list(
+                m_context,
+                [](pa_context*, const pa_source_info* info, int eol, void* userdata) {
+                    auto* request = static_cast<Request*>(userdata);
+                    if (info) {
+                        auto source = PulseRecords::fromSource(*info);
+                        request->self->applyAndPost(
+                            [&](PulseMirror& mirror) { return mirror.upsertSource(source); });
+                    }
+                    if (eol) {
+                        request->self->listFinished();
+                        delete request;
+                    }
+                },
+                request);
+            break;
+        case Apply::Client:
+            operation = pa_context_get_client_info_list(
+                m_context,
+                [](pa_context*, const pa_client_info* info, int eol, void* userdata) {
+                    auto* request = static_cast<Request*>(userdata);
+                    if (info) {
+                        auto client = PulseRecords::fromClient(*info);
+                        request->self->applyAndPost(
+                            [&](PulseMirror& mirror) { return mirror.upsertClient(client); });
+                    }
+                    if (eol) {
+                        request->self->listFinished();
+                        delete request;
+                    }
+                },
+                request);
+            break;
+        case Apply::Stream:
+            operation = pa_context_get_sink_input_info_list(
+                m_context,
+                [](pa_context*, const pa_sink_input_info* info, int eol, void* userdata) {
+                    auto* request = static_cast<Request*>(userdata);
+                    if (info) {
+                        auto stream = PulseRecords::fromSinkInput(*info);
+                        request->self->applyAndPost(
+                            [&](PulseMirror& mirror) { return mirror.upsertStream(stream); });
+                    }
+                    if (eol) {
+                        request->self->listFinished();
+                        delete request;
+                    }
+                },
+                request);
+            break;
+        }
+        if (operation)
+            pa_operation_unref(operation);
+        else {
+            delete request;
+            listFinished();
+        }
+    }
+}
+
+void PulseConnection::listFinished() {
+    if (--m_openLists > 0 || !m_staging)
+        return;
+    {
+        std::lock_guard lock(m_mirrorMutex);
+        m_mirror = std::move(*m_staging);
+    }
+    m_staging.reset();
+    m_ready = true;
+    {
+        std::lock_guard lock(m_openMutex);
+        m_openFinished = true;
+    }
+    m_openCondition.notify_all();
+    QMetaObject::invokeMethod(
+        this, [this] { m_backoffMs = 100; }, Qt::QueuedConnection);
+    post(PulseMirror::resynchronisation());
+}
+
+void PulseConnection::subscriptionEvent(pa_context*, pa_subscription_event_type_t type,
+                                        std::uint32_t index, void* userdata) {
+    auto* self = static_cast<PulseConnection*>(userdata);
+    const unsigned facility = unsigned(type) & PA_SUBSCRIPTION_EVENT_FACILITY_MASK;
+    const bool removed =
+        (unsigned(type) & PA_SUBSCRIPTION_EVENT_TYPE_MASK) == PA_SUBSCRIPTION_EVENT_REMOVE;
+    std::optional<Apply> what;
+    switch (facility) {
+    case PA_SUBSCRIPTION_EVENT_SINK:
+        what = Apply::Sink;
+        break;
+    case PA_SUBSCRIPTION_EVENT_SOURCE:
+        what = Apply::Source;
+        break;
+    case PA_SUBSCRIPTION_EVENT_SINK_INPUT:
+        what = Apply::Stream;
+        break;
+    case PA_SUBSCRIPTION_EVENT_CLIENT:
+        what = Apply::Client;
+        break;
+    case PA_SUBSCRIPTION_EVENT_MODULE:
+        what = Apply::Module;
+        break;
+    case PA_SUBSCRIPTION_EVENT_SERVER:
+        what = Apply::Server;
+        break;
+    default:
+        return;
+    }
+    if (!removed) {
+        // "new" and "change" alike: fetch the object as it is now.
+        self->fetch(*what, index);
+        return;
+    }
+    self->applyAndPost([&](PulseMirror& mirror) -> PulseMirror::Notices {
+        switch (*what) {
+        case Apply::Sink:
+            return mirror.removeSink(index);
+        case Apply::Source:
+            return mirror.removeSource(index);
+        case Apply::Stream:
+            return mirror.removeStream(index);
+        case Apply::Client:
+            return mirror.removeClient(index);
+        case Apply::Module:
+            mirror.removeModule(index);
+            return {};
+        case Apply::Server:
+            return {};
+        }
+        return {};
+    });
+}
+
+void PulseConnection::fetch(Apply what, std::uint32_t index, std::shared_ptr<Pending> pending) {
+    auto* request = new Request{this, std::move(pending), false, false};
+    pa_operation* operation = nullptr;
+    switch (what) {
+    case Apply::Sink:
+        operation = pa_context_get_sink_info_by_index(
+            m_context, index,
+            [](pa_context*, const pa_sink_info* info, int eol, void* userdata) {
+                auto* request = static_cast<Request*>(userdata);
+                if (info) {
+                    request->found = true;
+                    auto sink = PulseRecords::fromSink(*info);
+                    request->self->applyAndPost(
+                        [&](PulseMirror& mirror) { return mirror.upsertSink(sink); });
+                }
+                if (eol)
+                    finishRequest(request, request->found);
+            },
+            request);
+        break;
+    case Apply::Source:
+        operation = pa_context_get_source_info_by_index(
+            m_context, index,
+            [](pa_context*, const pa_source_info* info, int eol, void* userdata) {
+                auto* request = static_cast<Request*>(userdata);
+                if (info) {
+                    request->found = true;
+                    auto source = PulseRecords::fromSource(*info);
+                    request->self->applyAndPost(
+                        [&](PulseMirror& mirror) { return mirror.upsertSource(source); });
+                }
+                if (eol)
+                    finishRequest(request, request->found);
+            },
+            request);
+        break;
+    case Apply::Stream:
+        operation = pa_context_get_sink_input_info(
+            m_context, index,
+            [](pa_context*, const pa_sink_input_info* info, int eol, void* userdata) {
+                auto* request = static_cast<Request*>(userdata);
+                if (info) {
+                    request->found = true;
+                    auto stream = PulseRecords::fromSinkInput(*info);
+                    request->self->applyAndPost(
+                        [&](PulseMirror& mirror) { return mirror.upsertStream(stream); });
+                }
+                if (eol)
+                    finishRequest(request, request->found);
+            },
+            request);
+        break;
+    case Apply::Client:
+        operation = pa_context_get_client_info(
+            m_context, index,
+            [](pa_context*, const pa_client_info* info, int eol, void* userdata) {
+                auto* request = static_cast<Request*>(userdata);
+                if (info) {
+                    request->found = true;
+                    auto client = PulseRecords::fromClient(*info);
+                    request->self->applyAndPost(
+                        [&](PulseMirror& mirror) { return mirror.upsertClient(client); });
+                }
+                if (eol)
+                    finishRequest(request, request->found);
+            },
+            request);
+        break;
+    case Apply::Module:
+        operation = pa_context_get_module_info(
+            m_context, index,
+            [](pa_context*, const pa_module_info* info, int eol, void* userdata) {
+                auto* request = static_cast<Request*>(userdata);
+                if (info) {
+                    request->found = true;
+                    auto module = PulseRecords::fromModule(*info);
+                    request->self->applyAndPost([&](PulseMirror& mirror) {
+                        mirror.upsertModule(module);
+                        return PulseMirror::Notices{};
+                    });
+                }
+                if (eol)
+                    finishRequest(request, request->found);
+            },
+            request);
+        break;
+    case Apply::Server:
+        operation = pa_context_get_server_info(
+            m_context,
+            [](pa_context*, const pa_server_info* info, void* userdata) {
+                auto* request = static_cast<Request*>(userdata);
+                if (info) {
+                    auto server = PulseRecords::fromServer(*info);
+                    request->self->applyAndPost(
+                        [&](PulseMirror& mirror) { return mirror.setServer(server); });
+                }
+                finishRequest(request, info != nullptr);
+            },
+            request);
+        break;
+    }
+    if (operation)
+        pa_operation_unref(operation);
+    else
+        finishRequest(request, false);
+}
+
+void PulseConnection::applyAndPost(const std::function<PulseMirror::Notices(PulseMirror&)>& apply) {
+    PulseMirror::Notices notices;
+    {
+        std::lock_guard lock(m_mirrorMutex);
+        notices = apply(m_staging ? *m_staging : m_mirror);
+    }
+    // While synchronising, the whole swap is announced at its end instead.
+    if (!m_staging)
+        post(std::move(notices));
+}
+
+void PulseConnection::post(PulseMirror::Notices notices) {
+    if (notices.empty())
+        return;
+    QMetaObject::invokeMethod(
+        this, [this, notices = std::move(notices)] { emit this->notices(notices); },
+        Qt::QueuedConnection);
+}
+
+OSStatus
+PulseConnection::runOperation(const std::function<pa_operation*(std::shared_ptr<Pending>)>& issue,
+                              std::uint32_t* outIndex, std::shared_ptr<Pending> pending) {
+    if (!m_mainloop || !isReady())
+        return kAudioHardwareNotRunningError;
+    if (!pending)
+        pending = std::make_shared<Pending>();
+    pa_threaded_mainloop_lock(m_mainloop);
+    pa_operation* operation = m_context ? issue(pending) : nullptr;
+    pa_threaded_mainloop_unlock(m_mainloop);
+    if (!operation)
+        return kAudioHardwareUnspecifiedError;
+
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(kOperationTimeoutMs);
+    std::unique_lock lock(pending->mutex);
+    while (!pending->done && std::chrono::steady_clock::now() < deadline) {
+        pending->condition.wait_for(lock, std::chrono::milliseconds(20));
+        if (pending->done)
+            break;
+        // A lost connection cancels the operation without calling back: look, rather than wait
+        // out the whole timeout. The callback takes `pending->mutex` under the mainloop lock, so
+        // let go of it before taking the mainloop lock.
+        lock.unlock();
+        pa_threaded_mainloop_lock(m_mainloop);
+        const pa_operation_state_t state = pa_operation_get_state(operation);
+        pa_threaded_mainloop_unlock(m_mainloop);
+        lock.lock();
+        if (state == PA_OPERATION_CANCELLED && !pending->done)
+            break;
+    }
+    const bool done = pending->done;
+    const bool success = pending->success;
+    const std::uint32_t index = pending->index;
+    lock.unlock();
+
+    pa_threaded_mainloop_lock(m_mainloop);
+    if (pa_operation_get_state(operation) == PA_OPERATION_RUNNING)
+        pa_operation_cancel(operation);
+    pa_operation_unref(operation);
+    pa_threaded_mainloop_unlock(m_mainloop);
+
+    if (!done)
+        return isReady() ? kAudioHardwareUnspecifiedError : kAudioHardwareNotRunningError;
+    if (!success)
+        return kAudioHardwareUnspecifiedError;
+    if (outIndex)
+        *outIndex = index;
+    return kAudioHardwareNoError;
+}
+
+namespace {
+
+void successCallback(pa_context*, int success, void* userdata) {
+    finishRequest(static_cast<PulseConnection::Request*>(userdata), success != 0);
+}
+
+pa_cvolume toCVolume(const std::vector<std::uint32_t>& channelVolumes) {
+    pa_cvolume volume;
+    pa_cvolume_init(&volume);
+    volume.channels = std::uint8_t(std::min<std::size_t>(channelVolumes.size(), PA_CHANNELS_MAX));
+    for (unsigned channel = 0; channel < volume.channels; ++channel)
+        volume.values[channel] = channelVolumes[channel];
+    return volume;
+}
+
+} // namespace
+
+OSStatus PulseConnection::setSinkVolume(const QString& name,
+                                        const std::vector<std::uint32_t>& channelVolumes) {
+    const QByteArray sinkName = name.toUtf8();
+    const pa_cvolume volume = toCVolume(channelVolumes);
+    const OSStatus status = runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_set_sink_volume_by_name(m_context, sinkName.constData(), &volume,
+                                                  successCallback, new Request{this, pending});
+    });
+    return status == kAudioHardwareNoError ? refetchSink(name) : status;
+}
+
+OSStatus PulseConnection::setSinkMute(const QString& name, bool mute) {
+    const QByteArray sinkName = name.toUtf8();
+    const OSStatus status = runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_set_sink_mute_by_name(m_context, sinkName.constData(), mute,
+                                                successCallback, new Request{this, pending});
+    });
+    return status == kAudioHardwareNoError ? refetchSink(name) : status;
+}
+
+OSStatus PulseConnection::setSourceVolume(const QString& name,
+                                          const std::vector<std::uint32_t>& channelVolumes) {
+    const QByteArray sourceName = name.toUtf8();
+    const pa_cvolume volume = toCVolume(channelVolumes);
+    const OSStatus status = runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_set_source_volume_by_name(m_context, sourceName.constData(), &volume,
+                                                    successCallback, new Request{this, pending});
+    });
+    return status == kAudioHardwareNoError ? refetchSource(name) : status;
+}
+
+OSStatus PulseConnection::setSourceMute(const QString& name, bool mute) {
+    const QByteArray sourceName = name.toUtf8();
+    const OSStatus status = runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_set_source_mute_by_name(m_context, sourceName.constData(), mute,
+                                                  successCallback, new Request{this, pending});
+    });
+    return status == kAudioHardwareNoError ? refetchSource(name) : status;
+}
+
+OSStatus PulseConnection::setDefaultSink(const QString& name) {
+    const QByteArray sinkName = name.toUtf8();
+    const OSStatus status = runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_set_default_sink(m_context, sinkName.constData(), successCallback,
+                                           new Request{this, pending});
+    });
+    if (status != kAudioHardwareNoError)
+        return status;
+    // PipeWire's session manager settles the default a moment after the write is acknowledged,
+    // so the mirror takes the written name now; the server's later word replaces it.
+    PulseMirror::Notices notices;
+    {
+        std::lock_guard lock(m_mirrorMutex);
+        PulseRecords::Server server = m_mirror.server();
+        server.defaultSink = name;
+        notices = m_mirror.setServer(server);
+    }
+    post(std::move(notices));
+    return kAudioHardwareNoError;
+}
+
+OSStatus PulseConnection::setDefaultSource(const QString& name) {
+    const QByteArray sourceName = name.toUtf8();
+    const OSStatus status = runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_set_default_source(m_context, sourceName.constData(), successCallback,
+                                             new Request{this, pending});
+    });
+    if (status != kAudioHardwareNoError)
+        return status;
+    PulseMirror::Notices notices;
+    {
+        std::lock_guard lock(m_mirrorMutex);
+        PulseRecords::Server server = m_mirror.server();
+        server.defaultSource = name;
+        notices = m_mirror.setServer(server);
+    }
+    post(std::move(notices));
+    return kAudioHardwareNoError;
+}
+
+OSStatus PulseConnection::moveSinkInput(std::uint32_t index, const QString& sinkName) {
+    const QByteArray name = sinkName.toUtf8();
+    return runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_move_sink_input_by_name(m_context, index, name.constData(),
+                                                  successCallback, new Request{this, pending});
+    });
+}
+
+OSStatus PulseConnection::unpinRestoredSinkInputs() {
+    auto collected = std::make_shared<Pending>();
+    const OSStatus read = runOperation(
+        [&](std::shared_ptr<Pending> pending) {
+            return pa_ext_stream_restore_read(
+                m_context,
+                [](pa_context*, const pa_ext_stream_restore_info* info, int eol, void* userdata) {
+                    auto* request = static_cast<Request*>(userdata);
+                    if (info && info->name && info->device && *info->device &&
+                        std::string_view(info->name).starts_with("sink-input-by-")) {
+                        request->pending->pinnedEntries.push_back(
+                            {info->name, info->channel_map, info->volume, info->mute});
+                    }
+                    // eol < 0: the server has no stream-restore; nothing pins anything.
+                    if (eol)
+                        finishRequest(request, true);
+                },
+                new Request{this, pending});
+        },
+        nullptr, collected);
+    if (read != kAudioHardwareNoError)
+        return read;
+    std::vector<Pending::RestoreEntry> entries;
+    {
+        std::lock_guard lock(collected->mutex);
+        entries = collected->pinnedEntries;
+    }
+    if (entries.empty())
+        return kAudioHardwareNoError;
+    std::vector<pa_ext_stream_restore_info> unpinned;
+    for (const auto& entry : entries) {
+        pa_ext_stream_restore_info info{};
+        info.name = entry.name.c_str();
+        info.channel_map = entry.channelMap;
+        info.volume = entry.volume;
+        info.device = nullptr;
+        info.mute = entry.mute;
+        unpinned.push_back(info);
+    }
+    return runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_ext_stream_restore_write(m_context, PA_UPDATE_REPLACE, unpinned.data(),
+                                           unsigned(unpinned.size()), 1, successCallback,
+                                           new Request{this, pending});
+    });
+}
+
+OSStatus PulseConnection::loadModule(const QString& name, const QString& argument,
+                                     std::uint32_t& outIndex) {
+    const QByteArray moduleName = name.toUtf8();
+    const QByteArray moduleArgument = argument.toUtf8();
+    return runOperation(
+        [&](std::shared_ptr<Pending> pending) {
+            return pa_context_load_module(
+                m_context, moduleName.constData(), moduleArgument.constData(),
+                [](pa_context*, std::uint32_t index, void* userdata) {
+                    finishRequest(static_cast<Request*>(userdata), index != PA_INVALID_INDEX,
+                                  index);
+                },
+                new Request{this, pending});
+        },
+        &outIndex);
+}
+
+OSStatus PulseConnection::unloadModule(std::uint32_t index) {
+    return runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_unload_module(m_context, index, successCallback,
+                                        new Request{this, pending});
+    });
+}
+
+OSStatus PulseConnection::refetchSink(const QString& name) {
+    const QByteArray sinkName = name.toUtf8();
+    return runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_get_sink_info_by_name(
+            m_context, sinkName.constData(),
+            [](pa_context*, const pa_sink_info* info, int eol, void* userdata) {
+                auto* request = static_cast<Request*>(userdata);
+                if (info) {
+                    request->found = true;
+                    auto sink = PulseRecords::fromSink(*info);
+                    request->self->applyAndPost(
+                        [&](PulseMirror& mirror) { return mirror.upsertSink(sink); });
+                }
+                if (eol)
+                    finishRequest(request, request->found);
+            },
+            new Request{this, pending});
+    });
+}
+
+OSStatus PulseConnection::refetchSource(const QString& name) {
+    const QByteArray sourceName = name.toUtf8();
+    return runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_get_source_info_by_name(
+            m_context, sourceName.constData(),
+            [](pa_context*, const pa_source_info* info, int eol, void* userdata) {
+                auto* request = static_cast<Request*>(userdata);
+                if (info) {
+                    request->found = true;
+                    auto source = PulseRecords::fromSource(*info);
+                    request->self->applyAndPost(
+                        [&](PulseMirror& mirror) { return mirror.upsertSource(source); });
+                }
+                if (eol)
+                    finishRequest(request, request->found);
+            },
+            new Request{this, pending});
+    });
+}
+
+OSStatus PulseConnection::refetchServer() {
+    return runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_get_server_info(
+            m_context,
+            [](pa_context*, const pa_server_info* info, void* userdata) {
+                auto* request = static_cast<Request*>(userdata);
+                if (info) {
+                    auto server = PulseRecords::fromServer(*info);
+                    request->self->applyAndPost(
+                        [&](PulseMirror& mirror) { return mirror.setServer(server); });
+                }
+                finishRequest(request, info != nullptr);
+            },
+            new Request{this, pending});
+    });
+}
+
+void PulseConnection::forgetSink(const QString& name) {
+    PulseMirror::Notices notices;
+    {
+        std::lock_guard lock(m_mirrorMutex);
+        if (const auto* sink = m_mirror.sink(name))
+            notices = m_mirror.removeSink(sink->index);
+    }
+    post(std::move(notices));
+}

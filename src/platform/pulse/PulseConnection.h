@@ -1,0 +1,115 @@
+#pragma once
+
+#include "platform/AudioHardwareTypes.h"
+#include "platform/pulse/PulseMirror.h"
+
+#include <pulse/def.h>
+
+#include <QObject>
+#include <QTimer>
+
+#include <condition_variable>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+struct pa_threaded_mainloop;
+struct pa_context;
+struct pa_operation;
+
+// The control connection to the sound server: one pa_context on a pa_threaded_mainloop of its
+// own. It subscribes first, then lists everything into a fresh mirror, and from then on re-fetches
+// each object an event names. Mirror changes reach the main thread as queued notices.
+//
+// Operations are synchronous for the caller: issued under the mainloop lock, then waited for
+// outside it, at most kOperationTimeoutMs; a timeout, a server error or a lost connection is a
+// failure status, never a hang. A lost server is reconnected to with back-off (100 ms doubling to
+// 2 s, for as long as the program runs); the mirror keeps the old state until the new one is
+// complete and then is swapped in whole, announced as one resynchronisation.
+class PulseConnection : public QObject {
+    Q_OBJECT
+
+public:
+    static constexpr int kOperationTimeoutMs = 2000;
+
+    explicit PulseConnection(QObject* parent = nullptr);
+    ~PulseConnection() override;
+
+    // Starts the mainloop and waits until the first mirror is complete; false if no server
+    // answered within `timeoutMs`.
+    bool open(int timeoutMs);
+    bool isReady() const { return m_ready.load(std::memory_order_relaxed); }
+
+    // Runs `read` on the mirror under its lock; never waits for the server.
+    template <typename Read> auto readMirror(Read read) const {
+        std::lock_guard lock(m_mirrorMutex);
+        return read(m_mirror);
+    }
+
+    OSStatus setSinkVolume(const QString& name, const std::vector<std::uint32_t>& channelVolumes);
+    OSStatus setSinkMute(const QString& name, bool mute);
+    OSStatus setSourceVolume(const QString& name, const std::vector<std::uint32_t>& channelVolumes);
+    OSStatus setSourceMute(const QString& name, bool mute);
+    OSStatus setDefaultSink(const QString& name);
+    OSStatus setDefaultSource(const QString& name);
+    OSStatus moveSinkInput(std::uint32_t index, const QString& sinkName);
+    // Drops the sink a stream-restore entry pins sink-inputs to, so that they follow the default.
+    // Without module-stream-restore there is nothing to drop: that is success.
+    OSStatus unpinRestoredSinkInputs();
+    OSStatus loadModule(const QString& name, const QString& argument, std::uint32_t& outIndex);
+    OSStatus unloadModule(std::uint32_t index);
+    // Fetches the object again and waits until the mirror holds the answer.
+    OSStatus refetchSink(const QString& name);
+    OSStatus refetchSource(const QString& name);
+    OSStatus refetchServer();
+    // Takes a sink out of the mirror at once, after the caller removed it on the server.
+    void forgetSink(const QString& name);
+
+    // Shared between a waiting caller and the libpulse callbacks; defined in the source.
+    struct Pending;
+    struct Request;
+
+signals:
+    // Queued to the main thread.
+    void notices(const PulseMirror::Notices& notices);
+
+private:
+    enum class Apply { Sink, Source, Stream, Client, Module, Server };
+
+    // Mainloop thread.
+    static void contextStateChanged(pa_context* context, void* userdata);
+    static void subscriptionEvent(pa_context* context, pa_subscription_event_type_t type,
+                                  std::uint32_t index, void* userdata);
+    void beginSynchronisation();
+    void fetch(Apply what, std::uint32_t index, std::shared_ptr<Pending> pending = {});
+    void applyAndPost(const std::function<PulseMirror::Notices(PulseMirror&)>& apply);
+    void listFinished();
+    void post(PulseMirror::Notices notices);
+
+    // Main thread.
+    bool startContext();
+    void connectionLost();
+    void scheduleReconnect();
+    OSStatus runOperation(const std::function<pa_operation*(std::shared_ptr<Pending>)>& issue,
+                          std::uint32_t* outIndex = nullptr, std::shared_ptr<Pending> pending = {});
+
+    pa_threaded_mainloop* m_mainloop = nullptr;
+    pa_context* m_context = nullptr;
+    std::atomic<bool> m_ready{false};
+    std::atomic<bool> m_closing{false};
+    int m_openLists = 0; // mainloop thread, while synchronising
+
+    mutable std::mutex m_mirrorMutex;
+    PulseMirror m_mirror;
+    std::optional<PulseMirror> m_staging; // mainloop thread only, while synchronising
+
+    std::mutex m_openMutex;
+    std::condition_variable m_openCondition;
+    bool m_openFinished = false;
+
+    QTimer m_reconnectTimer;
+    int m_backoffMs = 100;
+};

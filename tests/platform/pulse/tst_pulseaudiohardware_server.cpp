@@ -1,0 +1,526 @@
+#include "devices/AudioDeviceManager.h"
+#include "platform/AudioBackend.h"
+#include "platform/pulse/PulseAudioHardware.h"
+
+#include "PrivateSoundServer.h"
+
+#include <QFileInfo>
+#include <QUuid>
+#include <QtTest>
+
+// The libpulse realisation against a real private server, PulseAudio or PipeWire as
+// ONDRIL_TEST_SERVER says: what the program reads and writes must be what pactl sees, server
+// events must reach listeners, and real audio must go where the routing says.
+namespace {
+
+constexpr int kGenerousWaitMs = 15000;
+constexpr double kPlayingLevel = 0.05;
+constexpr double kSilentLevel = 0.01;
+
+const AudioObjectPropertyAddress kDevices{kAudioHardwarePropertyDevices,
+                                          kAudioObjectPropertyScopeGlobal, 0};
+const AudioObjectPropertyAddress kDefaultOutput{kAudioHardwarePropertyDefaultOutputDevice,
+                                                kAudioObjectPropertyScopeGlobal, 0};
+const AudioObjectPropertyAddress kDefaultInput{kAudioHardwarePropertyDefaultInputDevice,
+                                               kAudioObjectPropertyScopeGlobal, 0};
+
+AudioObjectPropertyAddress volumeAddress(AudioObjectPropertyElement element) {
+    return {kAudioDevicePropertyVolumeScalar, kAudioObjectPropertyScopeOutput, element};
+}
+
+const AudioObjectPropertyAddress kMute{kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput,
+                                       0};
+
+template <typename T>
+std::optional<T> read(const AudioHardware& hardware, AudioObjectID objectID,
+                      const AudioObjectPropertyAddress& address) {
+    AudioPropertyValue value;
+    if (hardware.AudioObjectGetPropertyData(objectID, address, value) != kAudioHardwareNoError)
+        return std::nullopt;
+    if (!std::holds_alternative<T>(value))
+        return std::nullopt;
+    return std::get<T>(value);
+}
+
+QString uidOf(const AudioHardware& hardware, AudioObjectID objectID) {
+    return read<QString>(hardware, objectID,
+                         {kAudioDevicePropertyDeviceUID, kAudioObjectPropertyScopeGlobal, 0})
+        .value_or(QString());
+}
+
+std::map<QString, AudioObjectID> devicesByUID(const AudioHardware& hardware) {
+    std::map<QString, AudioObjectID> devices;
+    for (AudioObjectID id :
+         read<std::vector<AudioObjectID>>(hardware, kAudioObjectSystemObject, kDevices)
+             .value_or(std::vector<AudioObjectID>{}))
+        devices[uidOf(hardware, id)] = id;
+    return devices;
+}
+
+const AudioDevice* findByUID(const QList<AudioDevice>& devices, const QString& uid) {
+    for (const AudioDevice& device : devices) {
+        if (device.uid == uid)
+            return &device;
+    }
+    return nullptr;
+}
+
+QString groupUID() {
+    return QStringLiteral("com.kestrivane.ondril.group.") +
+           QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
+}
+
+QVariantMap aggregateDescription(const QString& uid, const QString& name,
+                                 const QStringList& members, const QString& master) {
+    QVariantList subdevices;
+    for (const QString& member : members)
+        subdevices.append(
+            QVariantMap{{kAudioSubDeviceUIDKey, member},
+                        {kAudioSubDeviceDriftCompensationKey, member == master ? 0 : 1}});
+    return {{kAudioAggregateDeviceNameKey, name},
+            {kAudioAggregateDeviceUIDKey, uid},
+            {kAudioAggregateDeviceIsStackedKey, 1},
+            {kAudioAggregateDeviceIsPrivateKey, 0},
+            {kAudioAggregateDeviceMainSubDeviceKey, master},
+            {kAudioAggregateDeviceSubDeviceListKey, subdevices}};
+}
+
+} // namespace
+
+class PulseAudioHardwareTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init() {
+        const auto kind = PrivateSoundServer::kindFromEnvironment();
+        if (!kind)
+            QFAIL("ONDRIL_TEST_SERVER must be pulse or pipewire");
+        m_server = std::make_unique<PrivateSoundServer>(*kind);
+        if (!m_server->start())
+            QFAIL(qPrintable(m_server->error()));
+        m_hardware = PulseAudioHardware::connect(5000);
+        QVERIFY2(m_hardware, "no connection to the private server");
+    }
+
+    void cleanup() {
+        m_hardware.reset();
+        m_server.reset();
+    }
+
+    void backendNameTellsTheServer() {
+        const QString expected =
+            m_server->kind() == PrivateSoundServer::Kind::PipeWire ? "pipewire" : "pulse";
+        QCOMPARE(m_hardware->backendName(), expected);
+    }
+
+    void managerListsSinksAsOutputsAndRealSourcesAsInputs() {
+        AudioDeviceManager manager(*m_hardware);
+        QVERIFY(
+            QTest::qWaitFor([&] { return manager.outputDevices().size() >= 4; }, kGenerousWaitMs));
+        for (const auto& sink : PrivateSoundServer::defaultSinks()) {
+            const AudioDevice* device = findByUID(manager.outputDevices(), sink.name);
+            QVERIFY2(device, qPrintable(sink.name));
+            QCOMPARE(device->name, sink.description);
+            QVERIFY(device->volume.has_value());
+            QCOMPARE(*device->volume, 1.0f);
+            QVERIFY(device->isVolumeSettable);
+            QVERIFY(!device->isAirPlay);
+        }
+        const auto input = PrivateSoundServer::defaultInput();
+        const AudioDevice* mic = findByUID(manager.inputDevices(), input.name);
+        QVERIFY(mic);
+        QCOMPARE(mic->name, input.description);
+        for (const AudioDevice& device : manager.inputDevices())
+            QVERIFY2(!device.uid.endsWith(".monitor"), qPrintable(device.uid));
+        QVERIFY(!findByUID(manager.outputDevices(), input.name));
+    }
+
+    void sinksAndSourcesHaveOneBufferInTheirOwnDirectionOnly() {
+        const auto devices = devicesByUID(*m_hardware);
+        const AudioObjectID sink = devices.at("studio_left");
+        const AudioObjectID source = devices.at(PrivateSoundServer::defaultInput().name);
+        QVERIFY(sink != source);
+        auto configuration = [&](AudioObjectID id, AudioObjectPropertyScope scope) {
+            return read<AudioStreamConfiguration>(
+                       *m_hardware, id, {kAudioDevicePropertyStreamConfiguration, scope, 0})
+                .value_or(AudioStreamConfiguration{{99}});
+        };
+        QCOMPARE(configuration(sink, kAudioObjectPropertyScopeOutput).channelsPerBuffer,
+                 std::vector<std::uint32_t>{2});
+        QCOMPARE(configuration(sink, kAudioObjectPropertyScopeInput).totalChannels(), 0u);
+        QCOMPARE(configuration(source, kAudioObjectPropertyScopeInput).channelsPerBuffer,
+                 std::vector<std::uint32_t>{2});
+        QCOMPARE(configuration(source, kAudioObjectPropertyScopeOutput).totalChannels(), 0u);
+    }
+
+    void defaultOutputWriteReachesTheServerAndReadsBack_data() {
+        QTest::addColumn<QString>("sink");
+        QTest::newRow("airpods") << "airpods";
+        QTest::newRow("studio_right") << "studio_right";
+    }
+    void defaultOutputWriteReachesTheServerAndReadsBack() {
+        QFETCH(QString, sink);
+        const AudioObjectID id = devicesByUID(*m_hardware).at(sink);
+        QCOMPARE(
+            m_hardware->AudioObjectSetPropertyData(kAudioObjectSystemObject, kDefaultOutput, id),
+            kAudioHardwareNoError);
+        QCOMPARE(read<std::uint32_t>(*m_hardware, kAudioObjectSystemObject, kDefaultOutput), id);
+        QVERIFY(
+            QTest::qWaitFor([&] { return m_server->defaultSinkName() == sink; }, kGenerousWaitMs));
+    }
+
+    void defaultInputWriteReachesTheServerAndReadsBack() {
+        const QString input = PrivateSoundServer::defaultInput().name;
+        const AudioObjectID id = devicesByUID(*m_hardware).at(input);
+        QCOMPARE(
+            m_hardware->AudioObjectSetPropertyData(kAudioObjectSystemObject, kDefaultInput, id),
+            kAudioHardwareNoError);
+        QCOMPARE(read<std::uint32_t>(*m_hardware, kAudioObjectSystemObject, kDefaultInput), id);
+        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSourceName() == input; },
+                                kGenerousWaitMs));
+    }
+
+    void defaultChangedBehindOurBackReachesTheListener() {
+        int calls = 0;
+        AudioObjectPropertyListenerToken token = 0;
+        QCOMPARE(
+            m_hardware->AudioObjectAddPropertyListenerBlock(
+                kAudioObjectSystemObject, kDefaultOutput, [&](const auto&) { ++calls; }, token),
+            kAudioHardwareNoError);
+        const AudioObjectID builtin = devicesByUID(*m_hardware).at("builtin");
+        QVERIFY(m_server->pactl({"set-default-sink", "builtin"}));
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                return calls > 0 && read<std::uint32_t>(*m_hardware, kAudioObjectSystemObject,
+                                                        kDefaultOutput) == builtin;
+            },
+            kGenerousWaitMs));
+    }
+
+    void volumeElementsWriteChannels_data() {
+        QTest::addColumn<quint32>("element");
+        QTest::addColumn<float>("value");
+        QTest::addColumn<std::vector<int>>("percents");
+        QTest::newRow("whole device") << 0u << 0.25f << std::vector<int>{25, 25};
+        QTest::newRow("first channel") << 1u << 0.4f << std::vector<int>{40, 100};
+        QTest::newRow("second channel") << 2u << 0.6f << std::vector<int>{100, 60};
+    }
+    void volumeElementsWriteChannels() {
+        QFETCH(quint32, element);
+        QFETCH(float, value);
+        QFETCH(std::vector<int>, percents);
+        const AudioObjectID id = devicesByUID(*m_hardware).at("studio_right");
+        bool settable = false;
+        QCOMPARE(m_hardware->AudioObjectIsPropertySettable(id, volumeAddress(element), settable),
+                 kAudioHardwareNoError);
+        QVERIFY(settable);
+        QCOMPARE(m_hardware->AudioObjectSetPropertyData(id, volumeAddress(element), value),
+                 kAudioHardwareNoError);
+        const auto readBack = read<float>(*m_hardware, id, volumeAddress(element));
+        QVERIFY(readBack);
+        QVERIFY2(std::abs(*readBack - value) < 0.001f, qPrintable(QString::number(*readBack)));
+        QCOMPARE(m_server->sinkVolumePercent("studio_right"), percents);
+    }
+
+    void wholeDeviceVolumeReadsTheLoudestChannel() {
+        const AudioObjectID id = devicesByUID(*m_hardware).at("airpods");
+        QVERIFY(m_server->pactl({"set-sink-volume", "airpods", "30%", "70%"}));
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                return std::abs(read<float>(*m_hardware, id, volumeAddress(0)).value_or(0) - 0.7f) <
+                       0.01f;
+            },
+            kGenerousWaitMs));
+        QVERIFY(std::abs(read<float>(*m_hardware, id, volumeAddress(1)).value_or(0) - 0.3f) <
+                0.01f);
+        QVERIFY(!m_hardware->AudioObjectHasProperty(id, volumeAddress(3)));
+    }
+
+    void volumeChangedBehindOurBackReachesTheDeviceListener() {
+        const AudioObjectID id = devicesByUID(*m_hardware).at("builtin");
+        std::vector<AudioObjectPropertyAddress> heard;
+        AudioObjectPropertyListenerToken token = 0;
+        QCOMPARE(
+            m_hardware->AudioObjectAddPropertyListenerBlock(
+                id, volumeAddress(0), [&](const auto& addresses) { heard = addresses; }, token),
+            kAudioHardwareNoError);
+        QVERIFY(m_server->pactl({"set-sink-volume", "builtin", "45%"}));
+        QVERIFY(QTest::qWaitFor([&] { return !heard.empty(); }, kGenerousWaitMs));
+        QCOMPARE(heard.front().mSelector, kAudioDevicePropertyVolumeScalar);
+    }
+
+    void muteWriteReachesTheServer_data() {
+        QTest::addColumn<bool>("muted");
+        QTest::newRow("mute") << true;
+        QTest::newRow("unmute after mute") << false;
+    }
+    void muteWriteReachesTheServer() {
+        QFETCH(bool, muted);
+        const AudioObjectID id = devicesByUID(*m_hardware).at("airpods");
+        QVERIFY(m_server->pactl({"set-sink-mute", "airpods", muted ? "0" : "1"}));
+        QCOMPARE(m_hardware->AudioObjectSetPropertyData(id, kMute, std::uint32_t(muted)),
+                 kAudioHardwareNoError);
+        QCOMPARE(read<std::uint32_t>(*m_hardware, id, kMute), std::uint32_t(muted));
+        QCOMPARE(m_server->sinkMute("airpods"), std::optional<bool>(muted));
+    }
+
+    void managerSetVolumeWritesEveryChannel() {
+        AudioDeviceManager manager(*m_hardware);
+        QVERIFY(QTest::qWaitFor([&] { return findByUID(manager.outputDevices(), "builtin"); },
+                                kGenerousWaitMs));
+        const AudioObjectID id = findByUID(manager.outputDevices(), "builtin")->id;
+        QVERIFY(manager.setVolume(0.5f, id));
+        QCOMPARE(m_server->sinkVolumePercent("builtin"), (std::vector<int>{50, 50}));
+        QVERIFY(manager.setMute(true, id));
+        QCOMPARE(m_server->sinkMute("builtin"), std::optional<bool>(true));
+        QCOMPARE(manager.isMuted(id), std::optional<bool>(true));
+    }
+
+    void sinkLoadedAndUnloadedWithPactlReachesListenerAndManager() {
+        AudioDeviceManager manager(*m_hardware);
+        QVERIFY(
+            QTest::qWaitFor([&] { return manager.outputDevices().size() >= 4; }, kGenerousWaitMs));
+        int deviceListCalls = 0;
+        AudioObjectPropertyListenerToken token = 0;
+        m_hardware->AudioObjectAddPropertyListenerBlock(
+            kAudioObjectSystemObject, kDevices, [&](const auto&) { ++deviceListCalls; }, token);
+        const auto module = m_server->loadNullSink("hotplugged", "Hotplugged Headphones");
+        QVERIFY(module);
+        QVERIFY(QTest::qWaitFor([&] { return findByUID(manager.outputDevices(), "hotplugged"); },
+                                kGenerousWaitMs));
+        QVERIFY(deviceListCalls > 0);
+        QCOMPARE(findByUID(manager.outputDevices(), "hotplugged")->name,
+                 QString("Hotplugged Headphones"));
+
+        const int callsBefore = deviceListCalls;
+        QVERIFY(m_server->pactl({"unload-module", QString::number(*module)}));
+        QVERIFY(QTest::qWaitFor([&] { return !findByUID(manager.outputDevices(), "hotplugged"); },
+                                kGenerousWaitMs));
+        QVERIFY(deviceListCalls > callsBefore);
+    }
+
+    void playingStreamFollowsTheNewDefault_data() {
+        QTest::addColumn<bool>("pinnedBefore");
+        QTest::newRow("new stream") << false;
+        // The application played to studio_left by name before: the server remembers that.
+        QTest::newRow("stream the server remembers on a sink") << true;
+    }
+    void playingStreamFollowsTheNewDefault() {
+        QFETCH(bool, pinnedBefore);
+        if (pinnedBefore) {
+            auto earlier = m_server->playTone("studio_left", "ondril-follower");
+            QVERIFY(earlier);
+            QVERIFY(QTest::qWaitFor(
+                [&] { return m_server->sinkOfStream("ondril-follower") == "studio_left"; },
+                kGenerousWaitMs));
+            earlier->kill();
+            earlier->waitForFinished();
+            QVERIFY(
+                QTest::qWaitFor([&] { return m_server->sinkOfStream("ondril-follower").isEmpty(); },
+                                kGenerousWaitMs));
+        }
+        const auto devices = devicesByUID(*m_hardware);
+        QCOMPARE(m_hardware->AudioObjectSetPropertyData(kAudioObjectSystemObject, kDefaultOutput,
+                                                        devices.at("studio_left")),
+                 kAudioHardwareNoError);
+        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == "studio_left"; },
+                                kGenerousWaitMs));
+        auto tone = m_server->playTone({}, "ondril-follower");
+        QVERIFY(tone);
+        QVERIFY(QTest::qWaitFor(
+            [&] { return m_server->sinkOfStream("ondril-follower") == "studio_left"; },
+            kGenerousWaitMs));
+        QCOMPARE(m_hardware->AudioObjectSetPropertyData(kAudioObjectSystemObject, kDefaultOutput,
+                                                        devices.at("studio_right")),
+                 kAudioHardwareNoError);
+        QVERIFY2(QTest::qWaitFor(
+                     [&] { return m_server->sinkOfStream("ondril-follower") == "studio_right"; },
+                     kGenerousWaitMs),
+                 qPrintable(m_server->sinkOfStream("ondril-follower")));
+        const auto level = m_server->recordLevel("studio_right");
+        tone->kill();
+        tone->waitForFinished();
+        QVERIFY(level);
+        QVERIFY2(*level > kPlayingLevel, qPrintable(QString::number(*level)));
+    }
+
+    void playingProcessIsListedWithItsBinary() {
+        auto tone = m_server->playTone("builtin", "ondril-process");
+        QVERIFY(tone);
+        const auto pid = std::int32_t(tone->processId());
+        std::optional<AudioObjectID> process;
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                const auto processes = read<std::vector<AudioObjectID>>(
+                    *m_hardware, kAudioObjectSystemObject,
+                    {kAudioHardwarePropertyProcessObjectList, kAudioObjectPropertyScopeGlobal, 0});
+                for (AudioObjectID id : processes.value_or(std::vector<AudioObjectID>{})) {
+                    if (read<std::int32_t>(
+                            *m_hardware, id,
+                            {kAudioProcessPropertyPID, kAudioObjectPropertyScopeGlobal, 0}) == pid)
+                        process = id;
+                }
+                return process.has_value() &&
+                       read<std::uint32_t>(*m_hardware, *process,
+                                           {kAudioProcessPropertyIsRunningOutput,
+                                            kAudioObjectPropertyScopeGlobal, 0}) == 1u;
+            },
+            kGenerousWaitMs));
+        const QString binary =
+            read<QString>(*m_hardware, *process,
+                          {kAudioProcessPropertyBundleID, kAudioObjectPropertyScopeGlobal, 0})
+                .value_or(QString());
+        // paplay is pacat under another name; the binary is what the process runs.
+        const QString executable =
+            QFileInfo(QFileInfo(QString("/proc/%1/exe").arg(pid)).symLinkTarget()).fileName();
+        tone->kill();
+        tone->waitForFinished();
+        QVERIFY(!executable.isEmpty());
+        QCOMPARE(binary, executable);
+    }
+
+    void aggregatePlaysToEveryMemberWithTheMasterFirst_data() {
+        QTest::addColumn<QString>("name");
+        QTest::newRow("plain") << "Both Displays";
+        QTest::newRow("blank and apostrophe") << "Tom's Desk Speakers";
+    }
+    void aggregatePlaysToEveryMemberWithTheMasterFirst() {
+        QFETCH(QString, name);
+        const QString uid = groupUID();
+        AudioObjectID aggregate = 0;
+        QCOMPARE(
+            m_hardware->AudioHardwareCreateAggregateDevice(
+                aggregateDescription(uid, name, {"studio_left", "studio_right"}, "studio_right"),
+                aggregate),
+            kAudioHardwareNoError);
+        QVERIFY(aggregate != 0);
+        // Seen at once, without waiting for an event.
+        QCOMPARE(uidOf(*m_hardware, aggregate), uid);
+        QCOMPARE(read<std::uint32_t>(
+                     *m_hardware, aggregate,
+                     {kAudioDevicePropertyTransportType, kAudioObjectPropertyScopeGlobal, 0}),
+                 std::optional<std::uint32_t>(kAudioDeviceTransportTypeAggregate));
+        const auto shownName = read<QString>(
+            *m_hardware, aggregate, {kAudioObjectPropertyName, kAudioObjectPropertyScopeGlobal, 0});
+        QVERIFY(shownName);
+        // PipeWire cannot take an ASCII apostrophe in a quoted module argument: it gets the
+        // typographic one. Blanks survive on both.
+        QString expected = name;
+        if (m_server->kind() == PrivateSoundServer::Kind::PipeWire)
+            expected.replace('\'', QChar(0x2019));
+        QCOMPARE(*shownName, expected);
+
+        const auto module = m_server->owningModule(uid);
+        QVERIFY(module);
+        QVERIFY2(module->second.contains("slaves=studio_right,studio_left"),
+                 qPrintable(module->second));
+
+        auto tone = m_server->playTone(uid, "ondril-group-tone");
+        QVERIFY(tone);
+        const auto left = m_server->recordLevel("studio_left");
+        const auto right = m_server->recordLevel("studio_right");
+        const auto outsider = m_server->recordLevel("airpods");
+        tone->kill();
+        tone->waitForFinished();
+        QVERIFY(left && right && outsider);
+        QVERIFY2(*left > kPlayingLevel, qPrintable(QString::number(*left)));
+        QVERIFY2(*right > kPlayingLevel, qPrintable(QString::number(*right)));
+        QVERIFY2(*outsider < kSilentLevel, qPrintable(QString::number(*outsider)));
+
+        QCOMPARE(m_hardware->AudioHardwareDestroyAggregateDevice(aggregate), kAudioHardwareNoError);
+        QVERIFY(devicesByUID(*m_hardware).count(uid) == 0);
+        QVERIFY(
+            QTest::qWaitFor([&] { return !m_server->sinkNames().contains(uid); }, kGenerousWaitMs));
+    }
+
+    void aggregateRebuiltUnderTheSameUIDRightAfterDestroy() {
+        // What a group does when a member comes or goes: destroy, then build again at once.
+        const QString uid = groupUID();
+        AudioObjectID first = 0;
+        QCOMPARE(
+            m_hardware->AudioHardwareCreateAggregateDevice(
+                aggregateDescription(uid, "Both Displays", {"studio_left"}, "studio_left"), first),
+            kAudioHardwareNoError);
+        QCOMPARE(m_hardware->AudioHardwareDestroyAggregateDevice(first), kAudioHardwareNoError);
+        AudioObjectID second = 0;
+        QCOMPARE(m_hardware->AudioHardwareCreateAggregateDevice(
+                     aggregateDescription(uid, "Both Displays", {"studio_left", "studio_right"},
+                                          "studio_left"),
+                     second),
+                 kAudioHardwareNoError);
+        QCOMPARE(second, first); // same UID, same id
+        const auto module = m_server->owningModule(uid);
+        QVERIFY(module);
+        QVERIFY2(module->second.contains("slaves=studio_left,studio_right"),
+                 qPrintable(module->second));
+        QCOMPARE(m_hardware->AudioHardwareDestroyAggregateDevice(second), kAudioHardwareNoError);
+    }
+
+    void aggregateWithAMissingMemberIsRefused() {
+        AudioObjectID aggregate = 0;
+        QVERIFY(m_hardware->AudioHardwareCreateAggregateDevice(
+                    aggregateDescription(groupUID(), "Ghost", {"studio_left", "nonexistent"},
+                                         "studio_left"),
+                    aggregate) != kAudioHardwareNoError);
+        QCOMPARE(aggregate, 0u);
+        for (const QString& sink : m_server->sinkNames())
+            QVERIFY(!sink.startsWith("com.kestrivane.ondril.group."));
+    }
+
+    void destroyingAPlainSinkIsRefused() {
+        const AudioObjectID id = devicesByUID(*m_hardware).at("studio_left");
+        QVERIFY(m_hardware->AudioHardwareDestroyAggregateDevice(id) != kAudioHardwareNoError);
+        QVERIFY(m_server->sinkNames().contains("studio_left"));
+    }
+
+    void restartedServerIsReconnectedWithTheSameIds() {
+        const auto before = devicesByUID(*m_hardware);
+        int deviceListCalls = 0;
+        AudioObjectPropertyListenerToken token = 0;
+        m_hardware->AudioObjectAddPropertyListenerBlock(
+            kAudioObjectSystemObject, kDevices, [&](const auto&) { ++deviceListCalls; }, token);
+        m_server->stop();
+        const AudioObjectID studio = before.at("studio_left");
+        // While the server is away a write fails, and does not hang.
+        QTRY_VERIFY_WITH_TIMEOUT(m_hardware->AudioObjectSetPropertyData(
+                                     studio, volumeAddress(0), 0.5f) != kAudioHardwareNoError,
+                                 kGenerousWaitMs);
+        QVERIFY2(m_server->start(), qPrintable(m_server->error()));
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                return deviceListCalls > 0 &&
+                       m_hardware->AudioObjectSetPropertyData(studio, volumeAddress(0), 0.5f) ==
+                           kAudioHardwareNoError;
+            },
+            kGenerousWaitMs));
+        const auto after = devicesByUID(*m_hardware);
+        for (const auto& sink : PrivateSoundServer::defaultSinks())
+            QCOMPARE(after.at(sink.name), before.at(sink.name));
+        QCOMPARE(m_server->sinkVolumePercent("studio_left"), (std::vector<int>{50, 50}));
+    }
+
+    void backendChoiceConnectsOrFallsBack() {
+        auto pulse = AudioBackend::make(AudioBackend::Choice::pulse);
+        QVERIFY(pulse.hardware);
+        QCOMPARE(pulse.hardware->backendName(), m_hardware->backendName());
+
+        const QByteArray address = qgetenv("PULSE_SERVER");
+        qputenv("PULSE_SERVER", "unix:/nonexistent/ondril/native");
+        auto refused = AudioBackend::make(AudioBackend::Choice::pulse);
+        auto automatic = AudioBackend::make(AudioBackend::Choice::automatic);
+        qputenv("PULSE_SERVER", address);
+        QVERIFY(!refused.hardware);
+        QVERIFY(!refused.error.isEmpty());
+        QVERIFY(automatic.hardware);
+        QCOMPARE(automatic.hardware->backendName(), QString("simulated"));
+        QCOMPARE(automatic.notice,
+                 QString("no sound server answered within 1 s; using the simulated audio service"));
+    }
+
+private:
+    std::unique_ptr<PrivateSoundServer> m_server;
+    std::unique_ptr<PulseAudioHardware> m_hardware;
+};
+
+QTEST_GUILESS_MAIN(PulseAudioHardwareTest)
+#include "tst_pulseaudiohardware_server.moc"

@@ -1,0 +1,195 @@
+#include "platform/pulse/PulseMirror.h"
+#include "platform/pulse/PulseModuleArguments.h"
+#include "platform/pulse/PulseObjectIds.h"
+
+#include <QtTest>
+
+// The mirror fed with made-up records, in the orders the servers really produce: what it holds
+// afterwards and which notices it gives decide what the program sees and which listeners run.
+namespace {
+
+using Device = PulseRecords::Device;
+using Notice = PulseMirror::Notice;
+using Target = PulseMirror::Target;
+
+Device sink(std::uint32_t index, const QString& name, std::uint32_t volume = 65536,
+            bool mute = false) {
+    Device device;
+    device.index = index;
+    device.name = name;
+    device.description = name.toUpper();
+    device.volume = {volume, volume};
+    device.mute = mute;
+    return device;
+}
+
+const Notice kDeviceList{Target::System, {}, kAudioHardwarePropertyDevices};
+const Notice kProcessList{Target::System, {}, kAudioHardwarePropertyProcessObjectList};
+
+} // namespace
+
+Q_DECLARE_METATYPE(PulseMirror::Notices)
+
+class PulseMirrorTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void changeBeforeNewAddsTheSinkOnce() {
+        PulseMirror mirror;
+        // PipeWire may send "change" before "new"; both fetch the object, both answers arrive.
+        QCOMPARE(mirror.upsertSink(sink(7, "studio")), PulseMirror::Notices{kDeviceList});
+        QCOMPARE(mirror.upsertSink(sink(7, "studio")), PulseMirror::Notices{});
+        QCOMPARE(mirror.sinksInServerOrder().size(), std::size_t(1));
+    }
+
+    void changesOfADeviceGiveTheirOwnNotices_data() {
+        QTest::addColumn<Device>("changed");
+        QTest::addColumn<PulseMirror::Notices>("expected");
+        QTest::newRow("volume") << sink(7, "studio", 30000)
+                                << PulseMirror::Notices{
+                                       {Target::Sink, "studio", kAudioDevicePropertyVolumeScalar}};
+        QTest::newRow("mute") << sink(7, "studio", 65536, true)
+                              << PulseMirror::Notices{
+                                     {Target::Sink, "studio", kAudioDevicePropertyMute}};
+        Device renamed = sink(7, "studio");
+        renamed.description = "Studio Display";
+        QTest::newRow("description")
+            << renamed << PulseMirror::Notices{{Target::Sink, "studio", kAudioObjectPropertyName}};
+        QTest::newRow("nothing") << sink(7, "studio") << PulseMirror::Notices{};
+    }
+    void changesOfADeviceGiveTheirOwnNotices() {
+        QFETCH(Device, changed);
+        QFETCH(PulseMirror::Notices, expected);
+        PulseMirror mirror;
+        mirror.upsertSink(sink(7, "studio"));
+        QCOMPARE(mirror.upsertSink(changed), expected);
+        QCOMPARE(*mirror.sink("studio"), changed);
+    }
+
+    void removalOfAnUnknownIndexChangesNothing() {
+        PulseMirror mirror;
+        mirror.upsertSink(sink(7, "studio"));
+        QCOMPARE(mirror.removeSink(8), PulseMirror::Notices{});
+        QVERIFY(mirror.sink("studio"));
+    }
+
+    void sinkReappearingUnderANewIndexKeepsItsName() {
+        // A restarted module gets a new index; the name is what identifies the device.
+        PulseMirror mirror;
+        mirror.upsertSink(sink(7, "studio"));
+        QCOMPARE(mirror.removeSink(7), PulseMirror::Notices{kDeviceList});
+        QCOMPARE(mirror.upsertSink(sink(12, "studio")), PulseMirror::Notices{kDeviceList});
+        QCOMPARE(mirror.sink("studio")->index, 12u);
+        // A late removal of the old index must not take the new sink away.
+        QCOMPARE(mirror.removeSink(7), PulseMirror::Notices{});
+        QVERIFY(mirror.sink("studio"));
+    }
+
+    void reusedIndexWithAnotherNameReplacesTheOldSink() {
+        PulseMirror mirror;
+        mirror.upsertSink(sink(7, "studio"));
+        mirror.upsertSink(sink(7, "airpods"));
+        QVERIFY(!mirror.sink("studio"));
+        QVERIFY(mirror.sink("airpods"));
+        QCOMPARE(mirror.removeSink(7), PulseMirror::Notices{kDeviceList});
+        QVERIFY(mirror.sinksInServerOrder().empty());
+    }
+
+    void monitorSourcesAreNoInputs() {
+        PulseMirror mirror;
+        Device monitor = sink(3, "studio.monitor");
+        monitor.isMonitor = true;
+        QCOMPARE(mirror.upsertSource(monitor), PulseMirror::Notices{});
+        QVERIFY(!mirror.source("studio.monitor"));
+        QCOMPARE(mirror.upsertSource(sink(4, "mic")), PulseMirror::Notices{kDeviceList});
+        QVERIFY(mirror.source("mic"));
+    }
+
+    void placeholderDefaultNameKeepsTheOldDefault_data() {
+        QTest::addColumn<QString>("reported");
+        QTest::addColumn<QString>("expected");
+        QTest::addColumn<bool>("announced");
+        QTest::newRow("PipeWire placeholder") << "@DEFAULT_SINK@"
+                                              << "studio" << false;
+        QTest::newRow("real name") << "airpods"
+                                   << "airpods" << true;
+        QTest::newRow("same name") << "studio"
+                                   << "studio" << false;
+    }
+    void placeholderDefaultNameKeepsTheOldDefault() {
+        QFETCH(QString, reported);
+        QFETCH(QString, expected);
+        QFETCH(bool, announced);
+        PulseMirror mirror;
+        mirror.setServer({"PulseAudio (on PipeWire 0.3.65)", "studio", "mic"});
+        const auto notices = mirror.setServer({"PulseAudio (on PipeWire 0.3.65)", reported, "mic"});
+        QCOMPARE(mirror.server().defaultSink, expected);
+        const PulseMirror::Notices defaultChanged{
+            {Target::System, {}, kAudioHardwarePropertyDefaultOutputDevice}};
+        QCOMPARE(notices == defaultChanged, announced);
+    }
+
+    void processesGroupStreamsByPidAndRunWhileAnyIsUncorked() {
+        PulseMirror mirror;
+        mirror.upsertClient({1, 4242, "firefox"});
+        mirror.upsertClient({2, 5151, "mpv"});
+        // A stream without a pid of its own takes the client's; a module's stream has no client.
+        QCOMPARE(mirror.upsertStream({10, 1, 0, PulseRecords::kInvalidIndex, true, 0, ""}),
+                 PulseMirror::Notices{kProcessList});
+        mirror.upsertStream({11, 1, 0, PulseRecords::kInvalidIndex, false, 4242, "firefox"});
+        // PipeWire: a stream being placed has no sink yet and is corked.
+        mirror.upsertStream(
+            {12, 2, PulseRecords::kInvalidIndex, PulseRecords::kInvalidIndex, true, 5151, "mpv"});
+        mirror.upsertStream({13, PulseRecords::kInvalidIndex, 0, 9, false, 0, ""});
+        const auto processes = mirror.processes();
+        QCOMPARE(processes.size(), std::size_t(2));
+        QCOMPARE(processes[0].pid, 4242);
+        QCOMPARE(processes[0].binary, QString("firefox"));
+        QVERIFY(processes[0].isRunningOutput);
+        QCOMPARE(processes[1].pid, 5151);
+        QVERIFY(!processes[1].isRunningOutput);
+        QCOMPARE(mirror.removeStream(11), PulseMirror::Notices{kProcessList});
+        QVERIFY(!mirror.processes()[0].isRunningOutput);
+    }
+
+    void objectIdsAreStablePerKindAndName() {
+        PulseObjectIds ids;
+        const AudioObjectID studioSink = ids.idFor(PulseObjectIds::Kind::Sink, "studio");
+        const AudioObjectID studioSource = ids.idFor(PulseObjectIds::Kind::Source, "studio");
+        QVERIFY(studioSink >= PulseObjectIds::kFirstID);
+        QVERIFY(studioSink != studioSource);
+        QVERIFY(studioSink != kAudioObjectSystemObject);
+        QCOMPARE(ids.idFor(PulseObjectIds::Kind::Sink, "studio"), studioSink);
+        QCOMPARE(ids.lookup(studioSource)->second, QString("studio"));
+        QVERIFY(!ids.lookup(kAudioObjectSystemObject));
+    }
+
+    void combineArgumentsQuoteTheDescriptionForEachServer_data() {
+        QTest::addColumn<int>("server");
+        QTest::addColumn<QString>("description");
+        QTest::addColumn<QString>("expected");
+        using S = PulseModuleArguments::Server;
+        QTest::newRow("PulseAudio blank and apostrophe")
+            << int(S::PulseAudio) << "Tom's Desk"
+            << "sink_name=g slaves=a,b sink_properties='device.description=\"Tom\\'s Desk\"'";
+        QTest::newRow("PipeWire blank and apostrophe")
+            << int(S::PipeWire) << "Tom's Desk"
+            << QString("sink_name=g slaves=a,b sink_properties=\"device.description='Tom") +
+                   QChar(0x2019) + "s Desk'\"";
+        QTest::newRow("double quote and backslash")
+            << int(S::PulseAudio) << "A \"B\" \\C"
+            << QString("sink_name=g slaves=a,b sink_properties='device.description=\"A ") +
+                   QChar(0x201D) + "B" + QChar(0x201D) + " C\"'";
+    }
+    void combineArgumentsQuoteTheDescriptionForEachServer() {
+        QFETCH(int, server);
+        QFETCH(QString, description);
+        QFETCH(QString, expected);
+        QCOMPARE(PulseModuleArguments::combineSink("g", description, {"a", "b"},
+                                                   PulseModuleArguments::Server(server)),
+                 expected);
+    }
+};
+
+QTEST_GUILESS_MAIN(PulseMirrorTest)
+#include "tst_pulsemirror.moc"

@@ -1,0 +1,482 @@
+#include "PrivateSoundServer.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcessEnvironment>
+#include <QRegularExpression>
+#include <QThread>
+
+#include <cmath>
+#include <csignal>
+#include <cstdint>
+
+namespace {
+
+constexpr int kReadyTimeoutMs = 15000;
+
+QString sandboxRoot() {
+    const QString sandbox = qEnvironmentVariable("ONDRIL_TEST_SANDBOX");
+    if (!sandbox.isEmpty())
+        return sandbox;
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    return runtime.isEmpty() ? QDir::tempPath() : runtime;
+}
+
+// PulseAudio reads its startup script from a file; the devices are loaded afterwards with pactl,
+// the same way on both servers.
+const char* kPulseScript = "load-module module-native-protocol-unix\n"
+                           "load-module module-stream-restore\n"
+                           "load-module module-always-sink\n";
+
+} // namespace
+
+std::optional<PrivateSoundServer::Kind> PrivateSoundServer::kindFromEnvironment() {
+    const QString text = qEnvironmentVariable("ONDRIL_TEST_SERVER");
+    if (text == QLatin1String("pulse"))
+        return Kind::PulseAudio;
+    if (text == QLatin1String("pipewire"))
+        return Kind::PipeWire;
+    return std::nullopt;
+}
+
+QString PrivateSoundServer::kindName(Kind kind) {
+    return kind == Kind::PulseAudio ? QStringLiteral("pulse") : QStringLiteral("pipewire");
+}
+
+std::vector<PrivateSoundServer::Device> PrivateSoundServer::defaultSinks() {
+    return {{QStringLiteral("studio_left"), QStringLiteral("Studio Display Left")},
+            {QStringLiteral("studio_right"), QStringLiteral("Studio Display Right")},
+            {QStringLiteral("airpods"), QStringLiteral("AirPods Pro")},
+            {QStringLiteral("builtin"), QStringLiteral("Built-in Speakers")}};
+}
+
+PrivateSoundServer::Device PrivateSoundServer::defaultInput() {
+    return {QStringLiteral("studio_mic"), QStringLiteral("Studio Microphone")};
+}
+
+PrivateSoundServer::PrivateSoundServer(Kind kind)
+    : m_kind(kind) {
+    static int instance = 0;
+    m_root = QStringLiteral("%1/sound-%2-%3-%4")
+                 .arg(sandboxRoot(), kindName(kind))
+                 .arg(QCoreApplication::applicationPid())
+                 .arg(++instance);
+    m_runtime = m_root + QStringLiteral("/runtime");
+}
+
+PrivateSoundServer::~PrivateSoundServer() {
+    stop();
+}
+
+QString PrivateSoundServer::serverAddress() const {
+    return QStringLiteral("unix:%1/pulse/native").arg(m_runtime);
+}
+
+bool PrivateSoundServer::isRunning() const {
+    if (m_processes.empty())
+        return false;
+    for (const auto& process : m_processes) {
+        if (process->state() != QProcess::Running)
+            return false;
+    }
+    return true;
+}
+
+std::unique_ptr<QProcess> PrivateSoundServer::spawn(const QString& program,
+                                                    const QStringList& arguments,
+                                                    const QString& logName) {
+    auto process = std::make_unique<QProcess>();
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), m_runtime);
+    environment.insert(QStringLiteral("HOME"), m_root + QStringLiteral("/home"));
+    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), m_root + QStringLiteral("/home/.config"));
+    // A fresh state directory per start, so that WirePlumber and PulseAudio start clean.
+    const QString state = QStringLiteral("%1/state-%2").arg(m_root).arg(m_generation);
+    environment.insert(QStringLiteral("XDG_STATE_HOME"), state);
+    environment.insert(QStringLiteral("PULSE_STATE_PATH"), state + QStringLiteral("/pulse"));
+    environment.insert(QStringLiteral("PULSE_RUNTIME_PATH"), m_runtime + QStringLiteral("/pulse"));
+    environment.remove(QStringLiteral("PULSE_SERVER"));
+    environment.remove(QStringLiteral("PIPEWIRE_REMOTE"));
+    QDir().mkpath(state + QStringLiteral("/pulse"));
+    process->setProcessEnvironment(environment);
+    process->setStandardOutputFile(m_root + QStringLiteral("/") + logName + QStringLiteral(".log"),
+                                   QIODevice::Append);
+    process->setStandardErrorFile(m_root + QStringLiteral("/") + logName + QStringLiteral(".log"),
+                                  QIODevice::Append);
+    process->start(program, arguments);
+    if (!process->waitForStarted(5000)) {
+        m_error = QStringLiteral("%1 did not start: %2").arg(program, process->errorString());
+        return nullptr;
+    }
+    return process;
+}
+
+bool PrivateSoundServer::start(bool withDevices) {
+    stop();
+    m_error.clear();
+    ++m_generation;
+    QDir().mkpath(m_runtime);
+    QFile::setPermissions(m_runtime,
+                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    QDir().mkpath(m_root + QStringLiteral("/home/.config"));
+    qputenv("PULSE_SERVER", serverAddress().toUtf8());
+    qputenv("PULSE_RUNTIME_PATH", (m_runtime + QStringLiteral("/pulse")).toUtf8());
+
+    const bool started = m_kind == Kind::PulseAudio ? startPulseAudio() : startPipeWire();
+    if (!started) {
+        stop();
+        return false;
+    }
+    if (!waitUntilReady(kReadyTimeoutMs)) {
+        m_error = QStringLiteral("%1 did not answer `pactl info` within %2 ms")
+                      .arg(kindName(m_kind))
+                      .arg(kReadyTimeoutMs);
+        stop();
+        return false;
+    }
+    if (withDevices && !loadDevices()) {
+        stop();
+        return false;
+    }
+    return true;
+}
+
+bool PrivateSoundServer::startPulseAudio() {
+    const QString script = m_root + QStringLiteral("/default.pa");
+    QFile file(script);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        return (m_error = QStringLiteral("cannot write %1").arg(script)), false;
+    file.write(kPulseScript);
+    file.close();
+    // PulseAudio limits itself to 256 descriptors by default: not enough for 64 null sinks.
+    QDir().mkpath(m_root + QStringLiteral("/home/.config/pulse"));
+    QFile configuration(m_root + QStringLiteral("/home/.config/pulse/daemon.conf"));
+    if (configuration.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        configuration.write("rlimit-nofile = 4096\n");
+    configuration.close();
+    // As root PulseAudio only warns that it is meant for --system; a per-user daemon still runs.
+    auto daemon =
+        spawn(QStringLiteral("pulseaudio"),
+              {QStringLiteral("-n"), QStringLiteral("-F"), script, QStringLiteral("--daemonize=no"),
+               QStringLiteral("--exit-idle-time=-1"), QStringLiteral("--use-pid-file=no"),
+               QStringLiteral("--log-target=stderr")},
+              QStringLiteral("pulseaudio"));
+    if (!daemon)
+        return false;
+    m_processes.push_back(std::move(daemon));
+    return true;
+}
+
+bool PrivateSoundServer::startPipeWire() {
+    auto pipewire = spawn(QStringLiteral("pipewire"), {}, QStringLiteral("pipewire"));
+    if (!pipewire)
+        return false;
+    m_processes.push_back(std::move(pipewire));
+    // WirePlumber connects to the PipeWire socket; give it a moment to appear.
+    QElapsedTimer timer;
+    timer.start();
+    while (!QFile::exists(m_runtime + QStringLiteral("/pipewire-0")) && timer.elapsed() < 5000)
+        QThread::msleep(20);
+    for (const QString& program :
+         {QStringLiteral("wireplumber"), QStringLiteral("pipewire-pulse")}) {
+        auto process = spawn(program, {}, program);
+        if (!process)
+            return false;
+        m_processes.push_back(std::move(process));
+    }
+    return true;
+}
+
+bool PrivateSoundServer::waitUntilReady(int timeoutMs) {
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < timeoutMs) {
+        if (!isRunning())
+            return false;
+        if (pactl({QStringLiteral("info")}, 2000))
+            return true;
+        QThread::msleep(50);
+    }
+    return false;
+}
+
+bool PrivateSoundServer::loadDevices() {
+    for (const Device& sink : defaultSinks()) {
+        if (!loadNullSink(sink.name, sink.description)) {
+            m_error = QStringLiteral("could not load null sink %1").arg(sink.name);
+            return false;
+        }
+    }
+    const Device input = defaultInput();
+    if (!loadRemapSource(input.name, input.description, QStringLiteral("studio_left.monitor"))) {
+        m_error = QStringLiteral("could not load remap source %1").arg(input.name);
+        return false;
+    }
+    // Loading is asynchronous on PipeWire: wait until every sink is listed.
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < 5000) {
+        const QStringList names = sinkNames();
+        bool all = true;
+        for (const Device& sink : defaultSinks())
+            all = all && names.contains(sink.name);
+        if (all)
+            return true;
+        QThread::msleep(50);
+    }
+    m_error = QStringLiteral("the null sinks did not appear: %1").arg(sinkNames().join(u' '));
+    return false;
+}
+
+void PrivateSoundServer::stop() {
+    // Reverse order: the pulse front end and the session manager before PipeWire itself.
+    for (auto it = m_processes.rbegin(); it != m_processes.rend(); ++it) {
+        QProcess& process = **it;
+        if (process.state() == QProcess::NotRunning)
+            continue;
+        ::kill(pid_t(process.processId()), SIGTERM);
+        if (!process.waitForFinished(3000)) {
+            ::kill(pid_t(process.processId()), SIGKILL);
+            process.waitForFinished(3000);
+        }
+    }
+    m_processes.clear();
+}
+
+std::optional<QString> PrivateSoundServer::pactl(const QStringList& arguments,
+                                                 int timeoutMs) const {
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());
+    process.setProcessEnvironment(environment);
+    process.start(QStringLiteral("pactl"), arguments);
+    if (!process.waitForFinished(timeoutMs)) {
+        process.kill();
+        process.waitForFinished(1000);
+        return std::nullopt;
+    }
+    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)
+        return std::nullopt;
+    return QString::fromUtf8(process.readAllStandardOutput());
+}
+
+std::optional<quint32> PrivateSoundServer::loadNullSink(const QString& name,
+                                                        const QString& description) const {
+    // Blanks survive on both servers inside double quotes within single quotes.
+    auto output =
+        pactl({QStringLiteral("load-module"), QStringLiteral("module-null-sink"),
+               QStringLiteral("sink_name=") + name,
+               QStringLiteral("sink_properties='device.description=\"%1\"'").arg(description)});
+    if (!output)
+        return std::nullopt;
+    bool ok = false;
+    const quint32 index = output->trimmed().toUInt(&ok);
+    return ok ? std::optional<quint32>(index) : std::nullopt;
+}
+
+std::optional<quint32> PrivateSoundServer::loadRemapSource(const QString& name,
+                                                           const QString& description,
+                                                           const QString& master) const {
+    auto output =
+        pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"),
+               QStringLiteral("master=") + master, QStringLiteral("source_name=") + name,
+               QStringLiteral("source_properties='device.description=\"%1\"'").arg(description)});
+    if (!output)
+        return std::nullopt;
+    bool ok = false;
+    const quint32 index = output->trimmed().toUInt(&ok);
+    return ok ? std::optional<quint32>(index) : std::nullopt;
+}
+
+QString PrivateSoundServer::defaultSinkName() const {
+    return pactl({QStringLiteral("get-default-sink")}).value_or(QString()).trimmed();
+}
+
+QString PrivateSoundServer::defaultSourceName() const {
+    return pactl({QStringLiteral("get-default-source")}).value_or(QString()).trimmed();
+}
+
+QStringList PrivateSoundServer::sinkNames() const {
+    QStringList names;
+    const QString output =
+        pactl({QStringLiteral("list"), QStringLiteral("short"), QStringLiteral("sinks")})
+            .value_or(QString());
+    for (const QString& line : output.split(u'\n', Qt::SkipEmptyParts)) {
+        const QStringList fields = line.split(u'\t');
+        if (fields.size() > 1)
+            names.append(fields.at(1));
+    }
+    return names;
+}
+
+std::vector<int> PrivateSoundServer::sinkVolumePercent(const QString& sink) const {
+    std::vector<int> percents;
+    const QString output = pactl({QStringLiteral("get-sink-volume"), sink}).value_or(QString());
+    const QString firstLine = output.section(u'\n', 0, 0);
+    static const QRegularExpression percent(QStringLiteral("(\\d+)%"));
+    for (auto match = percent.globalMatch(firstLine); match.hasNext();)
+        percents.push_back(match.next().captured(1).toInt());
+    return percents;
+}
+
+std::optional<bool> PrivateSoundServer::sinkMute(const QString& sink) const {
+    const auto output = pactl({QStringLiteral("get-sink-mute"), sink});
+    if (!output)
+        return std::nullopt;
+    return output->contains(QLatin1String("yes"));
+}
+
+QString PrivateSoundServer::sinkOfStream(const QString& applicationName) const {
+    const auto sinks = pactl({QStringLiteral("-f"), QStringLiteral("json"), QStringLiteral("list"),
+                              QStringLiteral("sinks")});
+    const auto inputs = pactl({QStringLiteral("-f"), QStringLiteral("json"), QStringLiteral("list"),
+                               QStringLiteral("sink-inputs")});
+    if (!sinks || !inputs)
+        return {};
+    QHash<int, QString> sinkNameByIndex;
+    for (const QJsonValue& sink : QJsonDocument::fromJson(sinks->toUtf8()).array())
+        sinkNameByIndex.insert(sink[QLatin1String("index")].toInt(),
+                               sink[QLatin1String("name")].toString());
+    for (const QJsonValue& input : QJsonDocument::fromJson(inputs->toUtf8()).array()) {
+        const QJsonObject properties = input[QLatin1String("properties")].toObject();
+        if (properties.value(QLatin1String("application.name")).toString() == applicationName)
+            return sinkNameByIndex.value(input[QLatin1String("sink")].toInt());
+    }
+    return {};
+}
+
+std::optional<std::pair<quint32, QString>>
+PrivateSoundServer::owningModule(const QString& sink) const {
+    const auto sinks = pactl({QStringLiteral("-f"), QStringLiteral("json"), QStringLiteral("list"),
+                              QStringLiteral("sinks")});
+    const auto modules =
+        pactl({QStringLiteral("list"), QStringLiteral("short"), QStringLiteral("modules")});
+    if (!sinks || !modules)
+        return std::nullopt;
+    std::optional<quint32> owner;
+    for (const QJsonValue& entry : QJsonDocument::fromJson(sinks->toUtf8()).array()) {
+        if (entry[QLatin1String("name")].toString() == sink)
+            owner = quint32(entry[QLatin1String("owner_module")].toDouble());
+    }
+    if (!owner)
+        return std::nullopt;
+    for (const QString& line : modules->split(u'\n', Qt::SkipEmptyParts)) {
+        const QStringList fields = line.split(u'\t');
+        if (fields.size() > 2 && fields.at(0).toUInt() == *owner)
+            return std::make_pair(*owner, fields.at(2));
+    }
+    return std::nullopt;
+}
+
+QString PrivateSoundServer::toneFile() const {
+    // 44.1 kHz stereo 16-bit WAV, a 440 Hz sine at half scale.
+    const QString path = m_root + QStringLiteral("/tone.wav");
+    if (QFile::exists(path))
+        return path;
+    constexpr int rate = 44100;
+    constexpr int seconds = 30;
+    constexpr int frames = rate * seconds;
+    QByteArray data;
+    data.resize(frames * 4);
+    auto* samples = reinterpret_cast<std::int16_t*>(data.data());
+    for (int frame = 0; frame < frames; ++frame) {
+        const auto value = std::int16_t(16384 * std::sin(2 * M_PI * 440.0 * frame / rate));
+        samples[2 * frame] = value;
+        samples[2 * frame + 1] = value;
+    }
+    auto put32 = [](QByteArray& out, std::uint32_t v) {
+        for (int i = 0; i < 4; ++i)
+            out.append(char((v >> (8 * i)) & 0xff));
+    };
+    auto put16 = [](QByteArray& out, std::uint16_t v) {
+        out.append(char(v & 0xff));
+        out.append(char(v >> 8));
+    };
+    QByteArray wav("RIFF");
+    put32(wav, 36 + std::uint32_t(data.size()));
+    wav.append("WAVEfmt ");
+    put32(wav, 16);
+    put16(wav, 1);
+    put16(wav, 2);
+    put32(wav, rate);
+    put32(wav, rate * 4);
+    put16(wav, 4);
+    put16(wav, 16);
+    wav.append("data");
+    put32(wav, std::uint32_t(data.size()));
+    wav.append(data);
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly))
+        file.write(wav);
+    return path;
+}
+
+std::unique_ptr<QProcess> PrivateSoundServer::playTone(const QString& sink,
+                                                       const QString& applicationName,
+                                                       int seconds) const {
+    Q_UNUSED(seconds);
+    auto process = std::make_unique<QProcess>();
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());
+    environment.insert(QStringLiteral("PULSE_PROP"),
+                       QStringLiteral("application.name='%1'").arg(applicationName));
+    process->setProcessEnvironment(environment);
+    QStringList arguments;
+    if (!sink.isEmpty())
+        arguments << QStringLiteral("--device=") + sink;
+    arguments << QStringLiteral("--client-name=") + applicationName << toneFile();
+    process->start(QStringLiteral("paplay"), arguments);
+    if (!process->waitForStarted(3000))
+        return nullptr;
+    return process;
+}
+
+std::optional<double> PrivateSoundServer::recordLevel(const QString& sink, int msec) const {
+    // parecord writes nothing to a pipe when it is stopped by a signal, so it writes to a file.
+    const QString recording = m_root + QStringLiteral("/recording.raw");
+    QFile::remove(recording);
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());
+    process.setProcessEnvironment(environment);
+    process.start(QStringLiteral("parecord"),
+                  {QStringLiteral("--device=") + sink + QStringLiteral(".monitor"),
+                   QStringLiteral("--raw"), QStringLiteral("--format=s16le"),
+                   QStringLiteral("--channels=1"), QStringLiteral("--rate=44100"),
+                   QStringLiteral("--latency-msec=20"), recording});
+    if (!process.waitForStarted(3000))
+        return std::nullopt;
+    // Count from the first bytes on: connecting can take longer than the window itself.
+    QElapsedTimer timer;
+    timer.start();
+    while (QFileInfo(recording).size() == 0 && timer.elapsed() < 5000)
+        QThread::msleep(10);
+    QThread::msleep(std::uint32_t(msec));
+    ::kill(pid_t(process.processId()), SIGTERM);
+    process.waitForFinished(3000);
+    QFile file(recording);
+    if (!file.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    const QByteArray data = file.readAll();
+    const auto* samples = reinterpret_cast<const std::int16_t*>(data.constData());
+    const qsizetype count = data.size() / 2;
+    if (count == 0)
+        return std::nullopt;
+    constexpr qsizetype window = 44100 / 20;
+    double loudest = 0;
+    for (qsizetype start = 0; start < count; start += window) {
+        const qsizetype end = std::min(count, start + window);
+        double sum = 0;
+        for (qsizetype i = start; i < end; ++i)
+            sum += double(samples[i]) * samples[i];
+        loudest = std::max(loudest, std::sqrt(sum / double(end - start)) / 32768.0);
+    }
+    return loudest;
+}

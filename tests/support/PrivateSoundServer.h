@@ -1,0 +1,89 @@
+#pragma once
+
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+// A sound server of the test's own: a private PulseAudio, or PipeWire with WirePlumber and
+// pipewire-pulse, in a runtime directory of its own, with null sinks standing in for devices and
+// remap sources for inputs. While it runs, PULSE_SERVER points this process (and every pactl,
+// paplay and parecord it starts) at it and nowhere else.
+class PrivateSoundServer {
+public:
+    enum class Kind { PulseAudio, PipeWire };
+
+    struct Device {
+        QString name;
+        QString description;
+    };
+
+    // ONDRIL_TEST_SERVER=pulse|pipewire; absent or anything else gives nothing.
+    static std::optional<Kind> kindFromEnvironment();
+    static QString kindName(Kind kind);
+
+    // The stand-ins every server test starts with: four null sinks and one input.
+    static std::vector<Device> defaultSinks();
+    static Device defaultInput(); // remaps the monitor of studio_left
+
+    explicit PrivateSoundServer(Kind kind);
+    ~PrivateSoundServer();
+    PrivateSoundServer(const PrivateSoundServer&) = delete;
+    PrivateSoundServer& operator=(const PrivateSoundServer&) = delete;
+
+    Kind kind() const { return m_kind; }
+
+    // Starts the daemons, waits until `pactl info` answers, loads the devices and checks that
+    // they are there. False with `error()` set when anything of that fails.
+    bool start(bool withDevices = true);
+    // Kills the daemons by their pids and waits for them.
+    void stop();
+    bool isRunning() const;
+    QString error() const { return m_error; }
+    QString serverAddress() const;
+
+    // Runs pactl against this server; nullopt when it fails (exit status or time).
+    std::optional<QString> pactl(const QStringList& arguments, int timeoutMs = 5000) const;
+    // Loads a null sink and returns the module index.
+    std::optional<quint32> loadNullSink(const QString& name, const QString& description) const;
+    std::optional<quint32> loadRemapSource(const QString& name, const QString& description,
+                                           const QString& master) const;
+
+    // What `pactl` says of the server's objects.
+    QString defaultSinkName() const;
+    QString defaultSourceName() const;
+    QStringList sinkNames() const;
+    // Volume of a sink in percent per channel, and its mute.
+    std::vector<int> sinkVolumePercent(const QString& sink) const;
+    std::optional<bool> sinkMute(const QString& sink) const;
+    // Sink a sink-input of the given application name plays to (name), empty if none.
+    QString sinkOfStream(const QString& applicationName) const;
+    // Module index and arguments of the module that owns the sink.
+    std::optional<std::pair<quint32, QString>> owningModule(const QString& sink) const;
+
+    // A sine tone played with paplay to `sink` (empty: the default), named `applicationName`.
+    std::unique_ptr<QProcess> playTone(const QString& sink, const QString& applicationName,
+                                       int seconds = 20) const;
+    // RMS of what the monitor of `sink` carries over `msec`, of full scale (0..1); the loudest
+    // 50 ms window counts so that start-up silence does not. nullopt when recording fails.
+    std::optional<double> recordLevel(const QString& sink, int msec = 800) const;
+
+private:
+    bool startPulseAudio();
+    bool startPipeWire();
+    bool waitUntilReady(int timeoutMs);
+    bool loadDevices();
+    std::unique_ptr<QProcess> spawn(const QString& program, const QStringList& arguments,
+                                    const QString& logName);
+    QString toneFile() const;
+
+    Kind m_kind;
+    QString m_root;    // this server's directory inside the sandbox
+    QString m_runtime; // its XDG_RUNTIME_DIR
+    int m_generation = 0;
+    std::vector<std::unique_ptr<QProcess>> m_processes;
+    QString m_error;
+};
