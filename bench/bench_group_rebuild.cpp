@@ -18,6 +18,8 @@
 
 #include <cstdio>
 #include <functional>
+#include <memory>
+#include <vector>
 
 // How long an active group takes to heal when one member's sink vanishes (pactl unload-module)
 // while a tone plays to it: from the moment the program hears the sink is gone to the rebuilt

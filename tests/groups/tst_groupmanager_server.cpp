@@ -8,6 +8,8 @@
 
 #include "PrivateSoundServer.h"
 
+#include <QProcess>
+#include <QProcessEnvironment>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -160,6 +162,7 @@ private slots:
 
         const auto module = m_server->owningModule(kRight);
         QVERIFY(module);
+        auto events = subscribeToSinkEvents();
         QVERIFY(m_server->pactl({"unload-module", QString::number(module->first)}));
         QVERIFY2(QTest::qWaitFor(
                      [&] {
@@ -173,7 +176,11 @@ private slots:
         verifySlaves(aggregate, {kLeft, kAirPods});
         verifyPlaying(kLeft);
         verifyPlaying(kAirPods);
+        // The server drops the member from the combined sink by itself; ours is rebuilt once, not
+        // again when the published lists catch up.
+        QCOMPARE(sinkEventCounts(*events), (std::pair<int, int>{1, 2}));
 
+        events = subscribeToSinkEvents();
         // Back under the same name: a fresh null sink at full volume, taken in and given its
         // share again.
         QVERIFY(m_server->loadNullSink(kRight, "Studio Display Right"));
@@ -194,6 +201,9 @@ private slots:
         QTest::qWait(1000);
         QCOMPARE(m_server->owningModule(aggregate), settled);
         QCOMPARE(m_server->defaultSinkName(), aggregate);
+        // The server takes the member back into the old combined sink by itself; the rebuild
+        // replaces that sink once: new member and new combined sink, old combined sink gone.
+        QCOMPARE(sinkEventCounts(*events), (std::pair<int, int>{2, 1}));
     }
 
     void lastMemberGoneEndsTheGroupAndGivesThePreviousOutputBack() {
@@ -317,6 +327,34 @@ private:
         m_manager = std::make_unique<GroupManager>(*m_audio, *m_settings, m_sleepMonitor);
         QTest::qWait(50); // the queued restore and the first publication
         return *m_manager;
+    }
+
+    // `pactl subscribe`: every sink that comes and goes from now on, by the server's own events.
+    std::unique_ptr<QProcess> subscribeToSinkEvents() {
+        auto process = std::make_unique<QProcess>();
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("PULSE_SERVER", m_server->serverAddress());
+        process->setProcessEnvironment(environment);
+        process->start("pactl", {"subscribe"});
+        if (!process->waitForStarted(3000))
+            return process;
+        // Subscribed once the server has answered something: ask it for a change it reports.
+        QTest::qWait(300);
+        return process;
+    }
+
+    // Sinks that appeared and that vanished since the subscription, new first.
+    static std::pair<int, int> sinkEventCounts(QProcess& subscription) {
+        QTest::qWait(300);
+        subscription.kill();
+        subscription.waitForFinished(3000);
+        const QString output = QString::fromUtf8(subscription.readAllStandardOutput());
+        for (const QString& line : output.split(u'\n')) {
+            if (line.contains(" on sink #") || line.contains(" on server"))
+                qInfo().noquote() << line;
+        }
+        return {int(output.count("Event 'new' on sink #")),
+                int(output.count("Event 'remove' on sink #"))};
     }
 
     QString outputUIDs() const {
