@@ -12,7 +12,7 @@
 
 #include <cstdio>
 
-// Figures of the libpulse realisation against a private PulseAudio with 64 null sinks: reads
+// Figures of the libpulse realisation against a private server with 64 null sinks: reads
 // answered from the mirror, the round trip of a volume write, and how long a sink loaded with
 // pactl takes to reach the program's device list.
 namespace {
@@ -118,7 +118,10 @@ BENCHMARK(BM_HotplugToDeviceList)->UseManualTime()->Iterations(20)->Unit(benchma
 
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
-    PrivateSoundServer server(PrivateSoundServer::Kind::PulseAudio);
+    // PulseAudio unless ONDRIL_TEST_SERVER=pipewire asks for the other server.
+    PrivateSoundServer server(
+        PrivateSoundServer::kindFromEnvironment().value_or(PrivateSoundServer::Kind::PulseAudio));
+    std::printf("server: %s\n", qPrintable(PrivateSoundServer::kindName(server.kind())));
     if (!server.start()) {
         std::fprintf(stderr, "bench_pulse: %s\n", qPrintable(server.error()));
         return 1;

@@ -250,6 +250,16 @@ void PrivateSoundServer::stop() {
     m_processes.clear();
 }
 
+void PrivateSoundServer::pause() {
+    for (const auto& process : m_processes)
+        ::kill(pid_t(process->processId()), SIGSTOP);
+}
+
+void PrivateSoundServer::resume() {
+    for (const auto& process : m_processes)
+        ::kill(pid_t(process->processId()), SIGCONT);
+}
+
 std::optional<QString> PrivateSoundServer::pactl(const QStringList& arguments,
                                                  int timeoutMs) const {
     QProcess process;
@@ -350,6 +360,19 @@ QString PrivateSoundServer::sinkOfStream(const QString& applicationName) const {
             return sinkNameByIndex.value(input[QLatin1String("sink")].toInt());
     }
     return {};
+}
+
+std::optional<quint32> PrivateSoundServer::streamIndex(const QString& applicationName) const {
+    const auto inputs = pactl({QStringLiteral("-f"), QStringLiteral("json"), QStringLiteral("list"),
+                               QStringLiteral("sink-inputs")});
+    if (!inputs)
+        return std::nullopt;
+    for (const QJsonValue& input : QJsonDocument::fromJson(inputs->toUtf8()).array()) {
+        const QJsonObject properties = input[QLatin1String("properties")].toObject();
+        if (properties.value(QLatin1String("application.name")).toString() == applicationName)
+            return quint32(input[QLatin1String("index")].toDouble());
+    }
+    return std::nullopt;
 }
 
 std::optional<std::pair<quint32, QString>>

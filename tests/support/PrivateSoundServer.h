@@ -42,6 +42,9 @@ public:
     // Kills the daemons by their pids and waits for them.
     void stop();
     bool isRunning() const;
+    // Freezes the daemons (SIGSTOP) and lets them go on (SIGCONT): a server that does not answer.
+    void pause();
+    void resume();
     QString error() const { return m_error; }
     QString serverAddress() const;
 
@@ -61,6 +64,7 @@ public:
     std::optional<bool> sinkMute(const QString& sink) const;
     // Sink a sink-input of the given application name plays to (name), empty if none.
     QString sinkOfStream(const QString& applicationName) const;
+    std::optional<quint32> streamIndex(const QString& applicationName) const;
     // Module index and arguments of the module that owns the sink.
     std::optional<std::pair<quint32, QString>> owningModule(const QString& sink) const;
 

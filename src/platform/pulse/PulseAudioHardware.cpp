@@ -288,12 +288,15 @@ OSStatus PulseAudioHardware::setDefaultOutput(AudioObjectID deviceID) {
         return sink ? sink->name : QString();
     });
     const OSStatus status = m_connection->setDefaultSink(*name);
-    if (status != kAudioHardwareNoError || isPipeWire())
-        return status; // PipeWire's session manager moves the streams that follow the default.
+    if (status != kAudioHardwareNoError)
+        return status;
 
-    // PulseAudio moves streams that follow the default, but module-stream-restore pins a stream
-    // to the sink it last played on: drop those pins, and move what still plays on the old default.
-    m_connection->unpinRestoredSinkInputs();
+    // Both servers move the streams that follow the default themselves, but both remember the
+    // sink a user moved an application to (module-stream-restore, WirePlumber's restore-stream)
+    // and keep it there. On PulseAudio drop those pins; on both, move what still plays on the
+    // old default.
+    if (!isPipeWire())
+        m_connection->unpinRestoredSinkInputs();
     const auto toMove = m_connection->readMirror([&](const PulseMirror& mirror) {
         std::vector<std::uint32_t> indices;
         const auto* oldSink = mirror.sink(previous);
@@ -423,13 +426,19 @@ OSStatus PulseAudioHardware::AudioHardwareCreateAggregateDevice(const QVariantMa
         members.removeAll(master);
         members.prepend(master);
     }
-    const bool membersPresent = m_connection->readMirror([&](const PulseMirror& mirror) {
-        if (mirror.sink(uid))
-            return false;
-        return std::all_of(members.begin(), members.end(),
-                           [&](const QString& member) { return mirror.sink(member); });
-    });
-    if (!membersPresent)
+    const auto [membersPresent, uidTaken] =
+        m_connection->readMirror([&](const PulseMirror& mirror) {
+            return std::make_pair(
+                std::all_of(members.begin(), members.end(),
+                            [&](const QString& member) { return mirror.sink(member); }),
+                mirror.sink(uid) != nullptr);
+        });
+    if (!membersPresent || members.contains(uid))
+        return kAudioHardwareBadDeviceError;
+    // A combined sink under this UID is a leftover of ours (a load that answered after its
+    // timeout, or an earlier run): it makes way. Any other sink of that name is refused.
+    if (uidTaken &&
+        AudioHardwareDestroyAggregateDevice(m_ids.idFor(Kind::Sink, uid)) != kAudioHardwareNoError)
         return kAudioHardwareBadDeviceError;
 
     const auto server = isPipeWire() ? PulseModuleArguments::Server::PipeWire

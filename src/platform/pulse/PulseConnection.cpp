@@ -155,6 +155,36 @@ void PulseConnection::scheduleReconnect() {
     m_backoffMs = std::min(m_backoffMs * 2, 2000);
 }
 
+template <typename Info, auto Convert, auto Upsert>
+void PulseConnection::infoAnswered(pa_context*, const Info* info, int eol, void* userdata) {
+    auto* request = static_cast<Request*>(userdata);
+    if (info) {
+        request->found = true;
+        const auto record = Convert(*info);
+        request->self->applyAndPost([&](PulseMirror& mirror) { return (mirror.*Upsert)(record); });
+    }
+    if (!eol)
+        return;
+    if (request->listing)
+        request->self->listFinished();
+    finishRequest(request, request->found);
+}
+
+void PulseConnection::serverAnswered(pa_context*, const pa_server_info* info, void* userdata) {
+    auto* request = static_cast<Request*>(userdata);
+    if (info) {
+        const auto server = PulseRecords::fromServer(*info);
+        request->self->applyAndPost([&](PulseMirror& mirror) { return mirror.setServer(server); });
+    }
+    if (request->listing)
+        request->self->listFinished();
+    finishRequest(request, info != nullptr);
+}
+
+// One callback per kind of object, for a list and for a single object alike.
+#define ONDRIL_ANSWER(info, convert, upsert)                                                       \
+    &PulseConnection::infoAnswered<info, &PulseRecords::convert, &PulseMirror::upsert>
+
 void PulseConnection::beginSynchronisation() {
     // Subscribe first, then list: an object that changes while the lists are under way is
     // fetched again after them, into the same fresh mirror.
@@ -166,120 +196,25 @@ void PulseConnection::beginSynchronisation() {
         pa_operation_unref(operation);
     m_staging.emplace();
     m_openLists = 6;
-    for (Apply what :
-         {Apply::Server, Apply::Module, Apply::Sink, Apply::Source, Apply::Client, Apply::Stream}) {
-        auto* request = new Request{this, nullptr, true, false};
-        pa_operation* operation = nullptr;
-        switch (what) {
-        case Apply::Server:
-            operation = pa_context_get_server_info(
-                m_context,
-                [](pa_context*, const pa_server_info* info, void* userdata) {
-                    auto* request = static_cast<Request*>(userdata);
-                    if (info) {
-                        auto server = PulseRecords::fromServer(*info);
-                        request->self->applyAndPost(
-                            [&](PulseMirror& mirror) { return mirror.setServer(server); });
-                    }
-                    request->self->listFinished();
-                    delete request;
-                },
-                request);
-            break;
-        case Apply::Module:
-            operation = pa_context_get_module_info_list(
-                m_context,
-                [](pa_context*, const pa_module_info* info, int eol, void* userdata) {
-                    auto* request = static_cast<Request*>(userdata);
-                    if (info) {
-                        auto module = PulseRecords::fromModule(*info);
-                        request->self->applyAndPost([&](PulseMirror& mirror) {
-                            mirror.upsertModule(module);
-                            return PulseMirror::Notices{};
-                        });
-                    }
-                    if (eol) {
-                        request->self->listFinished();
-                        delete request;
-                    }
-                },
-                request);
-            break;
-        case Apply::Sink:
-            operation = pa_context_get_sink_info_list(
-                m_context,
-                [](pa_context*, const pa_sink_info* info, int eol, void* userdata) {
-                    auto* request = static_cast<Request*>(userdata);
-                    if (info) {
-                        auto sink = PulseRecords::fromSink(*info);
-                        request->self->applyAndPost(
-                            [&](PulseMirror& mirror) { return mirror.upsertSink(sink); });
-                    }
-                    if (eol) {
-                        request->self->listFinished();
-                        delete request;
-                    }
-                },
-                request);
-            break;
-        case Apply::Source:
-            operation = pa_context_get_source_info_list(
-                m_context,
-                [](pa_context*, const pa_source_info* info, int eol, void* userdata) {
-                    auto* request = static_cast<Request*>(userdata);
-                    if (info) {
-                        auto source = PulseRecords::fromSource(*info);
-                        request->self->applyAndPost(
-                            [&](PulseMirror& mirror) { return mirror.upsertSource(source); });
-                    }
-                    if (eol) {
-                        request->self->listFinished();
-                        delete request;
-                    }
-                },
-                request);
-            break;
-        case Apply::Client:
-            operation = pa_context_get_client_info_list(
-                m_context,
-                [](pa_context*, const pa_client_info* info, int eol, void* userdata) {
-                    auto* request = static_cast<Request*>(userdata);
-                    if (info) {
-                        auto client = PulseRecords::fromClient(*info);
-                        request->self->applyAndPost(
-                            [&](PulseMirror& mirror) { return mirror.upsertClient(client); });
-                    }
-                    if (eol) {
-                        request->self->listFinished();
-                        delete request;
-                    }
-                },
-                request);
-            break;
-        case Apply::Stream:
-            operation = pa_context_get_sink_input_info_list(
-                m_context,
-                [](pa_context*, const pa_sink_input_info* info, int eol, void* userdata) {
-                    auto* request = static_cast<Request*>(userdata);
-                    if (info) {
-                        auto stream = PulseRecords::fromSinkInput(*info);
-                        request->self->applyAndPost(
-                            [&](PulseMirror& mirror) { return mirror.upsertStream(stream); });
-                    }
-                    if (eol) {
-                        request->self->listFinished();
-                        delete request;
-                    }
-                },
-                request);
-            break;
-        }
+    auto listing = [this] { return new Request{this, nullptr, true, false}; };
+    pa_operation* operations[] = {
+        pa_context_get_server_info(m_context, &serverAnswered, listing()),
+        pa_context_get_module_info_list(
+            m_context, ONDRIL_ANSWER(pa_module_info, fromModule, upsertModule), listing()),
+        pa_context_get_sink_info_list(m_context, ONDRIL_ANSWER(pa_sink_info, fromSink, upsertSink),
+                                      listing()),
+        pa_context_get_source_info_list(
+            m_context, ONDRIL_ANSWER(pa_source_info, fromSource, upsertSource), listing()),
+        pa_context_get_client_info_list(
+            m_context, ONDRIL_ANSWER(pa_client_info, fromClient, upsertClient), listing()),
+        pa_context_get_sink_input_info_list(
+            m_context, ONDRIL_ANSWER(pa_sink_input_info, fromSinkInput, upsertStream), listing()),
+    };
+    for (pa_operation* operation : operations) {
         if (operation)
             pa_operation_unref(operation);
-        else {
-            delete request;
-            listFinished();
-        }
+        else
+            listFinished(); // the context is failing; its end starts a reconnection anyway
     }
 }
 
@@ -309,21 +244,27 @@ void PulseConnection::subscriptionEvent(pa_context*, pa_subscription_event_type_
     const bool removed =
         (unsigned(type) & PA_SUBSCRIPTION_EVENT_TYPE_MASK) == PA_SUBSCRIPTION_EVENT_REMOVE;
     std::optional<Apply> what;
+    PulseMirror::Notices (PulseMirror::*remove)(std::uint32_t) = nullptr;
     switch (facility) {
     case PA_SUBSCRIPTION_EVENT_SINK:
         what = Apply::Sink;
+        remove = &PulseMirror::removeSink;
         break;
     case PA_SUBSCRIPTION_EVENT_SOURCE:
         what = Apply::Source;
+        remove = &PulseMirror::removeSource;
         break;
     case PA_SUBSCRIPTION_EVENT_SINK_INPUT:
         what = Apply::Stream;
+        remove = &PulseMirror::removeStream;
         break;
     case PA_SUBSCRIPTION_EVENT_CLIENT:
         what = Apply::Client;
+        remove = &PulseMirror::removeClient;
         break;
     case PA_SUBSCRIPTION_EVENT_MODULE:
         what = Apply::Module;
+        remove = &PulseMirror::removeModule;
         break;
     case PA_SUBSCRIPTION_EVENT_SERVER:
         what = Apply::Server;
@@ -331,29 +272,10 @@ void PulseConnection::subscriptionEvent(pa_context*, pa_subscription_event_type_
     default:
         return;
     }
-    if (!removed) {
-        // "new" and "change" alike: fetch the object as it is now.
-        self->fetch(*what, index);
-        return;
-    }
-    self->applyAndPost([&](PulseMirror& mirror) -> PulseMirror::Notices {
-        switch (*what) {
-        case Apply::Sink:
-            return mirror.removeSink(index);
-        case Apply::Source:
-            return mirror.removeSource(index);
-        case Apply::Stream:
-            return mirror.removeStream(index);
-        case Apply::Client:
-            return mirror.removeClient(index);
-        case Apply::Module:
-            mirror.removeModule(index);
-            return {};
-        case Apply::Server:
-            return {};
-        }
-        return {};
-    });
+    if (!removed)
+        self->fetch(*what, index); // "new" and "change" alike: the object as it is now
+    else if (remove)
+        self->applyAndPost([&](PulseMirror& mirror) { return (mirror.*remove)(index); });
 }
 
 void PulseConnection::fetch(Apply what, std::uint32_t index, std::shared_ptr<Pending> pending) {
@@ -362,99 +284,27 @@ void PulseConnection::fetch(Apply what, std::uint32_t index, std::shared_ptr<Pen
     switch (what) {
     case Apply::Sink:
         operation = pa_context_get_sink_info_by_index(
-            m_context, index,
-            [](pa_context*, const pa_sink_info* info, int eol, void* userdata) {
-                auto* request = static_cast<Request*>(userdata);
-                if (info) {
-                    request->found = true;
-                    auto sink = PulseRecords::fromSink(*info);
-                    request->self->applyAndPost(
-                        [&](PulseMirror& mirror) { return mirror.upsertSink(sink); });
-                }
-                if (eol)
-                    finishRequest(request, request->found);
-            },
-            request);
+            m_context, index, ONDRIL_ANSWER(pa_sink_info, fromSink, upsertSink), request);
         break;
     case Apply::Source:
         operation = pa_context_get_source_info_by_index(
-            m_context, index,
-            [](pa_context*, const pa_source_info* info, int eol, void* userdata) {
-                auto* request = static_cast<Request*>(userdata);
-                if (info) {
-                    request->found = true;
-                    auto source = PulseRecords::fromSource(*info);
-                    request->self->applyAndPost(
-                        [&](PulseMirror& mirror) { return mirror.upsertSource(source); });
-                }
-                if (eol)
-                    finishRequest(request, request->found);
-            },
-            request);
+            m_context, index, ONDRIL_ANSWER(pa_source_info, fromSource, upsertSource), request);
         break;
     case Apply::Stream:
         operation = pa_context_get_sink_input_info(
-            m_context, index,
-            [](pa_context*, const pa_sink_input_info* info, int eol, void* userdata) {
-                auto* request = static_cast<Request*>(userdata);
-                if (info) {
-                    request->found = true;
-                    auto stream = PulseRecords::fromSinkInput(*info);
-                    request->self->applyAndPost(
-                        [&](PulseMirror& mirror) { return mirror.upsertStream(stream); });
-                }
-                if (eol)
-                    finishRequest(request, request->found);
-            },
+            m_context, index, ONDRIL_ANSWER(pa_sink_input_info, fromSinkInput, upsertStream),
             request);
         break;
     case Apply::Client:
         operation = pa_context_get_client_info(
-            m_context, index,
-            [](pa_context*, const pa_client_info* info, int eol, void* userdata) {
-                auto* request = static_cast<Request*>(userdata);
-                if (info) {
-                    request->found = true;
-                    auto client = PulseRecords::fromClient(*info);
-                    request->self->applyAndPost(
-                        [&](PulseMirror& mirror) { return mirror.upsertClient(client); });
-                }
-                if (eol)
-                    finishRequest(request, request->found);
-            },
-            request);
+            m_context, index, ONDRIL_ANSWER(pa_client_info, fromClient, upsertClient), request);
         break;
     case Apply::Module:
         operation = pa_context_get_module_info(
-            m_context, index,
-            [](pa_context*, const pa_module_info* info, int eol, void* userdata) {
-                auto* request = static_cast<Request*>(userdata);
-                if (info) {
-                    request->found = true;
-                    auto module = PulseRecords::fromModule(*info);
-                    request->self->applyAndPost([&](PulseMirror& mirror) {
-                        mirror.upsertModule(module);
-                        return PulseMirror::Notices{};
-                    });
-                }
-                if (eol)
-                    finishRequest(request, request->found);
-            },
-            request);
+            m_context, index, ONDRIL_ANSWER(pa_module_info, fromModule, upsertModule), request);
         break;
     case Apply::Server:
-        operation = pa_context_get_server_info(
-            m_context,
-            [](pa_context*, const pa_server_info* info, void* userdata) {
-                auto* request = static_cast<Request*>(userdata);
-                if (info) {
-                    auto server = PulseRecords::fromServer(*info);
-                    request->self->applyAndPost(
-                        [&](PulseMirror& mirror) { return mirror.setServer(server); });
-                }
-                finishRequest(request, info != nullptr);
-            },
-            request);
+        operation = pa_context_get_server_info(m_context, &serverAnswered, request);
         break;
     }
     if (operation)
@@ -711,20 +561,9 @@ OSStatus PulseConnection::unloadModule(std::uint32_t index) {
 OSStatus PulseConnection::refetchSink(const QString& name) {
     const QByteArray sinkName = name.toUtf8();
     return runOperation([&](std::shared_ptr<Pending> pending) {
-        return pa_context_get_sink_info_by_name(
-            m_context, sinkName.constData(),
-            [](pa_context*, const pa_sink_info* info, int eol, void* userdata) {
-                auto* request = static_cast<Request*>(userdata);
-                if (info) {
-                    request->found = true;
-                    auto sink = PulseRecords::fromSink(*info);
-                    request->self->applyAndPost(
-                        [&](PulseMirror& mirror) { return mirror.upsertSink(sink); });
-                }
-                if (eol)
-                    finishRequest(request, request->found);
-            },
-            new Request{this, pending});
+        return pa_context_get_sink_info_by_name(m_context, sinkName.constData(),
+                                                ONDRIL_ANSWER(pa_sink_info, fromSink, upsertSink),
+                                                new Request{this, pending});
     });
 }
 
@@ -733,35 +572,13 @@ OSStatus PulseConnection::refetchSource(const QString& name) {
     return runOperation([&](std::shared_ptr<Pending> pending) {
         return pa_context_get_source_info_by_name(
             m_context, sourceName.constData(),
-            [](pa_context*, const pa_source_info* info, int eol, void* userdata) {
-                auto* request = static_cast<Request*>(userdata);
-                if (info) {
-                    request->found = true;
-                    auto source = PulseRecords::fromSource(*info);
-                    request->self->applyAndPost(
-                        [&](PulseMirror& mirror) { return mirror.upsertSource(source); });
-                }
-                if (eol)
-                    finishRequest(request, request->found);
-            },
-            new Request{this, pending});
+            ONDRIL_ANSWER(pa_source_info, fromSource, upsertSource), new Request{this, pending});
     });
 }
 
 OSStatus PulseConnection::refetchServer() {
     return runOperation([&](std::shared_ptr<Pending> pending) {
-        return pa_context_get_server_info(
-            m_context,
-            [](pa_context*, const pa_server_info* info, void* userdata) {
-                auto* request = static_cast<Request*>(userdata);
-                if (info) {
-                    auto server = PulseRecords::fromServer(*info);
-                    request->self->applyAndPost(
-                        [&](PulseMirror& mirror) { return mirror.setServer(server); });
-                }
-                finishRequest(request, info != nullptr);
-            },
-            new Request{this, pending});
+        return pa_context_get_server_info(m_context, &serverAnswered, new Request{this, pending});
     });
 }
 
@@ -774,3 +591,5 @@ void PulseConnection::forgetSink(const QString& name) {
     }
     post(std::move(notices));
 }
+
+#undef ONDRIL_ANSWER

@@ -19,6 +19,7 @@
 struct pa_threaded_mainloop;
 struct pa_context;
 struct pa_operation;
+struct pa_server_info;
 
 // The control connection to the sound server: one pa_context on a pa_threaded_mainloop of its
 // own. It subscribes first, then lists everything into a fresh mirror, and from then on re-fetches
@@ -80,6 +81,9 @@ private:
     enum class Apply { Sink, Source, Stream, Client, Module, Server };
 
     // Mainloop thread.
+    template <typename Info, auto Convert, auto Upsert>
+    static void infoAnswered(pa_context* context, const Info* info, int eol, void* userdata);
+    static void serverAnswered(pa_context* context, const pa_server_info* info, void* userdata);
     static void contextStateChanged(pa_context* context, void* userdata);
     static void subscriptionEvent(pa_context* context, pa_subscription_event_type_t type,
                                   std::uint32_t index, void* userdata);

@@ -106,12 +106,14 @@ PulseMirror::Notices PulseMirror::removeClient(std::uint32_t index) {
     return {{Target::System, {}, kAudioHardwarePropertyProcessObjectList}};
 }
 
-void PulseMirror::upsertModule(const PulseRecords::Module& module) {
+PulseMirror::Notices PulseMirror::upsertModule(const PulseRecords::Module& module) {
     m_modules[module.index] = module;
+    return {};
 }
 
-void PulseMirror::removeModule(std::uint32_t index) {
+PulseMirror::Notices PulseMirror::removeModule(std::uint32_t index) {
     m_modules.erase(index);
+    return {};
 }
 
 PulseMirror::Notices PulseMirror::setServer(const PulseRecords::Server& server) {

@@ -39,8 +39,8 @@ public:
     Notices removeStream(std::uint32_t index);
     Notices upsertClient(const PulseRecords::Client& client);
     Notices removeClient(std::uint32_t index);
-    void upsertModule(const PulseRecords::Module& module);
-    void removeModule(std::uint32_t index);
+    Notices upsertModule(const PulseRecords::Module& module); // modules give no notices
+    Notices removeModule(std::uint32_t index);
     Notices setServer(const PulseRecords::Server& server);
 
     // Every notice a wholesale replacement deserves: devices, defaults and processes.

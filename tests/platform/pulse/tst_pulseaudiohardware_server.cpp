@@ -264,6 +264,25 @@ private slots:
         QCOMPARE(m_server->sinkMute("airpods"), std::optional<bool>(muted));
     }
 
+    void inputVolumeAndMuteLiveInTheInputScope() {
+        const QString input = PrivateSoundServer::defaultInput().name;
+        const AudioObjectID id = devicesByUID(*m_hardware).at(input);
+        const AudioObjectPropertyAddress volume{kAudioDevicePropertyVolumeScalar,
+                                                kAudioObjectPropertyScopeInput, 0};
+        const AudioObjectPropertyAddress mute{kAudioDevicePropertyMute,
+                                              kAudioObjectPropertyScopeInput, 0};
+        QVERIFY(!m_hardware->AudioObjectHasProperty(id, volumeAddress(0)));
+        QCOMPARE(m_hardware->AudioObjectSetPropertyData(id, volume, 0.35f), kAudioHardwareNoError);
+        QCOMPARE(m_hardware->AudioObjectSetPropertyData(id, mute, std::uint32_t(1)),
+                 kAudioHardwareNoError);
+        const auto output = m_server->pactl({"get-source-volume", input});
+        QVERIFY(output);
+        QVERIFY2(output->contains("35%"), qPrintable(*output));
+        const auto muted = m_server->pactl({"get-source-mute", input});
+        QVERIFY(muted);
+        QVERIFY2(muted->contains("yes"), qPrintable(*muted));
+    }
+
     void managerSetVolumeWritesEveryChannel() {
         AudioDeviceManager manager(*m_hardware);
         QVERIFY(QTest::qWaitFor([&] { return findByUID(manager.outputDevices(), "builtin"); },
@@ -302,14 +321,23 @@ private slots:
     void playingStreamFollowsTheNewDefault_data() {
         QTest::addColumn<bool>("pinnedBefore");
         QTest::newRow("new stream") << false;
-        // The application played to studio_left by name before: the server remembers that.
+        // The user moved the application to studio_left in a mixer before: the server remembers
+        // that (module-stream-restore, WirePlumber's restore-stream) and pins it there.
         QTest::newRow("stream the server remembers on a sink") << true;
     }
     void playingStreamFollowsTheNewDefault() {
         QFETCH(bool, pinnedBefore);
         if (pinnedBefore) {
-            auto earlier = m_server->playTone("studio_left", "ondril-follower");
+            QVERIFY(m_server->pactl({"set-default-sink", "airpods"}));
+            auto earlier = m_server->playTone({}, "ondril-follower");
             QVERIFY(earlier);
+            // PipeWire shows a stream before it is placed; move it only once it plays somewhere.
+            QVERIFY(QTest::qWaitFor(
+                [&] { return m_server->sinkOfStream("ondril-follower") == "airpods"; },
+                kGenerousWaitMs));
+            const auto stream = m_server->streamIndex("ondril-follower");
+            QVERIFY(stream);
+            QVERIFY(m_server->pactl({"move-sink-input", QString::number(*stream), "studio_left"}));
             QVERIFY(QTest::qWaitFor(
                 [&] { return m_server->sinkOfStream("ondril-follower") == "studio_left"; },
                 kGenerousWaitMs));
@@ -454,6 +482,52 @@ private slots:
         QVERIFY2(module->second.contains("slaves=studio_left,studio_right"),
                  qPrintable(module->second));
         QCOMPARE(m_hardware->AudioHardwareDestroyAggregateDevice(second), kAudioHardwareNoError);
+    }
+
+    void leftoverAggregateUnderTheSameUIDMakesWay() {
+        const QString uid = groupUID();
+        AudioObjectID leftover = 0;
+        QCOMPARE(m_hardware->AudioHardwareCreateAggregateDevice(
+                     aggregateDescription(uid, "Old", {"airpods"}, "airpods"), leftover),
+                 kAudioHardwareNoError);
+        AudioObjectID fresh = 0;
+        QCOMPARE(
+            m_hardware->AudioHardwareCreateAggregateDevice(
+                aggregateDescription(uid, "New", {"studio_left", "builtin"}, "builtin"), fresh),
+            kAudioHardwareNoError);
+        QCOMPARE(m_server->sinkNames().count(uid), 1);
+        const auto module = m_server->owningModule(uid);
+        QVERIFY(module);
+        QVERIFY2(module->second.contains("slaves=builtin,studio_left"), qPrintable(module->second));
+        QCOMPARE(read<QString>(*m_hardware, fresh,
+                               {kAudioObjectPropertyName, kAudioObjectPropertyScopeGlobal, 0}),
+                 std::optional<QString>("New"));
+    }
+
+    void aggregateNamedLikeAPlainSinkIsRefused() {
+        AudioObjectID aggregate = 0;
+        QVERIFY(m_hardware->AudioHardwareCreateAggregateDevice(
+                    aggregateDescription("builtin", "Impostor", {"studio_left"}, "studio_left"),
+                    aggregate) != kAudioHardwareNoError);
+        QVERIFY(m_server->sinkNames().contains("builtin"));
+    }
+
+    void writeToAStalledServerFailsInsteadOfHanging() {
+        const auto devices = devicesByUID(*m_hardware);
+        const AudioObjectID studio = devices.at("studio_left");
+        m_server->pause();
+        const OSStatus volume =
+            m_hardware->AudioObjectSetPropertyData(studio, volumeAddress(0), 0.2f);
+        const OSStatus defaultOutput = m_hardware->AudioObjectSetPropertyData(
+            kAudioObjectSystemObject, kDefaultOutput, devices.at("airpods"));
+        m_server->resume();
+        QVERIFY(volume != kAudioHardwareNoError);
+        QVERIFY(defaultOutput != kAudioHardwareNoError);
+        // The connection outlives the stall.
+        QTRY_COMPARE_WITH_TIMEOUT(
+            m_hardware->AudioObjectSetPropertyData(studio, volumeAddress(0), 0.3f),
+            kAudioHardwareNoError, kGenerousWaitMs);
+        QCOMPARE(m_server->sinkVolumePercent("studio_left"), (std::vector<int>{30, 30}));
     }
 
     void aggregateWithAMissingMemberIsRefused() {
