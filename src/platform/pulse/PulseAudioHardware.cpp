@@ -476,6 +476,23 @@ OSStatus PulseAudioHardware::AudioHardwareDestroyAggregateDevice(AudioObjectID d
         });
     if (!module)
         return kAudioHardwareBadDeviceError;
+    // PulseAudio remembers the default sink by name: a combined sink rebuilt under the same name
+    // would become the default again while it is still being set up, streams would move into it,
+    // and PulseAudio 16's module-combine-sink then aborts the daemon (a second rate-adjust timer).
+    // Hand the default to another sink first; whoever rebuilds makes the new sink the default.
+    if (!isPipeWire()) {
+        const QString fallback = m_connection->readMirror([&](const PulseMirror& mirror) {
+            if (mirror.server().defaultSink != *name)
+                return QString();
+            for (const auto* sink : mirror.sinksInServerOrder()) {
+                if (sink->name != *name)
+                    return sink->name;
+            }
+            return QString();
+        });
+        if (!fallback.isEmpty())
+            m_connection->setDefaultSink(fallback);
+    }
     const OSStatus status = m_connection->unloadModule(*module);
     if (status != kAudioHardwareNoError)
         return status;
