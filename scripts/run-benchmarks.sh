@@ -11,7 +11,7 @@ if [[ ${#benchmarks[@]} -eq 0 ]]; then
     exit 1
 fi
 for benchmark in "${benchmarks[@]}"; do
-    [[ -x "$benchmark" ]] || continue
+    [[ -f "$benchmark" && -x "$benchmark" ]] || continue
     echo "== $(basename "$benchmark")"
     "$here/test-env.sh" "$benchmark"
 done

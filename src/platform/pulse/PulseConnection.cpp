@@ -446,19 +446,9 @@ OSStatus PulseConnection::setDefaultSink(const QString& name) {
         return pa_context_set_default_sink(m_context, sinkName.constData(), successCallback,
                                            new Request{this, pending});
     });
-    if (status != kAudioHardwareNoError)
-        return status;
-    // PipeWire's session manager settles the default a moment after the write is acknowledged,
-    // so the mirror takes the written name now; the server's later word replaces it.
-    PulseMirror::Notices notices;
-    {
-        std::lock_guard lock(m_mirrorMutex);
-        PulseRecords::Server server = m_mirror.server();
-        server.defaultSink = name;
-        notices = m_mirror.setServer(server);
-    }
-    post(std::move(notices));
-    return kAudioHardwareNoError;
+    if (status == kAudioHardwareNoError)
+        takeWrittenDefault([&](PulseRecords::Server& server) { server.defaultSink = name; });
+    return status;
 }
 
 OSStatus PulseConnection::setDefaultSource(const QString& name) {
@@ -467,17 +457,22 @@ OSStatus PulseConnection::setDefaultSource(const QString& name) {
         return pa_context_set_default_source(m_context, sourceName.constData(), successCallback,
                                              new Request{this, pending});
     });
-    if (status != kAudioHardwareNoError)
-        return status;
+    if (status == kAudioHardwareNoError)
+        takeWrittenDefault([&](PulseRecords::Server& server) { server.defaultSource = name; });
+    return status;
+}
+
+// PipeWire's session manager settles a default a moment after the write is acknowledged, so the
+// mirror takes the written name now; the server's later word replaces it.
+void PulseConnection::takeWrittenDefault(const std::function<void(PulseRecords::Server&)>& write) {
     PulseMirror::Notices notices;
     {
         std::lock_guard lock(m_mirrorMutex);
         PulseRecords::Server server = m_mirror.server();
-        server.defaultSource = name;
+        write(server);
         notices = m_mirror.setServer(server);
     }
     post(std::move(notices));
-    return kAudioHardwareNoError;
 }
 
 OSStatus PulseConnection::moveSinkInput(std::uint32_t index, const QString& sinkName) {

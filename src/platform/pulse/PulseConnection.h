@@ -78,6 +78,7 @@ signals:
     void notices(const PulseMirror::Notices& notices);
 
 private:
+    void takeWrittenDefault(const std::function<void(PulseRecords::Server&)>& write);
     enum class Apply { Sink, Source, Stream, Client, Module, Server };
 
     // Mainloop thread.
