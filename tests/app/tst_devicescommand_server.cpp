@@ -42,12 +42,10 @@ private:
 
 private slots:
     void initTestCase() {
-        const auto kind = PrivateSoundServer::kindFromEnvironment();
-        if (!kind)
-            QFAIL("ONDRIL_TEST_SERVER must name the server to test against (pulse or pipewire)");
-        m_server = std::make_unique<PrivateSoundServer>(*kind);
-        if (!m_server->start())
-            QFAIL(qPrintable(m_server->error()));
+        QString error;
+        m_server = PrivateSoundServer::startFromEnvironment(error);
+        if (!m_server)
+            QFAIL(qPrintable(error));
     }
 
     void cleanupTestCase() { m_server.reset(); }

@@ -55,12 +55,10 @@ class GroupManagerServerTest : public QObject {
 
 private slots:
     void init() {
-        const auto kind = PrivateSoundServer::kindFromEnvironment();
-        if (!kind)
-            QFAIL("ONDRIL_TEST_SERVER must be pulse or pipewire");
-        m_server = std::make_unique<PrivateSoundServer>(*kind);
-        if (!m_server->start())
-            QFAIL(qPrintable(m_server->error()));
+        QString error;
+        m_server = PrivateSoundServer::startFromEnvironment(error);
+        if (!m_server)
+            QFAIL(qPrintable(error));
         QVERIFY(m_server->pactl({"set-default-sink", kBuiltin}));
         m_hardware = PulseAudioHardware::connect(5000);
         QVERIFY2(m_hardware, "no connection to the private server");

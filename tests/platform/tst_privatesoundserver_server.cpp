@@ -10,12 +10,10 @@ class PrivateSoundServerTest : public QObject {
 
 private slots:
     void init() {
-        const auto kind = PrivateSoundServer::kindFromEnvironment();
-        if (!kind)
-            QFAIL("ONDRIL_TEST_SERVER must be pulse or pipewire");
-        m_server = std::make_unique<PrivateSoundServer>(*kind);
-        if (!m_server->start())
-            QFAIL(qPrintable(m_server->error()));
+        QString error;
+        m_server = PrivateSoundServer::startFromEnvironment(error);
+        if (!m_server)
+            QFAIL(qPrintable(error));
     }
     void cleanup() { m_server.reset(); }
 

@@ -61,6 +61,21 @@ PrivateSoundServer::Device PrivateSoundServer::defaultInput() {
     return {QStringLiteral("studio_mic"), QStringLiteral("Studio Microphone")};
 }
 
+std::unique_ptr<PrivateSoundServer> PrivateSoundServer::startFromEnvironment(QString& error) {
+    const auto kind = kindFromEnvironment();
+    if (!kind) {
+        error = QStringLiteral(
+            "ONDRIL_TEST_SERVER must name the server to test against (pulse or pipewire)");
+        return nullptr;
+    }
+    auto server = std::make_unique<PrivateSoundServer>(*kind);
+    if (!server->start()) {
+        error = server->error();
+        return nullptr;
+    }
+    return server;
+}
+
 PrivateSoundServer::PrivateSoundServer(Kind kind)
     : m_kind(kind) {
     static int instance = 0;

@@ -29,6 +29,10 @@ public:
     static std::vector<Device> defaultSinks();
     static Device defaultInput(); // remaps the monitor of studio_left
 
+    // The server ONDRIL_TEST_SERVER names, started with its devices; nullptr with `error` saying
+    // why when the variable is missing or the server does not start.
+    static std::unique_ptr<PrivateSoundServer> startFromEnvironment(QString& error);
+
     explicit PrivateSoundServer(Kind kind);
     ~PrivateSoundServer();
     PrivateSoundServer(const PrivateSoundServer&) = delete;

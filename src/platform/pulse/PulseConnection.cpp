@@ -533,7 +533,7 @@ OSStatus PulseConnection::loadModule(const QString& name, const QString& argumen
                                      std::uint32_t& outIndex) {
     const QByteArray moduleName = name.toUtf8();
     const QByteArray moduleArgument = argument.toUtf8();
-    return runOperation(
+    const OSStatus status = runOperation(
         [&](std::shared_ptr<Pending> pending) {
             return pa_context_load_module(
                 m_context, moduleName.constData(), moduleArgument.constData(),
@@ -544,6 +544,20 @@ OSStatus PulseConnection::loadModule(const QString& name, const QString& argumen
                 new Request{this, pending});
         },
         &outIndex);
+    // The module's own record comes with a later event; fetch it now so that whoever unloads
+    // the module right away (a group rebuilt at once) finds it as the owner of its sink.
+    // Its failure leaves the load itself a success: the event brings the record later.
+    if (status == kAudioHardwareNoError)
+        refetchModule(outIndex);
+    return status;
+}
+
+OSStatus PulseConnection::refetchModule(std::uint32_t index) {
+    return runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_get_module_info(m_context, index,
+                                          ONDRIL_ANSWER(pa_module_info, fromModule, upsertModule),
+                                          new Request{this, pending});
+    });
 }
 
 OSStatus PulseConnection::unloadModule(std::uint32_t index) {

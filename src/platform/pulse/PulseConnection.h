@@ -66,6 +66,7 @@ public:
     OSStatus refetchSink(const QString& name);
     OSStatus refetchSource(const QString& name);
     OSStatus refetchServer();
+    OSStatus refetchModule(std::uint32_t index);
     // Takes a sink out of the mirror at once, after the caller removed it on the server.
     void forgetSink(const QString& name);
 
