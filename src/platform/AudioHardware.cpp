@@ -19,3 +19,13 @@ AudioHardware& AudioHardware::shared() {
 void AudioHardware::install(std::unique_ptr<AudioHardware> hardware) {
     installedHardware() = std::move(hardware);
 }
+
+OSStatus AudioHardware::AudioObjectGetPropertyDataSize(AudioObjectID objectID,
+                                                       const AudioObjectPropertyAddress& address,
+                                                       std::uint32_t& outDataSize) const {
+    AudioPropertyValue value;
+    const OSStatus status = AudioObjectGetPropertyData(objectID, address, value);
+    if (status == kAudioHardwareNoError)
+        outDataSize = audioPropertyValueByteSize(value);
+    return status;
+}

@@ -38,9 +38,11 @@ public:
     virtual OSStatus AudioObjectIsPropertySettable(AudioObjectID objectID,
                                                    const AudioObjectPropertyAddress& address,
                                                    bool& outIsSettable) const = 0;
+    // Answers from the value itself; a realisation whose service reports sizes of its own may
+    // override it.
     virtual OSStatus AudioObjectGetPropertyDataSize(AudioObjectID objectID,
                                                     const AudioObjectPropertyAddress& address,
-                                                    std::uint32_t& outDataSize) const = 0;
+                                                    std::uint32_t& outDataSize) const;
     virtual OSStatus AudioObjectGetPropertyData(AudioObjectID objectID,
                                                 const AudioObjectPropertyAddress& address,
                                                 AudioPropertyValue& outData) const = 0;

@@ -92,17 +92,6 @@ OSStatus PulseAudioHardware::AudioObjectIsPropertySettable(
     return kAudioHardwareNoError;
 }
 
-OSStatus
-PulseAudioHardware::AudioObjectGetPropertyDataSize(AudioObjectID objectID,
-                                                   const AudioObjectPropertyAddress& address,
-                                                   std::uint32_t& outDataSize) const {
-    AudioPropertyValue value;
-    const OSStatus status = AudioObjectGetPropertyData(objectID, address, value);
-    if (status == kAudioHardwareNoError)
-        outDataSize = audioPropertyValueByteSize(value);
-    return status;
-}
-
 OSStatus PulseAudioHardware::AudioObjectGetPropertyData(AudioObjectID objectID,
                                                         const AudioObjectPropertyAddress& address,
                                                         AudioPropertyValue& outData) const {

@@ -563,17 +563,6 @@ OSStatus SimulatedAudioHardware::AudioObjectIsPropertySettable(
 }
 
 OSStatus
-SimulatedAudioHardware::AudioObjectGetPropertyDataSize(AudioObjectID objectID,
-                                                       const AudioObjectPropertyAddress& address,
-                                                       std::uint32_t& outDataSize) const {
-    AudioPropertyValue value;
-    const OSStatus status = AudioObjectGetPropertyData(objectID, address, value);
-    if (status == kAudioHardwareNoError)
-        outDataSize = audioPropertyValueByteSize(value);
-    return status;
-}
-
-OSStatus
 SimulatedAudioHardware::AudioObjectGetPropertyData(AudioObjectID objectID,
                                                    const AudioObjectPropertyAddress& address,
                                                    AudioPropertyValue& outData) const {

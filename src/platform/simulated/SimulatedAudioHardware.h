@@ -100,9 +100,6 @@ public:
     OSStatus AudioObjectIsPropertySettable(AudioObjectID objectID,
                                            const AudioObjectPropertyAddress& address,
                                            bool& outIsSettable) const override;
-    OSStatus AudioObjectGetPropertyDataSize(AudioObjectID objectID,
-                                            const AudioObjectPropertyAddress& address,
-                                            std::uint32_t& outDataSize) const override;
     OSStatus AudioObjectGetPropertyData(AudioObjectID objectID,
                                         const AudioObjectPropertyAddress& address,
                                         AudioPropertyValue& outData) const override;
