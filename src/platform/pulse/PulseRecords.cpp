@@ -52,12 +52,9 @@ QString binaryOf(const pa_proplist* properties) {
     return binary.isEmpty() ? property(properties, PA_PROP_APPLICATION_NAME) : binary;
 }
 
-} // namespace
-
-namespace PulseRecords {
-
-Device fromSink(const pa_sink_info& info) {
-    Device device;
+// Sinks and sources are described by two structures with the same fields.
+template <typename Info> PulseRecords::Device fromDeviceInfo(const Info& info) {
+    PulseRecords::Device device;
     device.index = info.index;
     device.name = QString::fromUtf8(info.name);
     device.description = QString::fromUtf8(info.description ? info.description : info.name);
@@ -69,17 +66,17 @@ Device fromSink(const pa_sink_info& info) {
     return device;
 }
 
+} // namespace
+
+namespace PulseRecords {
+
+Device fromSink(const pa_sink_info& info) {
+    return fromDeviceInfo(info);
+}
+
 Device fromSource(const pa_source_info& info) {
-    Device device;
-    device.index = info.index;
-    device.name = QString::fromUtf8(info.name);
-    device.description = QString::fromUtf8(info.description ? info.description : info.name);
-    device.volume = channelVolumes(info.volume);
-    device.mute = info.mute != 0;
-    device.ownerModule = info.owner_module;
+    Device device = fromDeviceInfo(info);
     device.isMonitor = info.monitor_of_sink != PA_INVALID_INDEX;
-    device.transportType = guessTransportType(
-        device.name, QString::fromUtf8(info.driver ? info.driver : ""), info.proplist);
     return device;
 }
 

@@ -160,40 +160,27 @@ SimulatedAudioHardware::~SimulatedAudioHardware() = default;
 std::unique_ptr<SimulatedAudioHardware> SimulatedAudioHardware::withDemoDevices() {
     auto hardware = std::make_unique<SimulatedAudioHardware>();
 
-    DeviceSpec left;
-    left.uid = QStringLiteral("alsa_output.pci-0000_01_00.1.hdmi-stereo");
-    left.name = QStringLiteral("Studio Display Left");
-    left.transportType = kAudioDeviceTransportTypeHDMI;
-    left.volume = {{0, 0.6f}};
-    hardware->addDevice(left);
-
-    DeviceSpec right;
-    right.uid = QStringLiteral("alsa_output.pci-0000_01_00.1.hdmi-stereo-extra1");
-    right.name = QStringLiteral("Studio Display Right");
-    right.transportType = kAudioDeviceTransportTypeDisplayPort;
-    right.volume = {{0, 0.6f}};
-    hardware->addDevice(right);
-
-    DeviceSpec builtIn;
-    builtIn.uid = QStringLiteral("alsa_output.pci-0000_00_1f.3.analog-stereo");
-    builtIn.name = QStringLiteral("Built-in Speakers");
-    builtIn.transportType = kAudioDeviceTransportTypeBuiltIn;
-    builtIn.volume = {{0, 0.5f}};
-    const AudioObjectID builtInID = hardware->addDevice(builtIn);
-
-    DeviceSpec headphones;
-    headphones.uid = QStringLiteral("bluez_output.00_1B_66_A1_B2_C3.1");
-    headphones.name = QStringLiteral("Headphones");
-    headphones.transportType = kAudioDeviceTransportTypeBluetooth;
-    headphones.volume = {{1, 0.4f}, {2, 0.4f}};
-    hardware->addDevice(headphones);
-
-    DeviceSpec airPlay;
-    airPlay.uid = QStringLiteral("raop_output.Living-Room.local.192.168.1.40.7000");
-    airPlay.name = QStringLiteral("Living Room");
-    airPlay.transportType = kAudioDeviceTransportTypeAirPlay;
-    airPlay.volume = {{0, 0.3f}};
-    hardware->addDevice(airPlay);
+    auto addOutput = [&](const char* uid, const char* name, std::uint32_t transport,
+                         std::map<AudioObjectPropertyElement, float> volume) {
+        DeviceSpec spec;
+        spec.uid = QString::fromLatin1(uid);
+        spec.name = QString::fromLatin1(name);
+        spec.transportType = transport;
+        spec.volume = std::move(volume);
+        return hardware->addDevice(spec);
+    };
+    addOutput("alsa_output.pci-0000_01_00.1.hdmi-stereo", "Studio Display Left",
+              kAudioDeviceTransportTypeHDMI, {{0, 0.6f}});
+    addOutput("alsa_output.pci-0000_01_00.1.hdmi-stereo-extra1", "Studio Display Right",
+              kAudioDeviceTransportTypeDisplayPort, {{0, 0.6f}});
+    const AudioObjectID builtInID =
+        addOutput("alsa_output.pci-0000_00_1f.3.analog-stereo", "Built-in Speakers",
+                  kAudioDeviceTransportTypeBuiltIn, {{0, 0.5f}});
+    // Channel controls only, as many Bluetooth headsets have.
+    addOutput("bluez_output.00_1B_66_A1_B2_C3.1", "Headphones", kAudioDeviceTransportTypeBluetooth,
+              {{1, 0.4f}, {2, 0.4f}});
+    addOutput("raop_output.Living-Room.local.192.168.1.40.7000", "Living Room",
+              kAudioDeviceTransportTypeAirPlay, {{0, 0.3f}});
 
     DeviceSpec microphone;
     microphone.uid = QStringLiteral("alsa_input.usb-Generic_USB_Microphone-00.mono-fallback");
