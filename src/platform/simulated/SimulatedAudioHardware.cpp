@@ -336,15 +336,6 @@ void SimulatedAudioHardware::setDeviceMute(AudioObjectID deviceID, bool muted) {
     notify(deviceID, kAudioDevicePropertyMute, kAudioObjectPropertyScopeOutput);
 }
 
-void SimulatedAudioHardware::setDeviceName(AudioObjectID deviceID, const QString& name) {
-    State::Device* device = d->device(deviceID);
-    if (!device)
-        return;
-    device->spec.name = name;
-    device->spec.hasName = true;
-    notify(deviceID, kAudioObjectPropertyName);
-}
-
 AudioObjectID SimulatedAudioHardware::addProcess(const ProcessSpec& spec) {
     const AudioObjectID id = d->nextObjectID++;
     d->processes[id] = State::Process{spec};
@@ -737,26 +728,25 @@ OSStatus SimulatedAudioHardware::AudioDeviceDestroyIOProcID(AudioObjectID device
     return kAudioHardwareNoError;
 }
 
-OSStatus SimulatedAudioHardware::AudioDeviceStart(AudioObjectID deviceID,
-                                                  AudioDeviceIOProcID procID) {
+OSStatus SimulatedAudioHardware::setIOProcStarted(AudioObjectID deviceID,
+                                                  AudioDeviceIOProcID procID, bool started) {
     if (!d->device(deviceID))
         return kAudioHardwareBadDeviceError;
     auto it = d->ioProcs.find(procID);
     if (it == d->ioProcs.end() || it->second.deviceID != deviceID)
         return kAudioHardwareBadObjectError;
-    it->second.started = true;
+    it->second.started = started;
     return kAudioHardwareNoError;
+}
+
+OSStatus SimulatedAudioHardware::AudioDeviceStart(AudioObjectID deviceID,
+                                                  AudioDeviceIOProcID procID) {
+    return setIOProcStarted(deviceID, procID, true);
 }
 
 OSStatus SimulatedAudioHardware::AudioDeviceStop(AudioObjectID deviceID,
                                                  AudioDeviceIOProcID procID) {
-    if (!d->device(deviceID))
-        return kAudioHardwareBadDeviceError;
-    auto it = d->ioProcs.find(procID);
-    if (it == d->ioProcs.end() || it->second.deviceID != deviceID)
-        return kAudioHardwareBadObjectError;
-    it->second.started = false;
-    return kAudioHardwareNoError;
+    return setIOProcStarted(deviceID, procID, false);
 }
 
 SimulatedAudioHardware::IOCycleResult

@@ -63,7 +63,6 @@ public:
     void setDefaultInputDevice(AudioObjectID deviceID);
     void setDeviceVolume(AudioObjectID deviceID, AudioObjectPropertyElement element, float value);
     void setDeviceMute(AudioObjectID deviceID, bool muted);
-    void setDeviceName(AudioObjectID deviceID, const QString& name);
     AudioObjectID addProcess(const ProcessSpec& spec);
     bool removeProcess(AudioObjectID processID);
     void setProcessRunningOutput(AudioObjectID processID, bool running);
@@ -133,6 +132,7 @@ private:
                 AudioObjectPropertyScope scope = kAudioObjectPropertyScopeGlobal,
                 AudioObjectPropertyElement element = kAudioObjectPropertyElementMain);
     void forgetDevice(AudioObjectID deviceID);
+    OSStatus setIOProcStarted(AudioObjectID deviceID, AudioDeviceIOProcID procID, bool started);
     bool isObject(AudioObjectID objectID) const;
     std::optional<AudioPropertyValue>
     propertyValue(AudioObjectID objectID, const AudioObjectPropertyAddress& address) const;
