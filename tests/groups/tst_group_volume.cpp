@@ -2,8 +2,6 @@
 
 #include <QtTest>
 
-using Balance = QMap<QString, double>;
-
 // Group volume is written as each member's own device volume: master × balance, or 0 while muted.
 class TestGroupVolume : public QObject {
     Q_OBJECT
@@ -18,42 +16,11 @@ class TestGroupVolume : public QObject {
     }
 
 private slots:
-    void memberVolumeIsMasterTimesBalance_data() {
-        QTest::addColumn<double>("master");
-        QTest::addColumn<Balance>("balance");
-        QTest::addColumn<float>("left");
-        QTest::addColumn<float>("right");
-        QTest::newRow("0.5 x 0.4") << 0.5 << Balance{{GroupTestRig::leftUID, 0.4}} << 0.2f << 0.5f;
-        QTest::newRow("empty balance") << 0.8 << Balance{} << 0.8f << 0.8f;
-        QTest::newRow("entry for a stranger")
-            << 0.6 << Balance{{"usb:x:y:z:1", 0.1}} << 0.6f << 0.6f;
-        QTest::newRow("both entries")
-            << 1.0 << Balance{{GroupTestRig::leftUID, 0.25}, {GroupTestRig::rightUID, 0.75}}
-            << 0.25f << 0.75f;
-    }
-
-    void memberVolumeIsMasterTimesBalance() {
-        QFETCH(double, master);
-        QFETCH(Balance, balance);
-        QFETCH(float, left);
-        QFETCH(float, right);
-        GroupTestRig rig;
-        OutputGroup displays =
-            makeGroup("Displays", {rig.leftUID, rig.rightUID, "usb:Gone:X:1:1"}, {}, master);
-        displays.balance = balance;
-        GroupManager& manager = rig.launchWith({displays});
-        QVERIFY(manager.activate(displays)); // an absent member is skipped without failure
-        QCOMPARE(rig.volumeOf(rig.left), left);
-        QCOMPARE(rig.volumeOf(rig.right), right);
-    }
-
     void setValuesAreClampedAndSaved_data() {
         QTest::addColumn<double>("value");
         QTest::addColumn<double>("stored");
         QTest::newRow("below zero") << -0.2 << 0.0;
-        QTest::newRow("zero") << 0.0 << 0.0;
         QTest::newRow("inside") << 0.3 << 0.3;
-        QTest::newRow("one") << 1.0 << 1.0;
         QTest::newRow("above one") << 1.5 << 1.0;
     }
 
@@ -138,62 +105,73 @@ private slots:
         QCOMPARE(rig.volumeOf(rig.left), 0.9f);
     }
 
-    void stepsWhileMuted_data() {
-        QTest::addColumn<double>("delta");
-        QTest::addColumn<bool>("mutedAfter");
-        QTest::addColumn<double>("masterAfter");
-        QTest::addColumn<float>("memberAfter");
-        QTest::newRow("up unmutes") << 0.05 << false << 0.55 << 0.55f;
-        QTest::newRow("down unmutes") << -0.05 << false << 0.45 << 0.45f;
-        QTest::newRow("zero step stays muted") << 0.0 << true << 0.5 << 0.0f;
-    }
-
-    void stepsWhileMuted() {
-        QFETCH(double, delta);
-        QFETCH(bool, mutedAfter);
-        QFETCH(double, masterAfter);
-        QFETCH(float, memberAfter);
-        GroupTestRig rig;
-        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID}, {}, 0.5);
-        GroupManager& manager = rig.launchWith({displays});
-        QVERIFY(manager.activate(displays));
-        manager.toggleGroupMute();
-
-        const auto result = manager.stepGroupVolume(delta);
-
-        QVERIFY(result);
-        QCOMPARE(result->muted, mutedAfter);
-        QVERIFY(qFuzzyCompare(result->volume, masterAfter));
-        QCOMPARE(manager.isMuted(), mutedAfter);
-        QVERIFY(qFuzzyCompare(storedGroup(rig, displays.id).masterVolume, masterAfter));
-        QCOMPARE(rig.volumeOf(rig.left), memberAfter);
-        QCOMPARE(rig.volumeOf(rig.right), memberAfter);
-        // stepVolume takes the same road while a group is on.
-        const auto again = manager.stepVolume(0.0);
-        QVERIFY(again);
-        QCOMPARE(again->muted, mutedAfter);
-    }
-
-    void groupStepsAreClamped_data() {
+    // A step with a group on moves the master (stepVolume takes the same road as
+    // stepGroupVolume); without one it moves the default output's own volume.
+    void steps_data() {
+        QTest::addColumn<bool>("withGroup");
         QTest::addColumn<double>("start");
+        QTest::addColumn<bool>("muted");
         QTest::addColumn<double>("delta");
         QTest::addColumn<double>("expected");
-        QTest::newRow("past one") << 0.98 << 0.0625 << 1.0;
-        QTest::newRow("past zero") << 0.03 << -0.0625 << 0.0;
+        QTest::addColumn<bool>("reportedMuted");
+        QTest::addColumn<bool>("mutedAfter");
+        QTest::newRow("group: up unmutes") << true << 0.5 << true << 0.05 << 0.55 << false << false;
+        QTest::newRow("group: down unmutes")
+            << true << 0.5 << true << -0.05 << 0.45 << false << false;
+        QTest::newRow("group: zero step stays muted")
+            << true << 0.5 << true << 0.0 << 0.5 << true << true;
+        QTest::newRow("group: past one")
+            << true << 0.98 << false << 0.0625 << 1.0 << false << false;
+        QTest::newRow("group: past zero")
+            << true << 0.03 << false << -0.0625 << 0.0 << false << false;
+        // Reported as not muted, as the overlay shows it.
+        QTest::newRow("device: up unmutes")
+            << false << 0.5 << true << 0.0625 << 0.5625 << false << false;
+        QTest::newRow("device: clamped at one")
+            << false << 0.5 << true << 0.75 << 1.0 << false << false;
+        QTest::newRow("device: clamped at zero")
+            << false << 0.5 << true << -0.75 << 0.0 << false << false;
+        QTest::newRow("device: zero keeps the mute")
+            << false << 0.5 << true << 0.0 << 0.5 << false << true;
     }
 
-    void groupStepsAreClamped() {
+    void steps() {
+        QFETCH(bool, withGroup);
         QFETCH(double, start);
+        QFETCH(bool, muted);
         QFETCH(double, delta);
         QFETCH(double, expected);
+        QFETCH(bool, reportedMuted);
+        QFETCH(bool, mutedAfter);
         GroupTestRig rig;
-        const OutputGroup displays = makeGroup("Displays", {rig.leftUID}, {}, start);
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID}, {}, start);
         GroupManager& manager = rig.launchWith({displays});
-        QVERIFY(manager.activate(displays));
-        const auto result = manager.stepGroupVolume(delta);
+        if (withGroup) {
+            QVERIFY(manager.activate(displays));
+            if (muted)
+                manager.toggleGroupMute();
+        } else {
+            rig.audio->setMute(muted, rig.speakers);
+        }
+
+        const auto result = withGroup ? manager.stepGroupVolume(delta) : manager.stepVolume(delta);
+
         QVERIFY(result);
         QCOMPARE(result->volume, expected);
-        QCOMPARE(rig.volumeOf(rig.left), float(expected));
+        QCOMPARE(result->muted, reportedMuted);
+        if (withGroup) {
+            const float member = mutedAfter ? 0.0f : float(expected);
+            QCOMPARE(manager.isMuted(), mutedAfter);
+            QCOMPARE(storedGroup(rig, displays.id).masterVolume, expected);
+            QCOMPARE(rig.volumeOf(rig.left), member);
+            QCOMPARE(rig.volumeOf(rig.right), member);
+            const auto again = manager.stepVolume(0.0);
+            QVERIFY(again);
+            QCOMPARE(again->muted, mutedAfter);
+        } else {
+            QCOMPARE(rig.volumeOf(rig.speakers), float(expected));
+            QCOMPARE(rig.audio->isMuted(rig.speakers), std::optional<bool>(mutedAfter));
+        }
     }
 
     void toggleMuteWithAGroupReportsTheMaster() {
@@ -222,53 +200,27 @@ private slots:
         QCOMPARE(rig.audio->isMuted(rig.speakers), std::optional<bool>(false));
     }
 
-    void toggleMuteWithoutMuteControlReportsNothing() {
+    // A default output without the control asked for: nothing to report to the overlay.
+    void withoutTheControlNothingIsReported_data() {
+        QTest::addColumn<bool>("hasMute");
+        QTest::newRow("toggle without mute control") << false;
+        QTest::newRow("step without readable volume") << true;
+    }
+
+    void withoutTheControlNothingIsReported() {
+        QFETCH(bool, hasMute);
         GroupTestRig rig;
         SimulatedAudioHardware::DeviceSpec spec;
         spec.uid = "hdmi:TV:Screen:1:1";
         spec.name = "TV";
-        spec.mute = std::nullopt;
+        if (hasMute)
+            spec.volume.clear();
+        else
+            spec.mute = std::nullopt;
         const AudioObjectID tv = rig.hardware->addDevice(spec);
         rig.hardware->setDefaultOutputDevice(tv);
         GroupManager& manager = rig.launch();
-        QVERIFY(!manager.toggleMute());
-    }
-
-    void stepVolumeWithoutAGroupWorksOnTheDefaultDevice_data() {
-        QTest::addColumn<double>("delta");
-        QTest::addColumn<double>("expected");
-        QTest::addColumn<bool>("mutedAfter");
-        QTest::newRow("up unmutes") << 0.0625 << 0.5625 << false;
-        QTest::newRow("clamped at one") << 0.75 << 1.0 << false;
-        QTest::newRow("clamped at zero") << -0.75 << 0.0 << false;
-        QTest::newRow("zero keeps the mute") << 0.0 << 0.5 << true;
-    }
-
-    void stepVolumeWithoutAGroupWorksOnTheDefaultDevice() {
-        QFETCH(double, delta);
-        QFETCH(double, expected);
-        QFETCH(bool, mutedAfter);
-        GroupTestRig rig;
-        GroupManager& manager = rig.launch();
-        rig.audio->setMute(true, rig.speakers);
-        const auto result = manager.stepVolume(delta);
-        QVERIFY(result);
-        QCOMPARE(result->volume, expected);
-        QCOMPARE(result->muted, false); // reported as not muted, as the overlay shows it
-        QCOMPARE(rig.volumeOf(rig.speakers), float(expected));
-        QCOMPARE(rig.audio->isMuted(rig.speakers), std::optional<bool>(mutedAfter));
-    }
-
-    void stepVolumeWithoutReadableVolumeReportsNothing() {
-        GroupTestRig rig;
-        SimulatedAudioHardware::DeviceSpec spec;
-        spec.uid = "hdmi:TV:Screen:1:1";
-        spec.name = "TV";
-        spec.volume.clear();
-        const AudioObjectID tv = rig.hardware->addDevice(spec);
-        rig.hardware->setDefaultOutputDevice(tv);
-        GroupManager& manager = rig.launch();
-        QVERIFY(!manager.stepVolume(0.1));
+        QVERIFY(!(hasMute ? manager.stepVolume(0.1) : manager.toggleMute()));
     }
 };
 
