@@ -197,20 +197,6 @@ private slots:
         }
     }
 
-    void refusedAggregateInReconcileDeactivates() {
-        GroupTestRig rig;
-        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
-        GroupManager& manager = rig.launchWith({displays});
-        QVERIFY(manager.activate(displays));
-        settle();
-        rig.hardware->failNextAggregateCreation();
-        rig.hardware->removeDevice(rig.right);
-        settle();
-        QCOMPARE(manager.activeGroupID(), std::nullopt);
-        QCOMPARE(rig.defaultOutput(), rig.speakers);
-        QVERIFY(rig.hardware->aggregateDevices().empty());
-    }
-
     void memberGoneBetweenCheckAndBuildFailsActivation() {
         // The published list still shows the member, the service no longer has it.
         GroupTestRig rig;
@@ -392,25 +378,6 @@ private slots:
         QCOMPARE(manager.activeGroup()->masterUID, rig.rightUID);
     }
 
-    void lastMemberGoneEndsTheGroup() {
-        GroupTestRig rig;
-        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
-        GroupManager& manager = rig.launchWith({displays});
-        QVERIFY(manager.activate(displays));
-        settle();
-        rig.hardware->removeDevice(rig.left);
-        rig.hardware->removeDevice(rig.right);
-        settle();
-        QCOMPARE(manager.activeGroupID(), std::nullopt);
-        QCOMPARE(rig.defaultOutput(), rig.speakers);
-        QVERIFY(!rig.defaults->objectForKey(SettingsKeys::activeGroup));
-
-        // It does not come back by itself with its devices.
-        rig.addOutput(rig.leftUID, "Left Display");
-        settle();
-        QCOMPARE(manager.activeGroupID(), std::nullopt);
-    }
-
     void ownChangesEndAtTheMemberComparison() {
         GroupTestRig rig;
         const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
@@ -469,30 +436,6 @@ private slots:
         QCOMPARE(int(rig.hardware->aggregateDevices().size()), 1);
         QCOMPARE(rig.volumeOf(rig.left), 0.7f);
         QCOMPARE(manager.previousOutputUID(), std::optional<QString>(rig.speakersUID));
-    }
-
-    void groupComesBackAfterAFullServerRestart() {
-        GroupTestRig rig;
-        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
-        GroupManager& manager = rig.launchWith({displays});
-        QVERIFY(manager.activate(displays));
-        settle();
-
-        // Everything goes, then the devices come back with new ids.
-        rig.hardware->AudioHardwareDestroyAggregateDevice(*manager.activeDeviceID());
-        for (AudioObjectID id : {rig.speakers, rig.left, rig.right, rig.headphones})
-            rig.hardware->removeDevice(id);
-        settle();
-        QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(displays.id)); // still on, waiting
-
-        rig.addOutput(rig.speakersUID, "Speakers");
-        rig.addOutput(rig.leftUID, "Left Display");
-        rig.addOutput(rig.rightUID, "Right Display");
-        settle();
-
-        QVERIFY(manager.activeDeviceID());
-        QCOMPARE(manager.activeMemberUIDs(), (QStringList{rig.leftUID, rig.rightUID}));
-        QCOMPARE(rig.defaultOutput(), *manager.activeDeviceID());
     }
 
     void wakeReconcilesAfterADelay() {
