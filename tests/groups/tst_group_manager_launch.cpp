@@ -83,36 +83,6 @@ private slots:
         QCOMPARE(manager.groups().first().deviceNames, groupNames);
     }
 
-    void orphanPassDestroysOnlyOurLeftovers() {
-        GroupTestRig rig;
-        AudioObjectID ours = 0, perApp = 0, foreign = 0;
-        auto create = [&](const QString& uid, AudioObjectID& id) {
-            const QVariantMap description{
-                {kAudioAggregateDeviceNameKey, "x"},
-                {kAudioAggregateDeviceUIDKey, uid},
-                {kAudioAggregateDeviceIsStackedKey, 1},
-                {kAudioAggregateDeviceIsPrivateKey, 0},
-                {kAudioAggregateDeviceMainSubDeviceKey, rig.leftUID},
-                {kAudioAggregateDeviceSubDeviceListKey,
-                 QVariantList{QVariantMap{{kAudioSubDeviceUIDKey, rig.leftUID},
-                                          {kAudioSubDeviceDriftCompensationKey, 0}}}}};
-            QCOMPARE(rig.hardware->AudioHardwareCreateAggregateDevice(description, id),
-                     kAudioHardwareNoError);
-        };
-        create("com.kestrivane.ondril.group." +
-                   QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper(),
-               ours);
-        create("com.kestrivane.ondril.group.app.firefox", perApp);
-        create("com.example.other.aggregate", foreign);
-
-        rig.launch();
-
-        const auto remaining = rig.hardware->aggregateDevices();
-        QCOMPARE(int(remaining.size()), 1);
-        QCOMPARE(remaining.front(), foreign);
-        QVERIFY(rig.hardware->deviceWithUID(rig.leftUID)); // real devices are never touched
-    }
-
     void restoreAtLaunch_data() {
         QTest::addColumn<QString>("storedKey"); // "group" stands for the stored group's id
         QTest::addColumn<bool>("membersPresent");
