@@ -1,6 +1,5 @@
 #include "platform/pulse/PulseMirror.h"
 #include "platform/pulse/PulseModuleArguments.h"
-#include "platform/pulse/PulseObjectIds.h"
 
 #include <QtTest>
 
@@ -66,13 +65,6 @@ private slots:
         QCOMPARE(*mirror.sink("studio"), changed);
     }
 
-    void removalOfAnUnknownIndexChangesNothing() {
-        PulseMirror mirror;
-        mirror.upsertSink(sink(7, "studio"));
-        QCOMPARE(mirror.removeSink(8), PulseMirror::Notices{});
-        QVERIFY(mirror.sink("studio"));
-    }
-
     void sinkReappearingUnderANewIndexKeepsItsName() {
         // A restarted module gets a new index; the name is what identifies the device.
         PulseMirror mirror;
@@ -93,16 +85,6 @@ private slots:
         QVERIFY(mirror.sink("airpods"));
         QCOMPARE(mirror.removeSink(7), PulseMirror::Notices{kDeviceList});
         QVERIFY(mirror.sinksInServerOrder().empty());
-    }
-
-    void monitorSourcesAreNoInputs() {
-        PulseMirror mirror;
-        Device monitor = sink(3, "studio.monitor");
-        monitor.isMonitor = true;
-        QCOMPARE(mirror.upsertSource(monitor), PulseMirror::Notices{});
-        QVERIFY(!mirror.source("studio.monitor"));
-        QCOMPARE(mirror.upsertSource(sink(4, "mic")), PulseMirror::Notices{kDeviceList});
-        QVERIFY(mirror.source("mic"));
     }
 
     void placeholderDefaultNameKeepsTheOldDefault_data() {
@@ -150,18 +132,6 @@ private slots:
         QVERIFY(!processes[1].isRunningOutput);
         QCOMPARE(mirror.removeStream(11), PulseMirror::Notices{kProcessList});
         QVERIFY(!mirror.processes()[0].isRunningOutput);
-    }
-
-    void objectIdsAreStablePerKindAndName() {
-        PulseObjectIds ids;
-        const AudioObjectID studioSink = ids.idFor(PulseObjectIds::Kind::Sink, "studio");
-        const AudioObjectID studioSource = ids.idFor(PulseObjectIds::Kind::Source, "studio");
-        QVERIFY(studioSink >= PulseObjectIds::kFirstID);
-        QVERIFY(studioSink != studioSource);
-        QVERIFY(studioSink != kAudioObjectSystemObject);
-        QCOMPARE(ids.idFor(PulseObjectIds::Kind::Sink, "studio"), studioSink);
-        QCOMPARE(ids.lookup(studioSource)->second, QString("studio"));
-        QVERIFY(!ids.lookup(kAudioObjectSystemObject));
     }
 
     void combineArgumentsQuoteTheDescriptionForEachServer_data() {
