@@ -88,8 +88,6 @@ private slots:
     void eachChangeFiresItsSelectorOnItsObject_data();
     void eachChangeFiresItsSelectorOnItsObject();
     void removedListenerHearsNothingEvenWhenADeliveryIsQueued();
-    void defaultCannotBeSetToSomethingThatIsNotADevice_data();
-    void defaultCannotBeSetToSomethingThatIsNotADevice();
     void aggregateCreationIsRefused_data();
     void aggregateCreationIsRefused();
     void aggregateShrinksWhenAMemberGoesAndItsDestructionMovesTheDefault();
@@ -182,32 +180,6 @@ void TestSimulatedAudioHardware::removedListenerHearsNothingEvenWhenADeliveryIsQ
     QCOMPARE(kept.calls, 1);
     QCOMPARE(hardware.listenerCount(), 1);
     QVERIFY(hardware.AudioObjectRemovePropertyListenerBlock(removedToken) != kAudioHardwareNoError);
-}
-
-void TestSimulatedAudioHardware::defaultCannotBeSetToSomethingThatIsNotADevice_data() {
-    QTest::addColumn<quint32>("selector");
-    QTest::addColumn<quint32>("target");
-
-    QTest::newRow("output to none") << kAudioHardwarePropertyDefaultOutputDevice << 0u;
-    QTest::newRow("output to unknown id") << kAudioHardwarePropertyDefaultOutputDevice << 9999u;
-    QTest::newRow("input to the system object") << kAudioHardwarePropertyDefaultInputDevice << 1u;
-}
-
-void TestSimulatedAudioHardware::defaultCannotBeSetToSomethingThatIsNotADevice() {
-    QFETCH(quint32, selector);
-    QFETCH(quint32, target);
-
-    SimulatedAudioHardware hardware;
-    const AudioObjectID device =
-        hardware.addDevice(outputSpec(QStringLiteral("a"), QStringLiteral("A")));
-    hardware.setDefaultOutputDevice(device);
-    hardware.setDefaultInputDevice(device);
-
-    QCOMPARE(hardware.AudioObjectSetPropertyData(kAudioObjectSystemObject, address(selector),
-                                                 std::uint32_t(target)),
-             kAudioHardwareBadObjectError);
-    QCOMPARE(readUInt32(hardware, kAudioObjectSystemObject, selector), device);
-    QCOMPARE(hardware.setPropertyCallCount(selector), 0);
 }
 
 void TestSimulatedAudioHardware::aggregateCreationIsRefused_data() {
