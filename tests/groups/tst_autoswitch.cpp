@@ -3,7 +3,6 @@
 #include "groups/AudioRuleCodec.h"
 #include "groups/AutoSwitchToken.h"
 
-#include <QJsonDocument>
 #include <QtTest>
 
 // Auto-switch rules and priority lists on the simulated service: which outcome a run reaches, what
@@ -292,17 +291,6 @@ private slots:
                  std::optional(hiddenAfter));
     }
 
-    void noRuleEverFittedSoAPriorityDeviceArrivingChangesNothing() {
-        AutoSwitchRig rig;
-        rig.defaults->setStringArray({"usb:Acme:Dock:3001:1,2"}, SettingsKeys::devicePriority);
-        GroupManager& manager = rig.launch();
-        const int writes = rig.defaultOutputWrites();
-        rig.addOutput("usb:Acme:Dock:3001:1,2", "Dock");
-        settle();
-        QCOMPARE(rig.defaultOutputWrites(), writes);
-        QCOMPARE(manager.lastAppliedToken(), std::optional(AutoSwitchToken::fallback));
-    }
-
     // An input rule for the headset's microphone; it goes again.
     void inputSideSwitchesAndNeverFallsBackToNothing_data() {
         QTest::addColumn<QStringList>("priority");
@@ -340,26 +328,6 @@ private slots:
         QCOMPARE(rig.defaultInputWrites() - writes, priorityEntryApplies ? 1 : 0);
         QCOMPARE(rig.audio->readDefaultInputID(),
                  priorityEntryApplies ? rig.mic : *rig.hardware->deviceWithUID("hidden:mic"));
-    }
-
-    // A headset's sink and source arrive a few ms apart, and its profile switch takes the sink
-    // away and back: every published list is evaluated, yet each default changes once.
-    void burstOfDevicesChangesEachDefaultOnce() {
-        AutoSwitchRig rig;
-        GroupManager& manager = rig.launch();
-        manager.addRule({"bluetooth:Acme:Headset:4001:1,2"},
-                        RuleAction::device("bluetooth:Acme:Headset:4001:1,2"));
-        manager.addInputRule({kHeadsetMicUID}, RuleAction::device(kHeadsetMicUID));
-        const int outputWrites = rig.defaultOutputWrites();
-        const int inputWrites = rig.defaultInputWrites();
-
-        AudioObjectID sink = rig.addOutput("bluetooth:Acme:Headset:4001:1,2", "Headset");
-        QCoreApplication::processEvents();
-        rig.addInput(kHeadsetMicUID, "Headset Microphone");
-        settle();
-        QCOMPARE(rig.defaultOutputWrites() - outputWrites, 1);
-        QCOMPARE(rig.defaultInputWrites() - inputWrites, 1);
-        QCOMPARE(rig.defaultOutput(), sink);
     }
 
     // The stored form: strict, all keys required, any error fails the whole list.
@@ -408,19 +376,6 @@ private slots:
         QCOMPARE(rules->size(), count);
         // Written back, it reads the same.
         QCOMPARE(AudioRuleCodec::decodeList(AudioRuleCodec::encode(*rules)), *rules);
-    }
-
-    void ruleIsWrittenInItsStoredShape() {
-        const AudioRule onDevice{
-            QUuid::fromString(QStringLiteral("6f9619ff-8b86-d011-b42d-00c04fc964ff")),
-            {"a"},
-            RuleAction::device("x"),
-            false};
-        const auto written = QJsonDocument::fromJson(AudioRuleCodec::encode({onDevice}));
-        const auto expected = QJsonDocument::fromJson(
-            R"([{"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","requiredDeviceUIDs":["a"],)"
-            R"("action":{"device":{"_0":"x"}},"enabled":false}])");
-        QCOMPARE(written, expected);
     }
 
     void priorityListsLoadWithTheOldFallbackMigrated_data() {
