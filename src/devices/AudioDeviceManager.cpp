@@ -158,6 +158,12 @@ std::optional<QString> AudioDeviceManager::readUID(AudioObjectID objectID) const
     return readValue<QString>(m_hardware, objectID, globalAddress(kAudioDevicePropertyDeviceUID));
 }
 
+bool AudioDeviceManager::setDefaultInputDevice(AudioObjectID deviceID) {
+    return m_hardware.AudioObjectSetPropertyData(
+               kAudioObjectSystemObject, globalAddress(kAudioHardwarePropertyDefaultInputDevice),
+               AudioPropertyValue(std::uint32_t(deviceID))) == kAudioHardwareNoError;
+}
+
 void AudioDeviceManager::refresh() {
     const AudioObjectID defaultOutput = readDefaultOutputID();
     const AudioObjectID defaultInput = readDefaultInputID();

@@ -48,6 +48,9 @@ public:
     AudioObjectID readDefaultOutputID() const;
     AudioObjectID readDefaultInputID() const;
     std::optional<QString> readUID(AudioObjectID objectID) const;
+    // Writes the system's default input; true when the service took it. The published fields
+    // follow with the next refresh.
+    bool setDefaultInputDevice(AudioObjectID deviceID);
 
 signals:
     void outputDevicesChanged();

@@ -3,6 +3,8 @@
 #include "app/AppSettings.h"
 #include "app/NotificationCenter.h"
 #include "devices/AudioDeviceManager.h"
+#include "groups/AudioRuleCodec.h"
+#include "groups/AutoSwitchToken.h"
 #include "groups/OutputGroupCodec.h"
 #include "platform/SystemSleepMonitor.h"
 #include "platform/UserDefaults.h"
@@ -41,9 +43,8 @@ GroupManager::GroupManager(AudioDeviceManager& audio, AppSettings& settings,
     : QObject(parent)
     , m_audio(audio)
     , m_settings(settings) {
-    // Output and input rules load here too once auto-switching exists.
     loadGroups();
-    loadPriorities();
+    loadRulesAndPriorities();
     foldDeviceNames();
     destroyOrphanAggregates();
     subscribe(sleepMonitor);
@@ -66,6 +67,16 @@ GroupManager& GroupManager::shared() {
 void GroupManager::setGroups(const QList<OutputGroup>& groups) {
     m_groups = groups;
     emit groupsChanged();
+}
+
+void GroupManager::setRules(const QList<AudioRule>& rules) {
+    m_rules = rules;
+    emit rulesChanged();
+}
+
+void GroupManager::setInputRules(const QList<AudioRule>& rules) {
+    m_inputRules = rules;
+    emit inputRulesChanged();
 }
 
 void GroupManager::setDevicePriority(const QStringList& priority) {
@@ -99,14 +110,27 @@ void GroupManager::loadGroups() {
         setGroups(*decoded);
 }
 
-void GroupManager::loadPriorities() {
-    // Migration of the older single fallback device belongs to auto-switching.
-    setDevicePriority(m_settings.defaults()
-                          .stringArrayForKey(SettingsKeys::devicePriority)
-                          .value_or(QStringList()));
-    setInputPriority(m_settings.defaults()
-                         .stringArrayForKey(SettingsKeys::inputPriority)
-                         .value_or(QStringList()));
+void GroupManager::loadRulesAndPriorities() {
+    // A rule list that fails to decode counts as empty, silently, and stays stored until the next
+    // save.
+    const UserDefaults& defaults = m_settings.defaults();
+    if (const auto data = defaults.dataForKey(SettingsKeys::rules)) {
+        if (auto decoded = AudioRuleCodec::decodeList(*data))
+            setRules(*decoded);
+    }
+    if (const auto stored = defaults.stringArrayForKey(SettingsKeys::devicePriority)) {
+        setDevicePriority(*stored); // also when empty: the old key is then no longer read
+    } else if (const auto old = defaults.stringForKey(SettingsKeys::fallbackDevice)) {
+        // The older single fallback device becomes a one-entry list; the old key stays.
+        setDevicePriority({*old});
+        saveDevicePriority();
+    }
+    if (const auto data = defaults.dataForKey(SettingsKeys::inputRules)) {
+        if (auto decoded = AudioRuleCodec::decodeList(*data))
+            setInputRules(*decoded);
+    }
+    if (const auto stored = defaults.stringArrayForKey(SettingsKeys::inputPriority))
+        setInputPriority(*stored);
 }
 
 void GroupManager::foldDeviceNames() {
@@ -171,7 +195,7 @@ void GroupManager::subscribe(SystemSleepMonitor& sleepMonitor) {
             evaluateInputRules();
         });
     });
-    // Auto-switching observes "ondril.autoSwitchChanged" and "ondril.autoSwitchInputsChanged" here.
+    observeAutoSwitchSettings();
 }
 
 // --- Groups -----------------------------------------------------------------------------------
@@ -411,14 +435,6 @@ void GroupManager::restoreActiveGroup() {
         activate(group);
 }
 
-void GroupManager::evaluateRules() {
-    // Output rules are evaluated here once auto-switching exists.
-}
-
-void GroupManager::evaluateInputRules() {
-    // Input rules are evaluated here once auto-switching exists.
-}
-
 // --- Volume, balance and mute -----------------------------------------------------------------
 
 double GroupManager::memberVolume(const OutputGroup& group, const QString& memberUID) const {
@@ -512,4 +528,264 @@ std::optional<VolumeState> GroupManager::stepGroupVolume(double delta) {
     const double value = std::clamp(group->masterVolume + delta, 0.0, 1.0);
     setMasterVolume(*group, value);
     return VolumeState{value, m_isMuted};
+}
+
+// --- Auto-switch rules -----------------------------------------------------------------------
+
+void GroupManager::observeAutoSwitchSettings() {
+    // A flipped switch starts its side afresh, so a rule that fits is applied again.
+    NotificationCenter& center = m_settings.notificationCenter();
+    center.addObserver(Notifications::autoSwitchChanged, this, [this] {
+        m_lastAppliedToken.reset();
+        evaluateRules();
+    });
+    center.addObserver(Notifications::autoSwitchInputsChanged, this, [this] {
+        m_lastAppliedInputToken.reset();
+        evaluateInputRules();
+    });
+}
+
+void GroupManager::editRules(RuleSide side, const std::function<bool(QList<AudioRule>&)>& edit) {
+    QList<AudioRule> rules = side == RuleSide::output ? m_rules : m_inputRules;
+    if (!edit(rules))
+        return;
+    if (side == RuleSide::output) {
+        setRules(rules);
+        saveRules(side);
+        m_lastAppliedToken.reset();
+        evaluateRules();
+    } else {
+        setInputRules(rules);
+        saveRules(side);
+        m_lastAppliedInputToken.reset();
+        evaluateInputRules();
+    }
+}
+
+void GroupManager::saveRules(RuleSide side) {
+    if (side == RuleSide::output)
+        m_settings.defaults().setData(AudioRuleCodec::encode(m_rules), SettingsKeys::rules);
+    else
+        m_settings.defaults().setData(AudioRuleCodec::encode(m_inputRules),
+                                      SettingsKeys::inputRules);
+}
+
+namespace {
+
+bool appendRule(QList<AudioRule>& rules, const QStringList& requiredDeviceUIDs,
+                const RuleAction& action) {
+    rules.append(AudioRule{QUuid::createUuid(), requiredDeviceUIDs, action, true});
+    return true;
+}
+
+bool replaceRule(QList<AudioRule>& rules, const AudioRule& rule) {
+    for (AudioRule& stored : rules) {
+        if (stored.id == rule.id) {
+            stored = rule;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool enableRule(QList<AudioRule>& rules, const QUuid& id, bool enabled) {
+    for (AudioRule& stored : rules) {
+        if (stored.id == id) {
+            stored.enabled = enabled;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool moveEntry(QList<AudioRule>& rules, int from, int to) {
+    if (from < 0 || from >= rules.size())
+        return false;
+    const AudioRule rule = rules.takeAt(from);
+    rules.insert(std::clamp(to, 0, int(rules.size())), rule);
+    return true;
+}
+
+bool removeRule(QList<AudioRule>& rules, const QUuid& id) {
+    rules.removeIf([&](const AudioRule& stored) { return stored.id == id; });
+    return true;
+}
+
+} // namespace
+
+void GroupManager::addRule(const QStringList& requiredDeviceUIDs, const RuleAction& action) {
+    editRules(RuleSide::output,
+              [&](auto& rules) { return appendRule(rules, requiredDeviceUIDs, action); });
+}
+
+void GroupManager::updateRule(const AudioRule& rule) {
+    editRules(RuleSide::output, [&](auto& rules) { return replaceRule(rules, rule); });
+}
+
+void GroupManager::setRuleEnabled(const QUuid& id, bool enabled) {
+    editRules(RuleSide::output, [&](auto& rules) { return enableRule(rules, id, enabled); });
+}
+
+void GroupManager::moveRule(int from, int to) {
+    editRules(RuleSide::output, [&](auto& rules) { return moveEntry(rules, from, to); });
+}
+
+void GroupManager::deleteRule(const QUuid& id) {
+    editRules(RuleSide::output, [&](auto& rules) { return removeRule(rules, id); });
+}
+
+void GroupManager::addInputRule(const QStringList& requiredDeviceUIDs, const RuleAction& action) {
+    editRules(RuleSide::input,
+              [&](auto& rules) { return appendRule(rules, requiredDeviceUIDs, action); });
+}
+
+void GroupManager::updateInputRule(const AudioRule& rule) {
+    editRules(RuleSide::input, [&](auto& rules) { return replaceRule(rules, rule); });
+}
+
+void GroupManager::setInputRuleEnabled(const QUuid& id, bool enabled) {
+    editRules(RuleSide::input, [&](auto& rules) { return enableRule(rules, id, enabled); });
+}
+
+void GroupManager::moveInputRule(int from, int to) {
+    editRules(RuleSide::input, [&](auto& rules) { return moveEntry(rules, from, to); });
+}
+
+void GroupManager::deleteInputRule(const QUuid& id) {
+    editRules(RuleSide::input, [&](auto& rules) { return removeRule(rules, id); });
+}
+
+void GroupManager::saveDevicePriority() {
+    m_settings.defaults().setStringArray(m_devicePriority, SettingsKeys::devicePriority);
+}
+
+void GroupManager::saveInputPriority() {
+    m_settings.defaults().setStringArray(m_inputPriority, SettingsKeys::inputPriority);
+}
+
+// --- Auto-switch evaluation --------------------------------------------------------------------
+
+bool GroupManager::outputRuleFits(const AudioRule& rule) const {
+    if (!rule.enabled || rule.requiredDeviceUIDs.isEmpty())
+        return false;
+    for (const QString& uid : rule.requiredDeviceUIDs)
+        if (!m_audio.deviceIDForOutputUID(uid))
+            return false;
+    return isActionAvailable(rule.action);
+}
+
+bool GroupManager::inputRuleFits(const AudioRule& rule) const {
+    // Required devices are looked for among inputs; a group never fits on this side.
+    if (!rule.enabled || rule.requiredDeviceUIDs.isEmpty())
+        return false;
+    for (const QString& uid : rule.requiredDeviceUIDs)
+        if (!m_audio.deviceIDForInputUID(uid))
+            return false;
+    return rule.action.kind == RuleAction::Kind::device &&
+           m_audio.deviceIDForInputUID(rule.action.deviceUID);
+}
+
+void GroupManager::evaluateRules() {
+    if (!m_settings.autoSwitchGroups()) {
+        m_lastAppliedToken.reset();
+        return;
+    }
+    const auto found = std::find_if(m_rules.cbegin(), m_rules.cend(),
+                                    [this](const AudioRule& rule) { return outputRuleFits(rule); });
+    const std::optional<AudioRule> rule =
+        found == m_rules.cend() ? std::nullopt : std::optional<AudioRule>(*found);
+    switch (AutoSwitchToken::advance(m_lastAppliedToken,
+                                     rule ? std::optional<QUuid>(rule->id) : std::nullopt)) {
+    case AutoSwitchToken::Step::applyRule:
+        applyRuleAction(rule->action);
+        break;
+    case AutoSwitchToken::Step::applyFallback:
+        applyFallback();
+        break;
+    case AutoSwitchToken::Step::nothing:
+        break;
+    }
+}
+
+void GroupManager::evaluateInputRules() {
+    if (!m_settings.autoSwitchInputs()) {
+        m_lastAppliedInputToken.reset();
+        return;
+    }
+    const auto found = std::find_if(m_inputRules.cbegin(), m_inputRules.cend(),
+                                    [this](const AudioRule& rule) { return inputRuleFits(rule); });
+    const std::optional<AudioRule> rule =
+        found == m_inputRules.cend() ? std::nullopt : std::optional<AudioRule>(*found);
+    switch (AutoSwitchToken::advance(m_lastAppliedInputToken,
+                                     rule ? std::optional<QUuid>(rule->id) : std::nullopt)) {
+    case AutoSwitchToken::Step::applyRule:
+        applyInputRuleAction(rule->action);
+        break;
+    case AutoSwitchToken::Step::applyFallback:
+        applyInputFallback();
+        break;
+    case AutoSwitchToken::Step::nothing:
+        break;
+    }
+}
+
+bool GroupManager::isActionAvailable(const RuleAction& action) const {
+    // A group's members are not looked at here: activation copes with absent ones.
+    if (action.kind == RuleAction::Kind::group)
+        return groupIndex(action.groupID) >= 0;
+    return m_audio.deviceIDForOutputUID(action.deviceUID).has_value();
+}
+
+void GroupManager::applyRuleAction(const RuleAction& action) {
+    // A failed action is not retried: the token already names the rule.
+    if (action.kind == RuleAction::Kind::group) {
+        const int index = groupIndex(action.groupID);
+        if (index >= 0)
+            activate(m_groups.at(index));
+    } else if (const auto id = m_audio.deviceIDForOutputUID(action.deviceUID)) {
+        switchToDevice(*id);
+    }
+}
+
+void GroupManager::applyFallback() {
+    // With no usable entry the group a rule put on ends, and the previous output comes back.
+    if (const auto id = firstUsablePriorityEntry(RuleSide::output))
+        switchToDevice(*id);
+    else
+        deactivate();
+}
+
+void GroupManager::applyInputRuleAction(const RuleAction& action) {
+    if (action.kind != RuleAction::Kind::device)
+        return;
+    if (const auto id = m_audio.deviceIDForInputUID(action.deviceUID))
+        writeDefaultInput(*id);
+}
+
+void GroupManager::applyInputFallback() {
+    // With no usable entry the input stays as it is: there is no previous input to give back.
+    if (const auto id = firstUsablePriorityEntry(RuleSide::input))
+        writeDefaultInput(*id);
+}
+
+std::optional<AudioObjectID> GroupManager::firstUsablePriorityEntry(RuleSide side) {
+    const bool output = side == RuleSide::output;
+    for (const QString& uid : output ? m_devicePriority : m_inputPriority) {
+        if (uid.startsWith(ownDeviceUIDPrefix))
+            continue;
+        // Hidden devices are passed over, also when connected; an entry whose UID drifted from a
+        // hidden one is moved into the hidden list under its new UID.
+        if (output ? m_settings.isDeviceHidden(uid) : m_settings.isInputDeviceHidden(uid))
+            continue;
+        const auto id =
+            output ? m_audio.deviceIDForOutputUID(uid) : m_audio.deviceIDForInputUID(uid);
+        if (id)
+            return id;
+    }
+    return std::nullopt;
+}
+
+void GroupManager::writeDefaultInput(AudioObjectID deviceID) {
+    if (m_audio.setDefaultInputDevice(deviceID))
+        m_audio.refresh();
 }

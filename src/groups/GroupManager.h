@@ -1,5 +1,6 @@
 #pragma once
 
+#include "groups/AudioRule.h"
 #include "groups/OutputGroup.h"
 #include "groups/VolumeState.h"
 #include "platform/AudioHardwareTypes.h"
@@ -26,14 +27,19 @@ class GroupManager : public QObject {
     Q_PROPERTY(QList<OutputGroup> groups READ groups WRITE setGroups NOTIFY groupsChanged)
     Q_PROPERTY(std::optional<QUuid> activeGroupID READ activeGroupID NOTIFY activeGroupIDChanged)
     Q_PROPERTY(bool isMuted READ isMuted NOTIFY isMutedChanged)
+    Q_PROPERTY(QList<AudioRule> rules READ rules WRITE setRules NOTIFY rulesChanged)
     Q_PROPERTY(QStringList devicePriority READ devicePriority WRITE setDevicePriority NOTIFY
                    devicePriorityChanged)
+    Q_PROPERTY(
+        QList<AudioRule> inputRules READ inputRules WRITE setInputRules NOTIFY inputRulesChanged)
     Q_PROPERTY(QStringList inputPriority READ inputPriority WRITE setInputPriority NOTIFY
                    inputPriorityChanged)
 
 public:
     // Every aggregate Ondril makes has a UID with this prefix; leftovers are recognised by it.
     static inline const QString groupUIDPrefix = QStringLiteral("com.kestrivane.ondril.group.");
+    // Every device Ondril makes for itself starts so; none is ever a fallback.
+    static inline const QString ownDeviceUIDPrefix = QStringLiteral("com.kestrivane.ondril.");
     static constexpr int wakeDelayMs = 1000;
 
     GroupManager(AudioDeviceManager& audio, AppSettings& settings, QObject* parent = nullptr);
@@ -46,9 +52,12 @@ public:
     void setGroups(const QList<OutputGroup>& groups);
     std::optional<QUuid> activeGroupID() const { return m_activeGroupID; }
     bool isMuted() const { return m_isMuted; }
-    // Output rules, input rules and their evaluation tokens join these fields with auto-switching.
+    QList<AudioRule> rules() const { return m_rules; }
+    void setRules(const QList<AudioRule>& rules);
     QStringList devicePriority() const { return m_devicePriority; }
     void setDevicePriority(const QStringList& priority);
+    QList<AudioRule> inputRules() const { return m_inputRules; }
+    void setInputRules(const QList<AudioRule>& rules);
     QStringList inputPriority() const { return m_inputPriority; }
     void setInputPriority(const QStringList& priority);
 
@@ -68,9 +77,36 @@ public:
     void restoreActiveGroup();
     void persistActive();
 
-    // Auto-switching evaluates rules here; until it comes these do nothing.
+    // Auto-switch rules and priority lists. Every edit saves the list, clears its side's token and
+    // evaluates that side at once.
+    void addRule(const QStringList& requiredDeviceUIDs, const RuleAction& action);
+    void updateRule(const AudioRule& rule);
+    void setRuleEnabled(const QUuid& id, bool enabled);
+    void moveRule(int from, int to);
+    void deleteRule(const QUuid& id);
+    void addInputRule(const QStringList& requiredDeviceUIDs, const RuleAction& action);
+    void updateInputRule(const AudioRule& rule);
+    void setInputRuleEnabled(const QUuid& id, bool enabled);
+    void moveInputRule(int from, int to);
+    void deleteInputRule(const QUuid& id);
+    void saveDevicePriority();
+    void saveInputPriority();
+
+    // Auto-switch evaluation: the first rule that fits is applied once; the priority list is
+    // consulted only when a rule stops fitting.
+    std::optional<QString> lastAppliedToken() const { return m_lastAppliedToken; }
+    void setLastAppliedToken(const std::optional<QString>& token) { m_lastAppliedToken = token; }
+    std::optional<QString> lastAppliedInputToken() const { return m_lastAppliedInputToken; }
+    void setLastAppliedInputToken(const std::optional<QString>& token) {
+        m_lastAppliedInputToken = token;
+    }
     void evaluateRules();
     void evaluateInputRules();
+    bool isActionAvailable(const RuleAction& action) const;
+    void applyRuleAction(const RuleAction& action);
+    void applyFallback();
+    void applyInputRuleAction(const RuleAction& action);
+    void applyInputFallback();
 
     // Volume, balance and mute of a group.
     void applyVolumes(const OutputGroup& group);
@@ -93,7 +129,9 @@ signals:
     void groupsChanged();
     void activeGroupIDChanged();
     void isMutedChanged();
+    void rulesChanged();
     void devicePriorityChanged();
+    void inputRulesChanged();
     void inputPriorityChanged();
 
 private:
@@ -101,7 +139,19 @@ private:
     void setIsMuted(bool muted);
 
     void loadGroups();
-    void loadPriorities();
+    void loadRulesAndPriorities();
+    void observeAutoSwitchSettings();
+
+    enum class RuleSide { output, input };
+    // Edits one side's rule list; an edit that returns false changed nothing and saves nothing.
+    void editRules(RuleSide side, const std::function<bool(QList<AudioRule>&)>& edit);
+    void saveRules(RuleSide side);
+    bool outputRuleFits(const AudioRule& rule) const;
+    bool inputRuleFits(const AudioRule& rule) const;
+    // The first device of a priority list that is not Ondril's own, not hidden, and connected.
+    // Hidden entries under a drifted UID are repaired in the hidden list on the way.
+    std::optional<AudioObjectID> firstUsablePriorityEntry(RuleSide side);
+    void writeDefaultInput(AudioObjectID deviceID);
     void foldDeviceNames();
     void destroyOrphanAggregates();
     void subscribe(SystemSleepMonitor& sleepMonitor);
@@ -123,8 +173,12 @@ private:
     QList<OutputGroup> m_groups;
     std::optional<QUuid> m_activeGroupID;
     bool m_isMuted = false;
+    QList<AudioRule> m_rules;
     QStringList m_devicePriority;
+    QList<AudioRule> m_inputRules;
     QStringList m_inputPriority;
+    std::optional<QString> m_lastAppliedToken;
+    std::optional<QString> m_lastAppliedInputToken;
 
     std::optional<AudioObjectID> m_activeDeviceID;
     QStringList m_activeMemberUIDs;

@@ -29,6 +29,8 @@ std::uint32_t toServerVolume(float scalar) {
 }
 
 const QString kCombineModule = QStringLiteral("module-combine-sink");
+// Sinks Ondril makes for itself (groups, per-app routes) are never handed the default.
+const QString kOwnSinkPrefix = QStringLiteral("com.kestrivane.ondril.");
 
 } // namespace
 
@@ -473,11 +475,17 @@ OSStatus PulseAudioHardware::AudioHardwareDestroyAggregateDevice(AudioObjectID d
         const QString fallback = m_connection->readMirror([&](const PulseMirror& mirror) {
             if (mirror.server().defaultSink != *name)
                 return QString();
+            // Rather a device than another of Ondril's own sinks, which the default may outlive.
+            QString ownSink;
             for (const auto* sink : mirror.sinksInServerOrder()) {
-                if (sink->name != *name)
+                if (sink->name == *name)
+                    continue;
+                if (!sink->name.startsWith(kOwnSinkPrefix))
                     return sink->name;
+                if (ownSink.isEmpty())
+                    ownSink = sink->name;
             }
-            return QString();
+            return ownSink;
         });
         if (!fallback.isEmpty())
             m_connection->setDefaultSink(fallback);
