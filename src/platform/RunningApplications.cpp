@@ -1,6 +1,6 @@
 #include "platform/RunningApplications.h"
 
-#include "platform/simulated/SimulatedRunningApplications.h"
+#include "platform/linux/ProcRunningApplications.h"
 
 namespace {
 std::unique_ptr<RunningApplications>& installedApplications() {
@@ -12,7 +12,7 @@ std::unique_ptr<RunningApplications>& installedApplications() {
 RunningApplications& RunningApplications::shared() {
     auto& applications = installedApplications();
     if (!applications)
-        applications = std::make_unique<SimulatedRunningApplications>();
+        applications = std::make_unique<ProcRunningApplications>();
     return *applications;
 }
 

@@ -11,6 +11,7 @@
 struct RunningApplication {
     std::optional<QString> bundleIdentifier; // absent: the process has no application identity
     std::optional<QString> localizedName;
+    std::optional<QString> iconName; // a name in the icon theme
     std::int32_t processIdentifier = 0;
 };
 
@@ -21,8 +22,8 @@ class RunningApplications {
 public:
     virtual ~RunningApplications() = default;
 
-    // The realisation the running program uses; asking before main() installs one gives an empty
-    // in-memory directory.
+    // The realisation the running program uses: the desktop's own (/proc and desktop entries)
+    // unless another was installed.
     static RunningApplications& shared();
     static void install(std::unique_ptr<RunningApplications> applications);
 

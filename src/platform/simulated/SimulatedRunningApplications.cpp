@@ -5,7 +5,7 @@ SimulatedRunningApplications::runningApplicationWithProcessIdentifier(std::int32
     const auto it = m_processes.find(pid);
     if (it == m_processes.end())
         return std::nullopt;
-    return RunningApplication{it->second.bundleIdentifier, it->second.localizedName, pid};
+    return RunningApplication{it->second.bundleIdentifier, it->second.localizedName, {}, pid};
 }
 
 QList<RunningApplication> SimulatedRunningApplications::runningApplicationsWithBundleIdentifier(
@@ -13,7 +13,7 @@ QList<RunningApplication> SimulatedRunningApplications::runningApplicationsWithB
     QList<RunningApplication> found;
     for (const auto& [pid, spec] : m_processes)
         if (spec.bundleIdentifier == bundleIdentifier)
-            found.append(RunningApplication{spec.bundleIdentifier, spec.localizedName, pid});
+            found.append(RunningApplication{spec.bundleIdentifier, spec.localizedName, {}, pid});
     return found;
 }
 
