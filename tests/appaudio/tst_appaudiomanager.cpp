@@ -308,6 +308,7 @@ void AppAudioManagerTest::recordsSurviveARestart() {
     const QByteArray stored = rig.defaults->dataForKey(SettingsKeys::appPrefs).value();
     QByteArray tampered = stored;
     tampered.replace("\"muted\":false", "\"muted\":\"no\"");
+    QVERIFY(tampered != stored);
     rig.defaults->setData(tampered, SettingsKeys::appPrefs);
     rig.apps = std::make_unique<AppAudioManager>(*rig.audio, *rig.manager, *rig.settings,
                                                  rig.applications);
