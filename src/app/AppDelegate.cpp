@@ -1,6 +1,9 @@
 #include "app/AppDelegate.h"
 
+#include "appaudio/AppAudioManager.h"
 #include "groups/GroupManager.h"
+
+#include <QCoreApplication>
 
 #include <QTimer>
 
@@ -9,6 +12,12 @@ AppDelegate::AppDelegate(QObject* parent)
     // Launch order: the group manager reaches for the device manager first, so devices are
     // enumerated, then groups loaded, leftovers destroyed and the active group's restore queued.
     GroupManager::shared();
+    // Then the per-app records: each stored record is applied before the panel is ever opened.
+    AppAudioManager::shared();
+    // A clean quit stops every session first, so that each application plays as if Ondril had
+    // never run.
+    connect(qApp, &QCoreApplication::aboutToQuit, this,
+            [] { AppAudioManager::shared().stopAllSessions(); });
     QTimer::singleShot(0, this, &AppDelegate::applicationDidFinishLaunching);
 }
 

@@ -1,0 +1,59 @@
+#pragma once
+
+#include "appaudio/GainBox.h"
+#include "platform/AudioHardware.h"
+
+#include <QLoggingCategory>
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+Q_DECLARE_LOGGING_CATEGORY(lcRouteSession)
+
+// Takes one application's audio away from where it was going and plays it, with a gain, to a list
+// of outputs: a process tap that captures the application and mutes its normal output, a private
+// aggregate with the tap as input and the destinations as output, and an IO procedure that copies
+// input to output on the real-time thread. No policy: AppAudioManager decides when one exists.
+class RouteSession {
+public:
+    static inline const QString uidPrefix = QStringLiteral("com.kestrivane.ondril.group.app.");
+
+    RouteSession(AudioHardware& hardware, const QString& bundleID,
+                 std::vector<AudioObjectID> processObjects, const QStringList& destinationUIDs);
+    ~RouteSession();
+    RouteSession(const RouteSession&) = delete;
+    RouteSession& operator=(const RouteSession&) = delete;
+
+    const QString& bundleID() const { return m_bundleID; }
+    const std::vector<AudioObjectID>& processObjects() const { return m_processObjects; }
+    const QStringList& destinationUIDs() const { return m_destinationUIDs; }
+    GainBox& gain() const { return *m_gain; }
+    AudioObjectID tapID() const { return m_tapID; }
+    AudioObjectID aggID() const { return m_aggID; }
+
+    bool start();
+    void stop(); // safe in any state, any number of times
+
+    // The dictionary handed to the audio service; `destinations` already lack Ondril's own
+    // aggregates.
+    static QVariantMap aggregateDescription(const QString& bundleID,
+                                            const QStringList& destinations, const QUuid& tapUUID);
+
+    // The real-time procedure: output channel k takes input channel k counted across buffers,
+    // times the gain, through tanhf when boosting; channels and frames with no input are silent.
+    // Raises `gain.peak` at most once. Allocates, locks and waits for nothing.
+    static void process(GainBox& gain, const AudioBufferList& input, AudioBufferList& output);
+
+private:
+    AudioHardware& m_hardware;
+    const QString m_bundleID;
+    const std::vector<AudioObjectID> m_processObjects;
+    const QStringList m_destinationUIDs;
+    AudioObjectID m_tapID = kAudioObjectUnknown;
+    AudioObjectID m_aggID = kAudioObjectUnknown;
+    std::optional<AudioDeviceIOProcID> m_procID;
+    const std::shared_ptr<GainBox> m_gain = std::make_shared<GainBox>();
+};
