@@ -29,7 +29,8 @@ QList<DeviceRow> rowsFor(const QList<AudioDevice>& devices, AudioObjectID defaul
         row.device = device;
         row.displayName = device.displayName();
         row.volume = device.isInput ? std::nullopt : device.volume;
-        row.muted = manager.isMuted(device.id);
+        row.muted = manager.isMuted(device.id, device.isInput ? kAudioObjectPropertyScopeInput
+                                                              : kAudioObjectPropertyScopeOutput);
         row.isDefault = device.id == defaultID;
         rows.append(row);
     }

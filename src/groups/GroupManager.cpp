@@ -11,6 +11,7 @@
 #include <QTimer>
 
 #include <algorithm>
+#include <cmath>
 
 namespace {
 
@@ -18,13 +19,12 @@ QSet<QString> asSet(const QStringList& list) {
     return QSet<QString>(list.cbegin(), list.cend());
 }
 
-double clampUnit(double value) {
-    // Written this way round so that the comparison decides, not std::clamp's preconditions.
-    if (value <= 0)
-        return 0;
-    if (value > 1)
-        return 1;
-    return value;
+// Infinities clamp to the ends; NaN has no place in 0...1 and is refused, so that it never
+// reaches the stored list (JSON cannot hold it).
+std::optional<double> clampUnit(double value) {
+    if (std::isnan(value))
+        return std::nullopt;
+    return std::clamp(value, 0.0, 1.0);
 }
 
 constexpr AudioObjectPropertyAddress defaultOutputAddress{kAudioHardwarePropertyDefaultOutputDevice,
@@ -437,11 +437,12 @@ void GroupManager::applyVolumes(const OutputGroup& group) {
 
 void GroupManager::setMasterVolume(const OutputGroup& group, double value) {
     const int index = groupIndex(group.id);
-    if (index < 0)
+    const auto clamped = clampUnit(value);
+    if (index < 0 || !clamped)
         return;
     // The stored record is changed, not the caller's copy: a stale copy changes only the master.
     QList<OutputGroup> groups = m_groups;
-    groups[index].masterVolume = clampUnit(value);
+    groups[index].masterVolume = *clamped;
     setGroups(groups);
     saveGroups(); // every call, also each step of a dragged slider
     if (m_activeGroupID == group.id) {
@@ -452,10 +453,11 @@ void GroupManager::setMasterVolume(const OutputGroup& group, double value) {
 
 void GroupManager::setBalance(const OutputGroup& group, const QString& memberUID, double value) {
     const int index = groupIndex(group.id);
-    if (index < 0)
+    const auto clamped = clampUnit(value);
+    if (index < 0 || !clamped)
         return;
     QList<OutputGroup> groups = m_groups;
-    groups[index].balance.insert(memberUID, clampUnit(value));
+    groups[index].balance.insert(memberUID, *clamped);
     setGroups(groups);
     saveGroups();
     if (m_activeGroupID == group.id) {
@@ -488,6 +490,8 @@ std::optional<VolumeState> GroupManager::toggleMute() {
 }
 
 std::optional<VolumeState> GroupManager::stepVolume(double delta) {
+    if (std::isnan(delta))
+        return std::nullopt;
     if (activeGroup())
         return stepGroupVolume(delta);
     const AudioObjectID id = m_audio.defaultOutputID();
@@ -505,7 +509,7 @@ std::optional<VolumeState> GroupManager::stepVolume(double delta) {
 
 std::optional<VolumeState> GroupManager::stepGroupVolume(double delta) {
     const auto group = activeGroup();
-    if (!group)
+    if (!group || std::isnan(delta))
         return std::nullopt;
     if (m_isMuted && delta != 0)
         setIsMuted(false);
