@@ -1,17 +1,20 @@
 #include "app/AppDelegate.h"
 
+#include "control/VolumeKeyMonitor.h"
 #include "groups/GroupManager.h"
-
-#include <QTimer>
 
 AppDelegate::AppDelegate(QObject* parent)
     : QObject(parent) {
-    // Launch order: the group manager reaches for the device manager first, so devices are
-    // enumerated, then groups loaded, leftovers destroyed and the active group's restore queued.
+    // The group manager reaches for the device manager first, so devices are enumerated, then
+    // groups loaded, leftovers destroyed and the active group's restore queued.
     GroupManager::shared();
-    QTimer::singleShot(0, this, &AppDelegate::applicationDidFinishLaunching);
+    applicationDidFinishLaunching();
 }
 
 void AppDelegate::applicationDidFinishLaunching() {
-    // The status item, hot keys, volume keys and the rest attach here as they come.
+    // The status item, hot keys and the rest attach here as they come, in launch order.
+    const bool demo = qgetenv("ONDRIL_DEMO") == "1" || qgetenv("ONDRIL_HUD_DEMO") == "1";
+    VolumeKeyMonitor& volumeKeys = VolumeKeyMonitor::shared();
+    if (!demo && !volumeKeys.isRunning())
+        volumeKeys.installTap();
 }

@@ -2,6 +2,7 @@
 
 #include "app/AppSettings.h"
 #include "app/NotificationCenter.h"
+#include "control/VolumeKeyMonitor.h"
 #include "devices/AudioDeviceManager.h"
 #include "groups/OutputGroupCodec.h"
 #include "platform/SystemSleepMonitor.h"
@@ -307,7 +308,7 @@ bool GroupManager::activate(const OutputGroup& group) {
     setDefaultOutput(*aggregate);
     applyVolumes(group);
     persistActive();
-    // The volume-key monitor starts here once it exists, so the keys drive the group.
+    VolumeKeyMonitor::shared().start(); // from now on the volume keys drive the group
     return true;
 }
 
