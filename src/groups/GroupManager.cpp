@@ -84,6 +84,10 @@ void GroupManager::setActiveGroupID(std::optional<QUuid> id) {
     emit activeGroupIDChanged();
 }
 
+QString GroupManager::activeGroupIDText() const {
+    return m_activeGroupID ? OutputGroupCodec::uuidText(*m_activeGroupID) : QString();
+}
+
 void GroupManager::setIsMuted(bool muted) {
     m_isMuted = muted;
     emit isMutedChanged();

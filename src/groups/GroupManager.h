@@ -24,7 +24,8 @@ class SystemSleepMonitor;
 class GroupManager : public QObject {
     Q_OBJECT
     Q_PROPERTY(QList<OutputGroup> groups READ groups WRITE setGroups NOTIFY groupsChanged)
-    Q_PROPERTY(std::optional<QUuid> activeGroupID READ activeGroupID NOTIFY activeGroupIDChanged)
+    // For QML: the active group's id in its stored form, empty when no group is active.
+    Q_PROPERTY(QString activeGroupID READ activeGroupIDText NOTIFY activeGroupIDChanged)
     Q_PROPERTY(bool isMuted READ isMuted NOTIFY isMutedChanged)
     Q_PROPERTY(QStringList devicePriority READ devicePriority WRITE setDevicePriority NOTIFY
                    devicePriorityChanged)
@@ -45,6 +46,7 @@ public:
     QList<OutputGroup> groups() const { return m_groups; }
     void setGroups(const QList<OutputGroup>& groups);
     std::optional<QUuid> activeGroupID() const { return m_activeGroupID; }
+    QString activeGroupIDText() const;
     bool isMuted() const { return m_isMuted; }
     // Output rules, input rules and their evaluation tokens join these fields with auto-switching.
     QStringList devicePriority() const { return m_devicePriority; }
