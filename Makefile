@@ -2,8 +2,9 @@
 BUILD_DIR ?= build
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ARGS ?=
+PREFIX ?= /usr/local
 
-.PHONY: deps configure build run test bench format clean
+.PHONY: deps configure build run install test bench format clean
 
 deps:
 	@scripts/install-deps.sh
@@ -16,8 +17,15 @@ configure: deps $(BUILD_DIR)/build.ninja
 build: configure
 	cmake --build $(BUILD_DIR)
 
-run: build
+# The program alone: the tests and benchmarks are built by `make test` and `make bench`.
+run: configure
+	cmake --build $(BUILD_DIR) --target ondril
 	$(BUILD_DIR)/ondril $(ARGS)
+
+# The program, its desktop file and its icon under PREFIX (`make install PREFIX=~/.local`).
+install: configure
+	cmake --build $(BUILD_DIR) --target ondril
+	cmake --install $(BUILD_DIR) --prefix $(PREFIX)
 
 test: build
 	scripts/test-env.sh ctest --test-dir $(BUILD_DIR) --output-on-failure $(ARGS)

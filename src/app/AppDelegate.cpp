@@ -1,16 +1,15 @@
 #include "app/AppDelegate.h"
 
 #include "appaudio/AppAudioManager.h"
+#include "control/VolumeKeyMonitor.h"
 #include "groups/GroupManager.h"
 
 #include <QCoreApplication>
 
-#include <QTimer>
-
 AppDelegate::AppDelegate(QObject* parent)
     : QObject(parent) {
-    // Launch order: the group manager reaches for the device manager first, so devices are
-    // enumerated, then groups loaded, leftovers destroyed and the active group's restore queued.
+    // The group manager reaches for the device manager first, so devices are enumerated, then
+    // groups loaded, leftovers destroyed and the active group's restore queued.
     GroupManager::shared();
     // Then the per-app records: each stored record is applied before the panel is ever opened.
     AppAudioManager::shared();
@@ -18,9 +17,13 @@ AppDelegate::AppDelegate(QObject* parent)
     // never run.
     connect(qApp, &QCoreApplication::aboutToQuit, this,
             [] { AppAudioManager::shared().stopAllSessions(); });
-    QTimer::singleShot(0, this, &AppDelegate::applicationDidFinishLaunching);
+    applicationDidFinishLaunching();
 }
 
 void AppDelegate::applicationDidFinishLaunching() {
-    // The status item, hot keys, volume keys and the rest attach here as they come.
+    // The status item, hot keys and the rest attach here as they come, in launch order.
+    const bool demo = qgetenv("ONDRIL_DEMO") == "1" || qgetenv("ONDRIL_HUD_DEMO") == "1";
+    VolumeKeyMonitor& volumeKeys = VolumeKeyMonitor::shared();
+    if (!demo && !volumeKeys.isRunning())
+        volumeKeys.installTap();
 }

@@ -3,7 +3,9 @@
 #include <QObject>
 
 // Made by the process entry and kept for the life of the process. Its construction brings the
-// shared objects up in launch order; the rest of the launch runs once the event loop turns.
+// shared objects up in launch order (which queues the restore of the active group), then finishes
+// launching before the event loop delivers anything, so that a restored group finds everything
+// launch attaches already in place.
 class AppDelegate : public QObject {
     Q_OBJECT
 

@@ -3,18 +3,20 @@
 #include "platform/UserDefaults.h"
 
 #include <QFile>
+#include <QJsonDocument>
 
 #include <cmath>
 #include <cstdio>
 #include <optional>
 
-// `ondril defaults read [KEY] | write KEY [--bool|--string|--array|--dict|--data-file F] VALUE... |
-// delete KEY`, after the desktop's own defaults tool.
+// `ondril defaults read|write|delete`, after the desktop's own defaults tool; `helpText` below
+// says what each does.
 //
 // Output of `read`: a text stored at the top level of a key is printed as it stands, so that
 // scripts can use it; every other value is printed in a JSON-like notation: true/false, numbers,
-// texts in double quotes with JSON escapes, arrays in [ ], dictionaries in { } with quoted keys,
-// and binary data as <hex> (two lower-case hex digits per byte, e.g. <00ff1a>; <> when empty).
+// texts in double quotes with JSON escapes, arrays in [ ], dictionaries in { } with quoted keys.
+// Binary data that holds a JSON object or array (the stored groups, say) is printed as that JSON,
+// indented when it is the value read; other data as <base64:…> (<base64:> when empty).
 // `read` with no key prints one line per key, sorted: `KEY = VALUE`, with texts quoted.
 //
 // Exit statuses: 0 done; 1 the key is absent, a file cannot be read, or the store cannot be
@@ -28,6 +30,24 @@ constexpr int statusUsage = 2;
 
 void printError(const QString& message) {
     std::fprintf(stderr, "ondril: %s\n", qPrintable(message));
+}
+
+const char* const helpText = "Usage: ondril defaults read [KEY]\n"
+                             "       ondril defaults write KEY [TYPE] VALUE...\n"
+                             "       ondril defaults delete KEY\n"
+                             "\n"
+                             "Reads and edits Ondril's settings store, also while Ondril runs.\n"
+                             "\n"
+                             "Types for write (the default is --string):\n"
+                             "  --string TEXT           a text\n"
+                             "  --bool true|false       also yes|no and 1|0\n"
+                             "  --int N, --float X      a number\n"
+                             "  --array VALUE...        an array of texts\n"
+                             "  --dict KEY VALUE...     a dictionary of texts\n"
+                             "  --data-file FILE        binary data, the file's bytes\n";
+
+bool isHelp(const QString& argument) {
+    return argument == QLatin1String("--help") || argument == QLatin1String("-h");
 }
 
 // One line, so that a script's log shows what was wrong at a glance.
@@ -71,6 +91,15 @@ QString formatNumber(double value) {
     return QString::number(value, 'g', 17);
 }
 
+// Stored JSON (a group list) is shown as JSON, so that it can be read and piped on.
+QString formatData(const QByteArray& data, QJsonDocument::JsonFormat format) {
+    QJsonParseError error{};
+    const QJsonDocument document = QJsonDocument::fromJson(data, &error);
+    if (error.error == QJsonParseError::NoError && !document.isNull())
+        return QString::fromUtf8(document.toJson(format)).trimmed();
+    return QStringLiteral("<base64:") + QString::fromLatin1(data.toBase64()) + u'>';
+}
+
 QString formatValue(const QVariant& value) {
     switch (value.typeId()) {
     case QMetaType::Bool:
@@ -80,7 +109,7 @@ QString formatValue(const QVariant& value) {
     case QMetaType::QString:
         return quoted(value.toString());
     case QMetaType::QByteArray:
-        return u'<' + QString::fromLatin1(value.toByteArray().toHex()) + u'>';
+        return formatData(value.toByteArray(), QJsonDocument::Compact);
     case QMetaType::QVariantList: {
         QStringList parts;
         for (const QVariant& element : value.toList())
@@ -104,6 +133,8 @@ void printLine(const QString& line) {
 }
 
 int read(UserDefaults& defaults, const QStringList& arguments) {
+    if (defaults.isReadOnly())
+        return statusFailed; // the store has said why
     if (arguments.size() > 1)
         return usage(QStringLiteral("defaults read takes at most one key"));
     if (arguments.isEmpty()) {
@@ -118,7 +149,12 @@ int read(UserDefaults& defaults, const QStringList& arguments) {
         printError(QStringLiteral("the key %1 does not exist").arg(key));
         return statusFailed;
     }
-    printLine(value->typeId() == QMetaType::QString ? value->toString() : formatValue(*value));
+    if (value->typeId() == QMetaType::QString)
+        printLine(value->toString());
+    else if (value->typeId() == QMetaType::QByteArray)
+        printLine(formatData(value->toByteArray(), QJsonDocument::Indented));
+    else
+        printLine(formatValue(*value));
     return statusOK;
 }
 
@@ -137,23 +173,41 @@ int write(UserDefaults& defaults, const QStringList& arguments) {
     if (arguments.isEmpty())
         return usage(QStringLiteral("defaults write needs a key"));
     const QString& key = arguments.first();
+    if (key.startsWith(u'-'))
+        return usage(QStringLiteral("defaults write needs a key before '%1'").arg(key));
     QStringList rest = arguments.mid(1);
     QString type = QStringLiteral("--string");
     if (!rest.isEmpty() && rest.first().startsWith(QLatin1String("--")))
         type = rest.takeFirst();
 
     QVariant value;
-    if (type == QLatin1String("--string") || type == QLatin1String("--bool")) {
+    const QStringList singleValueTypes{QStringLiteral("--string"), QStringLiteral("--bool"),
+                                       QStringLiteral("--int"), QStringLiteral("--float")};
+    if (singleValueTypes.contains(type)) {
         if (rest.size() != 1)
             return usage(QStringLiteral("%1 takes exactly one value").arg(type));
+        const QString& text = rest.first();
+        bool ok = true;
         if (type == QLatin1String("--string")) {
-            value = rest.first();
+            value = text;
+        } else if (type == QLatin1String("--bool")) {
+            const auto flag = parseBool(text);
+            ok = flag.has_value();
+            value = flag.value_or(false);
+        } else if (type == QLatin1String("--int")) {
+            value = double(text.toLongLong(&ok));
         } else {
-            const auto flag = parseBool(rest.first());
-            if (!flag)
-                return usage(QStringLiteral("--bool takes true, false, yes, no, 1 or 0, not '%1'")
-                                 .arg(rest.first()));
-            value = *flag;
+            const double number = text.toDouble(&ok);
+            ok = ok && std::isfinite(number);
+            value = number;
+        }
+        if (!ok) {
+            const char* accepted =
+                type == QLatin1String("--bool")
+                    ? "true, false, yes, no, 1 or 0"
+                    : (type == QLatin1String("--int") ? "a whole number" : "a finite number");
+            return usage(
+                QStringLiteral("%1 takes %2, not '%3'").arg(type, QLatin1String(accepted), text));
         }
     } else if (type == QLatin1String("--array")) {
         value = QVariantList(rest.cbegin(), rest.cend());
@@ -175,8 +229,8 @@ int write(UserDefaults& defaults, const QStringList& arguments) {
         }
         value = file.readAll();
     } else {
-        return usage(QStringLiteral("unknown type %1 (use --bool, --string, --array, --dict or "
-                                    "--data-file)")
+        return usage(QStringLiteral("unknown type %1 (use --string, --bool, --int, --float, "
+                                    "--array, --dict or --data-file)")
                          .arg(type));
     }
 
@@ -205,6 +259,13 @@ int remove(UserDefaults& defaults, const QStringList& arguments) {
 } // namespace
 
 int DefaultsCommand::run(const QStringList& arguments) {
+    // `defaults --help` and `defaults write --help …` ask for help, never for a key named so.
+    if (arguments.value(0).startsWith(u'-') || isHelp(arguments.value(1))) {
+        if (!isHelp(arguments.value(0)) && !isHelp(arguments.value(1)))
+            return usage(QStringLiteral("unknown option '%1' for defaults").arg(arguments.first()));
+        std::fputs(helpText, stdout);
+        return statusOK;
+    }
     if (arguments.isEmpty())
         return usage(QStringLiteral("defaults needs read, write or delete"));
     const QString& verb = arguments.first();

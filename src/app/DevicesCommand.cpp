@@ -29,7 +29,8 @@ QList<DeviceRow> rowsFor(const QList<AudioDevice>& devices, AudioObjectID defaul
         row.device = device;
         row.displayName = device.displayName();
         row.volume = device.isInput ? std::nullopt : device.volume;
-        row.muted = manager.isMuted(device.id);
+        row.muted = manager.isMuted(device.id, device.isInput ? kAudioObjectPropertyScopeInput
+                                                              : kAudioObjectPropertyScopeOutput);
         row.isDefault = device.id == defaultID;
         rows.append(row);
     }
@@ -112,20 +113,26 @@ void print(FILE* stream, const QString& text) {
 
 namespace DevicesCommand {
 
-int run(const QStringList& arguments) {
-    bool json = false;
+std::optional<int> checkArguments(const QStringList& arguments) {
     for (const QString& argument : arguments) {
-        if (argument == QLatin1String("--json")) {
-            json = true;
-            continue;
+        if (argument == QLatin1String("--help") || argument == QLatin1String("-h")) {
+            print(stdout, QStringLiteral("Usage: ondril devices [--json]\n\n"
+                                         "Lists the sound server's outputs and inputs. --json "
+                                         "prints the stable form for scripts.\n"));
+            return 0;
         }
-        print(stderr,
-              QStringLiteral(
-                  "ondril: unknown argument '%1' for devices (use: ondril devices [--json])\n")
-                  .arg(argument));
-        return 2;
+        if (argument != QLatin1String("--json")) {
+            print(stderr, QStringLiteral("ondril: unknown argument '%1' for devices (see ondril "
+                                         "devices --help)\n")
+                              .arg(argument));
+            return 2;
+        }
     }
+    return std::nullopt;
+}
 
+int run(const QStringList& arguments) {
+    const bool json = arguments.contains(QStringLiteral("--json"));
     AudioDeviceManager& manager = AudioDeviceManager::shared();
     // The manager publishes one event-loop turn after its first enumeration.
     QCoreApplication::sendPostedEvents(nullptr, QEvent::MetaCall);

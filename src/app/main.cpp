@@ -46,8 +46,12 @@ std::optional<Invocation> parseInvocation(const QStringList& arguments, int& exi
         QStringLiteral("Ondril: several outputs as one, per-app volume, automatic switching.\n\n"
                        "Subcommands:\n"
                        "  devices [--json]       list output and input devices\n"
-                       "  defaults read|write|delete ...   read and edit the settings store"));
-    parser.addHelpOption();
+                       "  defaults read|write|delete ...   read and edit the settings store\n"
+                       "Each subcommand has its own --help."));
+    // Our own help option: Qt's would also offer --help-all, which has nothing more to show.
+    const QCommandLineOption helpOption({QStringLiteral("h"), QStringLiteral("help")},
+                                        QStringLiteral("Displays this help."));
+    parser.addOption(helpOption);
     parser.addVersionOption();
     QCommandLineOption backendOption(QStringLiteral("backend"),
                                      QStringLiteral("Audio service: auto, pulse or simulated."),
@@ -59,12 +63,17 @@ std::optional<Invocation> parseInvocation(const QStringList& arguments, int& exi
     parser.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
 
     if (!parser.parse(arguments)) {
-        printLine(stderr, parser.errorText());
+        printLine(stderr, parser.errorText() + QStringLiteral(" (see ondril --help)"));
         exitStatus = 2;
         return std::nullopt;
     }
-    if (parser.isSet(QStringLiteral("help"))) {
-        parser.showHelp(0);
+    if (parser.isSet(helpOption)) {
+        // Qt names the program only once an application object exists, which is made later.
+        const QString help = parser.helpText();
+        std::fprintf(stdout, "Usage: ondril [options] [subcommand [arguments...]]\n%s",
+                     qPrintable(help.section(u'\n', 1)));
+        exitStatus = 0;
+        return std::nullopt;
     }
     if (parser.isSet(QStringLiteral("version"))) {
         parser.showVersion();
@@ -134,6 +143,8 @@ int main(int argc, char* argv[]) {
         QCoreApplication app(argc, argv);
         if (invocation->subcommand == QLatin1String("defaults"))
             return DefaultsCommand::run(invocation->subcommandArguments);
+        if (const auto status = DevicesCommand::checkArguments(invocation->subcommandArguments))
+            return *status;
         if (!installAudioBackend(invocation->backend))
             return 1;
         return DevicesCommand::run(invocation->subcommandArguments);
@@ -142,8 +153,9 @@ int main(int argc, char* argv[]) {
     if (!hasDisplay()) {
         printLine(
             stderr,
-            QStringLiteral(
-                "no display to show the tray icon on (DISPLAY and WAYLAND_DISPLAY are unset)"));
+            QStringLiteral("no display to show the tray icon on (DISPLAY and WAYLAND_DISPLAY are "
+                           "unset); run it in a desktop session, or use the subcommands, which "
+                           "need none: ondril devices, ondril defaults (see ondril --help)"));
         return 1;
     }
     QGuiApplication app(argc, argv);

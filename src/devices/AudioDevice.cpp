@@ -85,6 +85,10 @@ QString AudioDevice::rowIconName(const QString& name, bool isInput) {
     return QStringLiteral("hifispeaker.fill");
 }
 
+QVariant AudioDevice::volumeValue() const {
+    return volume ? QVariant(double(*volume)) : QVariant::fromValue(nullptr);
+}
+
 QString AudioDevice::displayName() const {
     return displayName(AppSettings::shared());
 }
@@ -100,14 +104,9 @@ QString AudioDevice::displayName(AppSettings& settings) const {
     // A name given to the output side names the input side too when the two UIDs differ only in
     // their trailing channel list.
     const auto names = settings.deviceNames();
-    for (auto it = names.cbegin(); it != names.cend(); ++it) {
-        const QString& key = it.key();
-        const auto colon = key.lastIndexOf(u':');
-        if (colon < 0 || !isChannelList(QStringView(key).mid(colon + 1)))
-            continue;
-        if (QStringView(key).left(colon) == *base)
+    for (auto it = names.cbegin(); it != names.cend(); ++it)
+        if (baseUID(it.key()) == base)
             return it.value();
-    }
     return name;
 }
 

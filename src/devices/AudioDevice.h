@@ -5,6 +5,7 @@
 #include <QMetaType>
 #include <QString>
 #include <QStringList>
+#include <QVariant>
 
 #include <optional>
 
@@ -20,6 +21,9 @@ struct AudioDevice {
     Q_PROPERTY(bool isVolumeSettable MEMBER isVolumeSettable)
     Q_PROPERTY(bool isAirPlay MEMBER isAirPlay)
     Q_PROPERTY(bool isInput MEMBER isInput)
+    Q_PROPERTY(QString displayName READ displayName)
+    Q_PROPERTY(QString iconName READ iconName)
+    Q_PROPERTY(QVariant volume READ volumeValue) // null when it cannot be read
 
 public:
     AudioObjectID id = kAudioObjectUnknown;
@@ -38,6 +42,7 @@ public:
     QString displayName() const;
 
     QString iconName() const;
+    QVariant volumeValue() const;
     static QString rowIconName(const QString& name, bool isInput);
 
     // A stored UID whose volatile parts have changed is recognised by its stable key.

@@ -5,6 +5,7 @@
 #include <QPointer>
 
 #include <algorithm>
+#include <cmath>
 
 namespace {
 
@@ -262,6 +263,8 @@ bool AudioDeviceManager::isVolumeSettable(AudioObjectID deviceID) const {
 }
 
 bool AudioDeviceManager::setVolume(float value, AudioObjectID deviceID) {
+    if (std::isnan(value))
+        return false; // no level to write; an infinity clamps to an end below
     const float clamped = std::clamp(value, 0.0f, 1.0f);
     // Every writable control is set: a device with a main and channel controls gets all of them.
     bool anyWritten = false;
@@ -291,8 +294,10 @@ bool AudioDeviceManager::setVolume(float value, AudioObjectID deviceID) {
     return true;
 }
 
-std::optional<bool> AudioDeviceManager::isMuted(AudioObjectID deviceID) const {
-    const auto address = outputAddress(kAudioDevicePropertyMute);
+std::optional<bool> AudioDeviceManager::isMuted(AudioObjectID deviceID,
+                                                AudioObjectPropertyScope scope) const {
+    const AudioObjectPropertyAddress address{kAudioDevicePropertyMute, scope,
+                                             kAudioObjectPropertyElementMain};
     if (!m_hardware.AudioObjectHasProperty(deviceID, address))
         return std::nullopt;
     const auto value = readValue<std::uint32_t>(m_hardware, deviceID, address);

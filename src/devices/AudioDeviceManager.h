@@ -41,7 +41,10 @@ public:
     std::optional<float> volume(AudioObjectID deviceID) const;
     bool isVolumeSettable(AudioObjectID deviceID) const;
     bool setVolume(float value, AudioObjectID deviceID);
-    std::optional<bool> isMuted(AudioObjectID deviceID) const;
+    // An input's mute is read in the input scope.
+    std::optional<bool>
+    isMuted(AudioObjectID deviceID,
+            AudioObjectPropertyScope scope = kAudioObjectPropertyScopeOutput) const;
     bool setMute(bool muted, AudioObjectID deviceID);
 
     // Reads of the system object used by the enumeration and by whoever writes a default itself.

@@ -2,6 +2,7 @@
 
 #include "app/AppSettings.h"
 #include "app/NotificationCenter.h"
+#include "control/VolumeKeyMonitor.h"
 #include "devices/AudioDeviceManager.h"
 #include "groups/AudioRuleCodec.h"
 #include "groups/AutoSwitchToken.h"
@@ -13,6 +14,7 @@
 #include <QTimer>
 
 #include <algorithm>
+#include <cmath>
 
 namespace {
 
@@ -20,13 +22,12 @@ QSet<QString> asSet(const QStringList& list) {
     return QSet<QString>(list.cbegin(), list.cend());
 }
 
-double clampUnit(double value) {
-    // Written this way round so that the comparison decides, not std::clamp's preconditions.
-    if (value <= 0)
-        return 0;
-    if (value > 1)
-        return 1;
-    return value;
+// Infinities clamp to the ends; NaN has no place in 0...1 and is refused, so that it never
+// reaches the stored list (JSON cannot hold it).
+std::optional<double> clampUnit(double value) {
+    if (std::isnan(value))
+        return std::nullopt;
+    return std::clamp(value, 0.0, 1.0);
 }
 
 constexpr AudioObjectPropertyAddress defaultOutputAddress{kAudioHardwarePropertyDefaultOutputDevice,
@@ -92,6 +93,10 @@ void GroupManager::setInputPriority(const QStringList& priority) {
 void GroupManager::setActiveGroupID(std::optional<QUuid> id) {
     m_activeGroupID = id;
     emit activeGroupIDChanged();
+}
+
+QString GroupManager::activeGroupIDText() const {
+    return m_activeGroupID ? OutputGroupCodec::uuidText(*m_activeGroupID) : QString();
 }
 
 void GroupManager::setIsMuted(bool muted) {
@@ -331,7 +336,7 @@ bool GroupManager::activate(const OutputGroup& group) {
     setDefaultOutput(*aggregate);
     applyVolumes(group);
     persistActive();
-    // The volume-key monitor starts here once it exists, so the keys drive the group.
+    VolumeKeyMonitor::shared().start(); // from now on the volume keys drive the group
     return true;
 }
 
@@ -453,11 +458,12 @@ void GroupManager::applyVolumes(const OutputGroup& group) {
 
 void GroupManager::setMasterVolume(const OutputGroup& group, double value) {
     const int index = groupIndex(group.id);
-    if (index < 0)
+    const auto clamped = clampUnit(value);
+    if (index < 0 || !clamped)
         return;
     // The stored record is changed, not the caller's copy: a stale copy changes only the master.
     QList<OutputGroup> groups = m_groups;
-    groups[index].masterVolume = clampUnit(value);
+    groups[index].masterVolume = *clamped;
     setGroups(groups);
     saveGroups(); // every call, also each step of a dragged slider
     if (m_activeGroupID == group.id) {
@@ -468,10 +474,11 @@ void GroupManager::setMasterVolume(const OutputGroup& group, double value) {
 
 void GroupManager::setBalance(const OutputGroup& group, const QString& memberUID, double value) {
     const int index = groupIndex(group.id);
-    if (index < 0)
+    const auto clamped = clampUnit(value);
+    if (index < 0 || !clamped)
         return;
     QList<OutputGroup> groups = m_groups;
-    groups[index].balance.insert(memberUID, clampUnit(value));
+    groups[index].balance.insert(memberUID, *clamped);
     setGroups(groups);
     saveGroups();
     if (m_activeGroupID == group.id) {
@@ -504,6 +511,8 @@ std::optional<VolumeState> GroupManager::toggleMute() {
 }
 
 std::optional<VolumeState> GroupManager::stepVolume(double delta) {
+    if (std::isnan(delta))
+        return std::nullopt;
     if (activeGroup())
         return stepGroupVolume(delta);
     const AudioObjectID id = m_audio.defaultOutputID();
@@ -521,7 +530,7 @@ std::optional<VolumeState> GroupManager::stepVolume(double delta) {
 
 std::optional<VolumeState> GroupManager::stepGroupVolume(double delta) {
     const auto group = activeGroup();
-    if (!group)
+    if (!group || std::isnan(delta))
         return std::nullopt;
     if (m_isMuted && delta != 0)
         setIsMuted(false);

@@ -25,7 +25,8 @@ class SystemSleepMonitor;
 class GroupManager : public QObject {
     Q_OBJECT
     Q_PROPERTY(QList<OutputGroup> groups READ groups WRITE setGroups NOTIFY groupsChanged)
-    Q_PROPERTY(std::optional<QUuid> activeGroupID READ activeGroupID NOTIFY activeGroupIDChanged)
+    // For QML: the active group's id in its stored form, empty when no group is active.
+    Q_PROPERTY(QString activeGroupID READ activeGroupIDText NOTIFY activeGroupIDChanged)
     Q_PROPERTY(bool isMuted READ isMuted NOTIFY isMutedChanged)
     Q_PROPERTY(QList<AudioRule> rules READ rules WRITE setRules NOTIFY rulesChanged)
     Q_PROPERTY(QStringList devicePriority READ devicePriority WRITE setDevicePriority NOTIFY
@@ -51,6 +52,7 @@ public:
     QList<OutputGroup> groups() const { return m_groups; }
     void setGroups(const QList<OutputGroup>& groups);
     std::optional<QUuid> activeGroupID() const { return m_activeGroupID; }
+    QString activeGroupIDText() const;
     bool isMuted() const { return m_isMuted; }
     QList<AudioRule> rules() const { return m_rules; }
     void setRules(const QList<AudioRule>& rules);

@@ -1,5 +1,7 @@
 #include "groups/OutputGroup.h"
 
+#include "groups/OutputGroupCodec.h"
+
 #include <QHash>
 
 size_t qHash(const OutputGroup& group, size_t seed) {
@@ -18,4 +20,15 @@ size_t qHash(const OutputGroup& group, size_t seed) {
         seed = combine(seed, it.value());
     }
     return seed;
+}
+
+QString OutputGroup::idText() const {
+    return OutputGroupCodec::uuidText(id);
+}
+
+QVariantMap OutputGroup::balanceMap() const {
+    QVariantMap map;
+    for (auto it = balance.cbegin(); it != balance.cend(); ++it)
+        map.insert(it.key(), it.value());
+    return map;
 }

@@ -5,10 +5,21 @@
 #include <QString>
 #include <QStringList>
 #include <QUuid>
+#include <QVariantMap>
 
 // One named set of output devices that play as one. Members may be absent at any moment; the
 // record enforces nothing, and volumes are clamped only when set through GroupManager.
+// A gadget, so that the panel reads its fields as they stand.
 struct OutputGroup {
+    Q_GADGET
+    Q_PROPERTY(QString id READ idText) // the stored, upper-case form: compare with activeGroupID
+    Q_PROPERTY(QString name MEMBER name)
+    Q_PROPERTY(QStringList memberUIDs MEMBER memberUIDs)
+    Q_PROPERTY(QString masterUID MEMBER masterUID)
+    Q_PROPERTY(double masterVolume MEMBER masterVolume)
+    Q_PROPERTY(QVariantMap balance READ balanceMap)
+
+public:
     static constexpr double defaultMasterVolume = 0.65;
 
     QUuid id;
@@ -21,6 +32,9 @@ struct OutputGroup {
     QMap<QString, QString> deviceNames;
 
     friend bool operator==(const OutputGroup&, const OutputGroup&) = default;
+
+    QString idText() const;
+    QVariantMap balanceMap() const;
 };
 
 size_t qHash(const OutputGroup& group, size_t seed = 0);

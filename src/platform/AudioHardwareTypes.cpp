@@ -1,12 +1,5 @@
 #include "platform/AudioHardwareTypes.h"
 
-QString fourCharCodeText(std::uint32_t code) {
-    QString text;
-    for (int shift = 24; shift >= 0; shift -= 8)
-        text.append(QChar(char((code >> shift) & 0xff)));
-    return text;
-}
-
 std::uint32_t audioPropertyValueByteSize(const AudioPropertyValue& value) {
     struct Size {
         std::uint32_t operator()(std::monostate) const { return 0; }

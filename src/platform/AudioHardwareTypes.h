@@ -29,8 +29,6 @@ constexpr std::uint32_t fourCharCode(std::string_view code) {
            (std::uint32_t(std::uint8_t(code[2])) << 8) | std::uint32_t(std::uint8_t(code[3]));
 }
 
-QString fourCharCodeText(std::uint32_t code);
-
 constexpr AudioObjectID kAudioObjectUnknown = 0;
 constexpr AudioObjectID kAudioObjectSystemObject = 1;
 

@@ -10,7 +10,9 @@
 #include <QStandardPaths>
 
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -64,6 +66,9 @@ std::optional<QJsonObject> encodeValue(const QVariant& value) {
     case QMetaType::UInt:
     case QMetaType::LongLong:
     case QMetaType::ULongLong:
+        // JSON has no NaN or infinity: such a number would make the whole file unreadable.
+        if (!std::isfinite(value.toDouble()))
+            return std::nullopt;
         return typed("number", value.toDouble());
     case QMetaType::QString:
         return typed("string", value.toString());
@@ -209,6 +214,7 @@ struct UserDefaults::Private {
     QVariantMap values;
     FileStamp stamp;
     int loadedFd = -1; // keeps the loaded inode alive, see FileStamp
+    bool readOnly = false;
 
     ~Private() { closeLoaded(); }
 
@@ -249,20 +255,23 @@ struct UserDefaults::Private {
 
     bool ensureDirectory() const { return QDir().mkpath(QFileInfo(filePath).absolutePath()); }
 
-    // Reads the file as it is now. Absent means unreadable or corrupt (`corrupt` tells which);
-    // a missing file is an empty store.
-    std::optional<QVariantMap> readFile(int& fd, FileStamp& readStamp, bool& corrupt) const {
-        corrupt = false;
+    // Reads the file as it is now. Absent means it could not be read (`readError` holds the errno)
+    // or is corrupt (`readError` is 0); a missing file is an empty store.
+    std::optional<QVariantMap> readFile(int& fd, FileStamp& readStamp, int& readError) const {
+        readError = 0;
         fd = ::open(nativePath.constData(), O_RDONLY | O_CLOEXEC);
         if (fd < 0) {
             readStamp = {};
             if (errno == ENOENT)
                 return QVariantMap{};
+            readError = errno;
             return std::nullopt;
         }
         struct stat info {};
-        if (::fstat(fd, &info) != 0)
+        if (::fstat(fd, &info) != 0) {
+            readError = errno;
             return std::nullopt;
+        }
         readStamp = stampOf(info);
         QByteArray bytes;
         char buffer[65536];
@@ -271,15 +280,26 @@ struct UserDefaults::Private {
             if (n < 0) {
                 if (errno == EINTR)
                     continue;
+                readError = errno;
                 return std::nullopt;
             }
             if (n == 0)
                 break;
             bytes.append(buffer, n);
         }
-        auto decoded = decodeFile(bytes);
-        corrupt = !decoded;
-        return decoded;
+        return decodeFile(bytes);
+    }
+
+    // A file that could not be read may hold settings this run never saw: writing it would replace
+    // them with what this run holds. So the run leaves it alone from then on, and says so once.
+    void becomeReadOnly(int error) {
+        if (readOnly)
+            return;
+        readOnly = true;
+        std::fprintf(stderr,
+                     "ondril: cannot read the settings file %s (%s); it is left as it is, and "
+                     "changes are not saved until Ondril is started again\n",
+                     nativePath.constData(), std::strerror(error));
     }
 
     void adopt(QVariantMap newValues, int fd, const FileStamp& newStamp) {
@@ -310,17 +330,20 @@ struct UserDefaults::Private {
         }
     }
 
-    // Loads the file under the lock, moving a corrupt one aside. Returns the values found.
+    // Loads the file under the lock, moving a corrupt one aside. Returns the values found; a file
+    // that could not be read at all is not ours to move, and turns the store read-only.
     std::optional<QVariantMap> loadLocked(int& fd, FileStamp& readStamp) {
-        bool corrupt = false;
-        auto loaded = readFile(fd, readStamp, corrupt);
+        int readError = 0;
+        auto loaded = readFile(fd, readStamp, readError);
         if (loaded)
             return loaded;
         if (fd >= 0)
             ::close(fd);
         fd = -1;
-        if (!corrupt)
-            return std::nullopt; // could not read it at all: not ours to move
+        if (readError != 0) {
+            becomeReadOnly(readError);
+            return std::nullopt;
+        }
         moveAside();
         readStamp = {};
         return QVariantMap{};
@@ -331,20 +354,25 @@ struct UserDefaults::Private {
             return;
         int fd = -1;
         FileStamp readStamp;
-        bool corrupt = false;
-        if (auto loaded = readFile(fd, readStamp, corrupt)) {
+        int readError = 0;
+        if (auto loaded = readFile(fd, readStamp, readError)) {
             adopt(std::move(*loaded), fd, readStamp);
             return;
         }
         if (fd >= 0)
             ::close(fd);
-        // Corrupt as seen without the lock: look again under it before moving anything.
+        // Look again under the lock before moving anything: a writer may be halfway.
         Lock lock(lockPath);
         fd = -1;
-        if (auto loaded = lock.held() ? loadLocked(fd, readStamp) : std::nullopt)
+        if (auto loaded = lock.held() ? loadLocked(fd, readStamp) : std::nullopt) {
             adopt(std::move(*loaded), fd, readStamp);
-        else
-            adopt({}, -1, stampOfPath(nativePath));
+            return;
+        }
+        if (!lock.held() && readError != 0)
+            becomeReadOnly(readError);
+        // What was read before stays; the file is read again once it changes.
+        closeLoaded();
+        stamp = stampOfPath(nativePath);
     }
 
     // Temporary files exist only while a writer holds the lock: any found under the lock were left
@@ -354,16 +382,13 @@ struct UserDefaults::Private {
         const QString prefix = info.fileName() + u'.';
         const QDir folder = info.absoluteDir();
         for (const QString& name :
-             folder.entryList({prefix + QStringLiteral("??????")}, QDir::Files)) {
-            if (name.endsWith(QLatin1String(".lock")))
-                continue;
+             folder.entryList({prefix + QStringLiteral("??????")}, QDir::Files))
             QFile::remove(folder.filePath(name));
-        }
     }
 
     // Lock, re-read, apply the one change, write a temporary file, fsync, rename, fsync the folder.
     bool change(const QString& key, const std::optional<QVariant>& value) {
-        if (!ensureDirectory())
+        if (readOnly || !ensureDirectory())
             return false;
         Lock lock(lockPath);
         if (!lock.held())
@@ -487,6 +512,10 @@ std::optional<QByteArray> UserDefaults::dataForKey(const QString& key) const {
     if (!value || value->typeId() != QMetaType::QByteArray)
         return std::nullopt;
     return value->toByteArray();
+}
+
+bool UserDefaults::isReadOnly() const {
+    return d->readOnly;
 }
 
 QStringList UserDefaults::allKeys() const {

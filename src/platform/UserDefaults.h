@@ -15,8 +15,9 @@
 // at once and atomically (lock, re-read, apply, write a temporary file, fsync, rename), so a crash
 // never leaves a torn file and two processes writing different keys both keep their change.
 // Reads see changes made by other processes (another Ondril, `ondril defaults`, a text editor).
-// An unreadable file is moved aside with a timestamp, one warning line goes to stderr, and the
-// store starts empty.
+// A corrupt file is moved aside with a timestamp, one warning line goes to stderr, and the store
+// starts empty. A file that exists but cannot be read (permissions, I/O error) is never written:
+// one line goes to stderr and the store turns read-only for the rest of the run.
 class UserDefaults : public QObject {
     Q_OBJECT
 
@@ -43,9 +44,12 @@ public:
     std::optional<QMap<QString, QString>> stringDictionaryForKey(const QString& key) const;
     std::optional<QByteArray> dataForKey(const QString& key) const; // absent unless a blob
     QStringList allKeys() const;
+    // True once the file could not be read: every write then fails and the file stays as it was.
+    bool isReadOnly() const;
 
-    // Writes return false only when the file could not be written; the in-memory view then keeps
-    // the old value too, so what is read is always what is stored.
+    // Writes return false when the file could not be written (or read, see above) or the value
+    // cannot be stored (a type the file cannot hold, a number that is not finite); the in-memory
+    // view then keeps the old value too, so what is read is always what is stored.
     bool setObject(const QVariant& value, const QString& key);
     bool setBool(bool value, const QString& key);
     bool setString(const QString& value, const QString& key);

@@ -24,22 +24,17 @@ class TestAppSettings : public QObject {
     Q_OBJECT
 
 private:
-    std::unique_ptr<QTemporaryDir> m_dir;
+    QTemporaryDir m_dir;
     std::unique_ptr<UserDefaults> m_defaults;
     std::unique_ptr<NotificationCenter> m_center;
     std::unique_ptr<AppSettings> m_settings;
     QStringList m_posted;
 
-    QString path() const { return m_dir->path() + QStringLiteral("/ondril/defaults.json"); }
-
-    void observe(const QString& name) {
-        m_center->addObserver(name, nullptr, [this, name] { m_posted << name; });
-    }
+    QString path() const { return m_dir.filePath(QStringLiteral("defaults.json")); }
 
 private slots:
     void init() {
-        m_dir = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_dir->isValid());
+        QFile::remove(path());
         m_defaults = std::make_unique<UserDefaults>(path());
         m_center = std::make_unique<NotificationCenter>();
         m_settings = std::make_unique<AppSettings>(*m_defaults, *m_center);
@@ -47,56 +42,39 @@ private slots:
         for (const QString& name :
              {Notifications::deviceNamesChanged, Notifications::hiddenDevicesChanged,
               Notifications::hiddenInputDevicesChanged, Notifications::hotKeysChanged})
-            observe(name);
-    }
-
-    void emptyStoreGivesFirstLaunchDefaultsAndWritesNothing() {
-        QCOMPARE(m_settings->showVolumeHUD(), true);
-        QCOMPARE(m_settings->switchSound(), true);
-        QCOMPARE(m_settings->pinPanel(), false);
-        QCOMPARE(m_settings->autoSwitchGroups(), false);
-        QCOMPARE(m_settings->autoSwitchInputs(), false);
-        QCOMPARE(m_settings->analyticsEnabled(), true);
-        QCOMPARE(m_settings->volumeHUDPosition(), HUDPosition::bottom);
-        QVERIFY(m_settings->deviceNames().isEmpty());
-        QCOMPARE(m_settings->customName(newUID), std::nullopt);
-        QCOMPARE(m_settings->isDeviceHidden(newUID), false);
-        QCOMPARE(m_settings->isInputDeviceHidden(newUID), false);
-        QVERIFY(!QFile::exists(path()));
-        QCOMPARE(m_posted, QStringList());
+            m_center->addObserver(name, nullptr, [this, name] { m_posted << name; });
     }
 
     void onlyAStoredBooleanCounts_data() {
         QTest::addColumn<QString>("key");
-        QTest::addColumn<QVariant>("stored");
+        QTest::addColumn<QVariant>("stored"); // invalid: the key is absent
         QTest::addColumn<bool>("expected");
         const QString hud = SettingsKeys::showVolumeHUD;
-        const QString sound = SettingsKeys::switchSound;
-        const QString analytics = SettingsKeys::analyticsEnabled;
         const QString pin = SettingsKeys::pinPanel;
-        const QString groups = SettingsKeys::autoSwitchGroups;
-        const QString inputs = SettingsKeys::autoSwitchInputs;
+        QTest::newRow("overlay: absent") << hud << QVariant() << true;
         QTest::newRow("overlay: string no") << hud << QVariant(QStringLiteral("no")) << true;
-        QTest::newRow("overlay: number 0") << hud << QVariant(0.0) << true;
         QTest::newRow("overlay: stored false") << hud << QVariant(false) << false;
-        QTest::newRow("sound: string false") << sound << QVariant(QStringLiteral("false")) << true;
-        QTest::newRow("sound: stored false") << sound << QVariant(false) << false;
-        QTest::newRow("analytics: empty data") << analytics << QVariant(QByteArray()) << true;
-        QTest::newRow("analytics: stored false") << analytics << QVariant(false) << false;
-        QTest::newRow("pin: string yes") << pin << QVariant(QStringLiteral("yes")) << false;
+        QTest::newRow("sound: absent") << SettingsKeys::switchSound << QVariant() << true;
+        QTest::newRow("analytics: absent") << SettingsKeys::analyticsEnabled << QVariant() << true;
+        QTest::newRow("analytics: stored false")
+            << SettingsKeys::analyticsEnabled << QVariant(false) << false;
+        QTest::newRow("pin: absent") << pin << QVariant() << false;
         QTest::newRow("pin: number 1") << pin << QVariant(1.0) << false;
         QTest::newRow("pin: stored true") << pin << QVariant(true) << true;
-        QTest::newRow("auto outputs: stored true") << groups << QVariant(true) << true;
+        QTest::newRow("auto outputs: absent")
+            << SettingsKeys::autoSwitchGroups << QVariant() << false;
         QTest::newRow("auto inputs: string true")
-            << inputs << QVariant(QStringLiteral("true")) << false;
-        QTest::newRow("auto inputs: stored true") << inputs << QVariant(true) << true;
+            << SettingsKeys::autoSwitchInputs << QVariant(QStringLiteral("true")) << false;
+        QTest::newRow("auto inputs: stored true")
+            << SettingsKeys::autoSwitchInputs << QVariant(true) << true;
     }
 
     void onlyAStoredBooleanCounts() {
         QFETCH(QString, key);
         QFETCH(QVariant, stored);
         QFETCH(bool, expected);
-        QVERIFY(m_defaults->setObject(stored, key));
+        if (stored.isValid())
+            QVERIFY(m_defaults->setObject(stored, key));
         const QMap<QString, bool (AppSettings::*)() const> readers{
             {SettingsKeys::showVolumeHUD, &AppSettings::showVolumeHUD},
             {SettingsKeys::switchSound, &AppSettings::switchSound},
@@ -105,103 +83,58 @@ private slots:
             {SettingsKeys::autoSwitchGroups, &AppSettings::autoSwitchGroups},
             {SettingsKeys::autoSwitchInputs, &AppSettings::autoSwitchInputs}};
         QCOMPARE((m_settings.get()->*readers.value(key))(), expected);
-        QCOMPARE(m_defaults->objectForKey(key), std::optional<QVariant>(stored)); // left alone
+        // Reading never writes a default.
+        QCOMPARE(m_defaults->objectForKey(key).value_or(QVariant()), stored);
+        QCOMPARE(QFile::exists(path()), stored.isValid());
     }
 
     void unknownPositionFallsBackToBottomWithoutWriting_data() {
         QTest::addColumn<QVariant>("stored");
         QTest::addColumn<HUDPosition>("expected");
+        QTest::newRow("absent") << QVariant() << HUDPosition::bottom;
         QTest::newRow("middle") << QVariant(QStringLiteral("middle")) << HUDPosition::bottom;
         QTest::newRow("wrong case") << QVariant(QStringLiteral("TopLeft")) << HUDPosition::bottom;
-        QTest::newRow("empty") << QVariant(QString()) << HUDPosition::bottom;
         QTest::newRow("not a string") << QVariant(true) << HUDPosition::bottom;
         QTest::newRow("topLeft") << QVariant(QStringLiteral("topLeft")) << HUDPosition::topLeft;
-        QTest::newRow("center") << QVariant(QStringLiteral("center")) << HUDPosition::center;
     }
 
     void unknownPositionFallsBackToBottomWithoutWriting() {
         QFETCH(QVariant, stored);
         QFETCH(HUDPosition, expected);
-        QVERIFY(m_defaults->setObject(stored, SettingsKeys::volumeHUDPosition));
+        if (stored.isValid())
+            QVERIFY(m_defaults->setObject(stored, SettingsKeys::volumeHUDPosition));
         QCOMPARE(m_settings->volumeHUDPosition(), expected);
-        QCOMPARE(m_defaults->objectForKey(SettingsKeys::volumeHUDPosition),
-                 std::optional<QVariant>(stored));
-    }
-
-    void everyPositionIsStoredByItsRawValue() {
-        const QStringList raw{
-            QStringLiteral("topLeft"),    QStringLiteral("top"),    QStringLiteral("topRight"),
-            QStringLiteral("left"),       QStringLiteral("center"), QStringLiteral("right"),
-            QStringLiteral("bottomLeft"), QStringLiteral("bottom"), QStringLiteral("bottomRight")};
-        for (int i = 0; i < int(HUDPositions::allCases.size()); ++i) {
-            const HUDPosition position = HUDPositions::allCases[std::size_t(i)];
-            QCOMPARE(HUDPositions::row(position), i / 3);
-            QCOMPARE(HUDPositions::column(position), i % 3);
-            m_settings->setVolumeHUDPosition(position);
-            QCOMPARE(m_defaults->stringForKey(SettingsKeys::volumeHUDPosition),
-                     std::optional<QString>(raw[i]));
-            QCOMPARE(m_settings->volumeHUDPosition(), position);
-        }
-        QCOMPARE(m_posted, QStringList()); // no notification for the position
+        QCOMPARE(m_defaults->objectForKey(SettingsKeys::volumeHUDPosition).value_or(QVariant()),
+                 stored);
     }
 
     void customNameIsTrimmedAndBlankRemoves_data() {
         QTest::addColumn<QString>("name");
-        QTest::addColumn<std::optional<QString>>("stored");
-        QTest::newRow("padded") << QStringLiteral("  Desk speakers \n")
-                                << std::optional<QString>(QStringLiteral("Desk speakers"));
-        QTest::newRow("three blanks") << QStringLiteral("   ") << std::optional<QString>();
-        QTest::newRow("newlines and tabs") << QStringLiteral("\n\t\n") << std::optional<QString>();
-        QTest::newRow("empty") << QString() << std::optional<QString>();
+        QTest::addColumn<QString>("stored"); // null: the entry is removed
+        QTest::newRow("padded") << "  Desk speakers \n"
+                                << "Desk speakers";
+        QTest::newRow("three blanks") << "   " << QString();
+        QTest::newRow("newlines and tabs") << "\n\t\n" << QString();
     }
 
     void customNameIsTrimmedAndBlankRemoves() {
         QFETCH(QString, name);
-        QFETCH(std::optional<QString>, stored);
+        QFETCH(QString, stored);
         m_settings->setCustomName(newUID, QStringLiteral("before"));
         m_settings->setCustomName(otherUID, QStringLiteral("Other"));
         m_posted.clear();
         m_settings->setCustomName(newUID, name);
         QCOMPARE(m_posted, QStringList{Notifications::deviceNamesChanged});
         const auto names = m_defaults->stringDictionaryForKey(SettingsKeys::deviceNames);
-        QVERIFY(names.has_value());
-        QCOMPARE(names->contains(newUID), stored.has_value());
-        if (stored)
-            QCOMPARE(names->value(newUID), *stored);
+        QCOMPARE(names->value(newUID), stored);
+        QCOMPARE(names->contains(newUID), !stored.isNull());
         QCOMPARE(names->value(otherUID), QStringLiteral("Other"));
     }
 
-    void hiddenListsAreStoredAsArraysAndPosted_data() {
+    void hiddenDeviceWithDriftedUIDIsRepairedBeforeTheReadReturns_data() {
         QTest::addColumn<bool>("input");
         QTest::newRow("outputs") << false;
         QTest::newRow("inputs") << true;
-    }
-
-    void hiddenListsAreStoredAsArraysAndPosted() {
-        QFETCH(bool, input);
-        const QSet<QString> uids{oldUID, otherUID};
-        if (input)
-            m_settings->setHiddenInputDevices(uids);
-        else
-            m_settings->setHiddenDevices(uids);
-        const QString key = input ? SettingsKeys::hiddenInputDevices : SettingsKeys::hiddenDevices;
-        const QString other =
-            input ? SettingsKeys::hiddenDevices : SettingsKeys::hiddenInputDevices;
-        const auto stored = m_defaults->stringArrayForKey(key);
-        QVERIFY(stored.has_value());
-        QCOMPARE(QSet<QString>(stored->cbegin(), stored->cend()), uids);
-        QCOMPARE(stored->size(), 2);
-        QCOMPARE(m_defaults->objectForKey(other), std::nullopt);
-        QCOMPARE(m_posted, QStringList{input ? Notifications::hiddenInputDevicesChanged
-                                             : Notifications::hiddenDevicesChanged});
-        QVERIFY(input ? m_settings->isInputDeviceHidden(otherUID)
-                      : m_settings->isDeviceHidden(otherUID));
-        QVERIFY(!(input ? m_settings->isDeviceHidden(otherUID)
-                        : m_settings->isInputDeviceHidden(otherUID)));
-    }
-
-    void hiddenDeviceWithDriftedUIDIsRepairedBeforeTheReadReturns_data() {
-        hiddenListsAreStoredAsArraysAndPosted_data();
     }
 
     void hiddenDeviceWithDriftedUIDIsRepairedBeforeTheReadReturns() {
@@ -209,43 +142,29 @@ private slots:
         const QString key = input ? SettingsKeys::hiddenInputDevices : SettingsKeys::hiddenDevices;
         const QString notification =
             input ? Notifications::hiddenInputDevicesChanged : Notifications::hiddenDevicesChanged;
+        const auto isHidden = [&](const QString& uid) {
+            return input ? m_settings->isInputDeviceHidden(uid) : m_settings->isDeviceHidden(uid);
+        };
         QVERIFY(m_defaults->setStringArray({oldUID, otherUID}, key));
+        QVERIFY(!isHidden(QStringLiteral("alsa:card3:usb-Mic:inst1:in"))); // no match: no write
+        QCOMPARE(m_posted, QStringList());
 
         // What an observer sees when it is told: the repaired list is already stored.
         QStringList seenByObserver;
-        bool returned = false;
         m_center->addObserver(notification, nullptr, [&] {
-            QVERIFY(!returned);
             seenByObserver = m_defaults->stringArrayForKey(key).value_or(QStringList());
         });
-        const bool hidden =
-            input ? m_settings->isInputDeviceHidden(newUID) : m_settings->isDeviceHidden(newUID);
-        returned = true;
-
-        QVERIFY(hidden);
+        QVERIFY(isHidden(newUID));
         QCOMPARE(m_posted, QStringList{notification});
-        const QStringList stored = m_defaults->stringArrayForKey(key).value_or(QStringList());
-        QCOMPARE(QSet<QString>(stored.cbegin(), stored.cend()), (QSet<QString>{newUID, otherUID}));
         QCOMPARE(QSet<QString>(seenByObserver.cbegin(), seenByObserver.cend()),
                  (QSet<QString>{newUID, otherUID}));
+        QCOMPARE(m_defaults->objectForKey(input ? SettingsKeys::hiddenDevices
+                                                : SettingsKeys::hiddenInputDevices),
+                 std::nullopt);
 
         // Repaired once: the next read finds the UID itself and writes nothing.
-        m_posted.clear();
-        QVERIFY(input ? m_settings->isInputDeviceHidden(newUID)
-                      : m_settings->isDeviceHidden(newUID));
-        QCOMPARE(m_posted, QStringList());
-    }
-
-    void hiddenListWithoutAMatchIsNotWritten() {
-        QVERIFY(m_defaults->setStringArray({otherUID}, SettingsKeys::hiddenDevices));
-        QFile file(path());
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QByteArray before = file.readAll();
-        file.close();
-        QVERIFY(!m_settings->isDeviceHidden(newUID));
-        QCOMPARE(m_posted, QStringList());
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QCOMPARE(file.readAll(), before);
+        QVERIFY(isHidden(newUID));
+        QCOMPARE(m_posted.size(), 1);
     }
 
     void customNameFollowsADriftedUID() {
@@ -255,15 +174,12 @@ private slots:
         QMap<QString, QString> seenByObserver;
         m_center->addObserver(Notifications::deviceNamesChanged, nullptr,
                               [&] { seenByObserver = m_settings->deviceNames(); });
-
-        QCOMPARE(m_settings->customName(newUID), std::optional<QString>(QStringLiteral("Desk")));
-
+        QCOMPARE(m_settings->customName(newUID), QStringLiteral("Desk"));
         const QMap<QString, QString> expected{{newUID, QStringLiteral("Desk")},
                                               {otherUID, QStringLiteral("TV")}};
         QCOMPARE(m_posted, QStringList{Notifications::deviceNamesChanged});
         QCOMPARE(seenByObserver, expected);
-        QCOMPARE(UserDefaults(path()).stringDictionaryForKey(SettingsKeys::deviceNames),
-                 (std::optional<QMap<QString, QString>>(expected)));
+        QCOMPARE(UserDefaults(path()).stringDictionaryForKey(SettingsKeys::deviceNames), expected);
     }
 
     void inputTakesTheNameOfItsOutputSide_data() {
@@ -298,40 +214,27 @@ private slots:
         QVERIFY(
             m_defaults->setObject(QVariantMap{{newUID, QStringLiteral("Desk")}, {otherUID, 3.0}},
                                   SettingsKeys::deviceNames));
-        QVERIFY(m_settings->deviceNames().isEmpty());
         QCOMPARE(m_settings->customName(newUID), std::nullopt);
         QCOMPARE(m_posted, QStringList());
-
         // The next write replaces the unreadable table.
         m_settings->setCustomName(otherUID, QStringLiteral("TV"));
         QCOMPARE(m_settings->deviceNames(),
                  (QMap<QString, QString>{{otherUID, QStringLiteral("TV")}}));
     }
 
-    void sharedInstanceUsesTheStandardStore() {
-        QCOMPARE(&AppSettings::shared().defaults(), &UserDefaults::standardUserDefaults());
-        QCOMPARE(&AppSettings::shared().notificationCenter(), &NotificationCenter::defaultCenter());
-        QVERIFY(UserDefaults::standardUserDefaults().filePath().startsWith(
-            qEnvironmentVariable("XDG_CONFIG_HOME")));
-    }
-
     void storedHotKeysThatDoNotDecodeCountAsEmpty_data() {
         QTest::addColumn<QByteArray>("stored");
         QTest::addColumn<int>("entries");
-
         QTest::newRow("one binding")
-            << QByteArray("{\"global.toggleMute\":{\"keyCode\":46,\"modifiers\":6144}}") << 1;
+            << QByteArray(R"({"global.toggleMute":{"keyCode":46,"modifiers":6144}})") << 1;
         QTest::newRow("not json") << QByteArray("{garbage") << 0;
-        QTest::newRow("an array") << QByteArray("[]") << 0;
-        QTest::newRow("modifiers missing")
-            << QByteArray("{\"a\":{\"keyCode\":46},\"b\":{\"keyCode\":1,\"modifiers\":256}}") << 0;
+        QTest::newRow("one entry without modifiers")
+            << QByteArray(R"({"a":{"keyCode":46},"b":{"keyCode":1,"modifiers":256}})") << 0;
         QTest::newRow("key code as text")
-            << QByteArray("{\"a\":{\"keyCode\":\"46\",\"modifiers\":256}}") << 0;
+            << QByteArray(R"({"a":{"keyCode":"46","modifiers":256}})") << 0;
         QTest::newRow("fractional key code")
-            << QByteArray("{\"a\":{\"keyCode\":46.5,\"modifiers\":256}}") << 0;
-        QTest::newRow("negative mask")
-            << QByteArray("{\"a\":{\"keyCode\":46,\"modifiers\":-1}}") << 0;
-        QTest::newRow("empty object") << QByteArray("{}") << 0;
+            << QByteArray(R"({"a":{"keyCode":46.5,"modifiers":256}})") << 0;
+        QTest::newRow("negative mask") << QByteArray(R"({"a":{"keyCode":46,"modifiers":-1}})") << 0;
     }
 
     void storedHotKeysThatDoNotDecodeCountAsEmpty() {
@@ -343,29 +246,19 @@ private slots:
         QCOMPARE(m_defaults->dataForKey(SettingsKeys::hotKeys), stored);
     }
 
-    void setHotKeyOverwritesACorruptTableWithItsOneEntryAndPosts() {
+    void setHotKeyReplacesACorruptTableAndRemovesOneAction() {
         m_defaults->setData("{garbage", SettingsKeys::hotKeys);
         const HotKeyCombo combo{46, HotKeyCombo::controlKey | HotKeyCombo::optionKey};
         m_settings->setHotKey(QStringLiteral("global.toggleMute"), combo);
-
-        QCOMPARE(m_posted, QStringList{Notifications::hotKeysChanged});
-        const auto table = m_settings->hotKeys();
-        QCOMPARE(table.size(), 1);
-        QCOMPARE(table.value(QStringLiteral("global.toggleMute")), combo);
+        QCOMPARE(m_settings->hotKeys().keys(), QStringList{"global.toggleMute"});
         const auto json = QJsonDocument::fromJson(*m_defaults->dataForKey(SettingsKeys::hotKeys));
         QCOMPARE(json.object().value("global.toggleMute").toObject(),
                  (QJsonObject{{"keyCode", 46}, {"modifiers", 6144}}));
-    }
 
-    void setHotKeyWithNothingRemovesOnlyThatAction() {
-        m_settings->setHotKey(QStringLiteral("global.togglePanel"),
-                              HotKeyCombo{49, HotKeyCombo::cmdKey});
         m_settings->setHotKey(QStringLiteral("group.X"), HotKeyCombo{0, HotKeyCombo::shiftKey});
-        m_settings->setHotKey(QStringLiteral("global.togglePanel"), std::nullopt);
-
-        const auto table = m_settings->hotKeys();
-        QCOMPARE(table.keys(), QStringList{QStringLiteral("group.X")});
-        QCOMPARE(m_posted.count(Notifications::hotKeysChanged), 3);
+        m_settings->setHotKey(QStringLiteral("global.toggleMute"), std::nullopt);
+        QCOMPARE(m_settings->hotKeys().keys(), QStringList{"group.X"});
+        QCOMPARE(m_posted, QStringList(3, Notifications::hotKeysChanged));
     }
 };
 

@@ -5,140 +5,131 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QTemporaryDir>
 #include <QtTest>
 
-namespace {
-
-struct Run {
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-};
-
-QString ondrilPath() {
-    return TestSupport::helperDirectory() + QStringLiteral("/ondril");
-}
-
-Run runOndril(const QStringList& arguments) {
-    QProcess process;
-    process.start(ondrilPath(), arguments);
-    Run run;
-    if (!process.waitForFinished(60000))
-        return run;
-    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = process.readAllStandardOutput();
-    run.err = process.readAllStandardError();
-    return run;
-}
-
-const QSet<QString> kDeviceKeys{"id",     "uid",   "name",      "displayName",
-                                "volume", "muted", "isAirPlay", "isDefault"};
-
-} // namespace
-
+// The `ondril` executable's command line, and `ondril devices` on the simulated service. Every run
+// gets a settings folder of its own and a sound server address where nothing answers.
 class TestDevicesCommand : public QObject {
     Q_OBJECT
 
+    struct Run {
+        int exitCode = -1;
+        QString out;
+        QString err;
+    };
+
+    QTemporaryDir m_config;
+
+    Run runOndril(const QStringList& arguments, const QStringList& unset = {}) {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("XDG_CONFIG_HOME", m_config.path());
+        environment.insert("PULSE_SERVER", "unix:/nonexistent/ondril-test");
+        for (const QString& name : unset)
+            environment.remove(name);
+        process.setProcessEnvironment(environment);
+        process.start(TestSupport::helperDirectory() + QStringLiteral("/ondril"), arguments);
+        Run run;
+        if (!process.waitForFinished(60000))
+            return run;
+        run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        run.out = QString::fromUtf8(process.readAllStandardOutput());
+        run.err = QString::fromUtf8(process.readAllStandardError());
+        return run;
+    }
+
 private slots:
-    void initTestCase();
-    void jsonListsEveryDeviceWithTheSameKeysAndMarksDefaults();
-    void humanTableMarksTheDefaultsWithAStar();
-    void unknownArgumentIsRefusedWithStatusTwo_data();
-    void unknownArgumentIsRefusedWithStatusTwo();
-};
+    void commandLineGivesStatusAndOneLine_data() {
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("outStarts");
+        QTest::addColumn<QString>("errContains");
+        QTest::newRow("help") << "--help" << 0 << "Usage: ondril [options]"
+                              << "";
+        QTest::newRow("devices help") << "devices --help" << 0 << "Usage: ondril devices"
+                                      << "";
+        QTest::newRow("defaults help") << "defaults --help" << 0 << "Usage: ondril defaults"
+                                       << "";
+        QTest::newRow("help in place of a key")
+            << "defaults write --help x" << 0 << "Usage: ondril defaults"
+            << "";
+        QTest::newRow("help-all is not offered")
+            << "--help-all" << 2 << ""
+            << "Unknown option 'help-all'. (see ondril --help)";
+        QTest::newRow("unknown subcommand") << "list" << 2 << ""
+                                            << "unknown subcommand 'list' (see ondril --help)";
+        QTest::newRow("unknown backend") << "--backend=alsa devices" << 2 << ""
+                                         << "unknown backend 'alsa'";
+        // Exit 2, not the no-server failure: the arguments are checked before the server is asked.
+        QTest::newRow("devices option") << "--backend=pulse devices --yaml" << 2 << ""
+                                        << "unknown argument '--yaml' for devices";
+        QTest::newRow("devices stray word") << "--backend=pulse devices --json all" << 2 << ""
+                                            << "unknown argument 'all' for devices";
+    }
 
-void TestDevicesCommand::initTestCase() {
-    if (!QFileInfo(ondrilPath()).isExecutable())
-        QFAIL(qPrintable(QStringLiteral("the ondril binary is not built at ") + ondrilPath()));
-}
-
-void TestDevicesCommand::jsonListsEveryDeviceWithTheSameKeysAndMarksDefaults() {
-    const Run run = runOndril({QStringLiteral("--backend=simulated"), QStringLiteral("devices"),
-                               QStringLiteral("--json")});
-    QCOMPARE(run.exitCode, 0);
-    QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(run.out, &error);
-    QCOMPARE(error.error, QJsonParseError::NoError);
-    const QJsonObject root = document.object();
-    const QStringList rootKeys = root.keys();
-    QCOMPARE(QSet<QString>(rootKeys.begin(), rootKeys.end()), (QSet<QString>{"outputs", "inputs"}));
-
-    const QJsonArray outputs = root.value("outputs").toArray();
-    const QJsonArray inputs = root.value("inputs").toArray();
-    QCOMPARE(outputs.size(), 5);
-    QCOMPARE(inputs.size(), 1);
-
-    int defaultOutputs = 0;
-    int airPlay = 0;
-    QString previousName;
-    for (const QJsonValue& value : outputs) {
-        const QJsonObject device = value.toObject();
-        const QStringList keys = device.keys();
-        QCOMPARE(QSet<QString>(keys.begin(), keys.end()), kDeviceKeys);
-        QVERIFY(device.value("volume").isDouble());
-        QVERIFY(device.value("muted").isBool());
-        QVERIFY(device.value("id").toInteger() >= 100);
-        QVERIFY(!device.value("displayName").toString().isEmpty());
-        // Sorted by name.
-        QVERIFY(QString::localeAwareCompare(previousName, device.value("name").toString()) <= 0);
-        previousName = device.value("name").toString();
-        if (device.value("isDefault").toBool()) {
-            ++defaultOutputs;
-            QCOMPARE(device.value("uid").toString(),
-                     QStringLiteral("alsa_output.pci-0000_00_1f.3.analog-stereo"));
+    void commandLineGivesStatusAndOneLine() {
+        QFETCH(QString, command);
+        QFETCH(int, exitCode);
+        QFETCH(QString, outStarts);
+        QFETCH(QString, errContains);
+        const Run run = runOndril(command.split(u' '));
+        QCOMPARE(run.exitCode, exitCode);
+        QVERIFY2(outStarts.isEmpty() ? run.out.isEmpty() : run.out.startsWith(outStarts),
+                 qPrintable(run.out));
+        if (errContains.isEmpty()) {
+            QCOMPARE(run.err, QString());
+        } else {
+            QVERIFY2(run.err.startsWith("ondril: ") && run.err.contains(errContains),
+                     qPrintable(run.err));
+            QCOMPARE(run.err.count(u'\n'), 1);
         }
-        airPlay += device.value("isAirPlay").toBool() ? 1 : 0;
+        QVERIFY(!QFileInfo::exists(m_config.filePath("ondril/defaults.json"))); // nothing stored
     }
-    QCOMPARE(defaultOutputs, 1);
-    QCOMPARE(airPlay, 1);
 
-    const QJsonObject microphone = inputs.first().toObject();
-    const QStringList keys = microphone.keys();
-    QCOMPARE(QSet<QString>(keys.begin(), keys.end()), kDeviceKeys);
-    QCOMPARE(microphone.value("name").toString(), QStringLiteral("USB Microphone"));
-    QVERIFY(microphone.value("volume").isNull());
-    QVERIFY(microphone.value("isDefault").toBool());
-    QVERIFY(!microphone.value("isAirPlay").toBool());
-}
-
-void TestDevicesCommand::humanTableMarksTheDefaultsWithAStar() {
-    const Run run = runOndril({QStringLiteral("--backend=simulated"), QStringLiteral("devices")});
-    QCOMPARE(run.exitCode, 0);
-    const QStringList lines = QString::fromUtf8(run.out).split(u'\n');
-
-    QStringList starred;
-    for (const QString& line : lines)
-        if (line.trimmed().startsWith(u'*') && line.contains(QStringLiteral("  ")))
-            starred.append(line);
-    QCOMPARE(starred.size(),
-             2); // one default output, one default input; the legend has no double space
-    QVERIFY(starred[0].contains(QStringLiteral("Built-in Speakers")));
-    QVERIFY(starred[1].contains(QStringLiteral("USB Microphone")));
-
-    // Columns line up: every device row starts its UID column at the same place as the header.
-    const QString header = lines.value(lines.indexOf(QStringLiteral("Outputs")) + 1);
-    const qsizetype uidColumn = header.indexOf(QStringLiteral("UID"));
-    QVERIFY(uidColumn > 0);
-    for (const QString& line : lines) {
-        if (line.contains(QStringLiteral("alsa_output.pci-0000_00_1f.3.analog-stereo")))
-            QCOMPARE(line.indexOf(QStringLiteral("alsa_output")), uidColumn);
+    void withoutADisplayTheSubcommandsAreOffered() {
+        const Run run = runOndril({}, {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"});
+        QCOMPARE(run.exitCode, 1);
+        QCOMPARE(run.err.count(u'\n'), 1);
+        QVERIFY2(run.err.contains("ondril devices"), qPrintable(run.err));
     }
-}
 
-void TestDevicesCommand::unknownArgumentIsRefusedWithStatusTwo_data() {
-    QTest::addColumn<QStringList>("arguments");
-    QTest::newRow("unknown option") << QStringList{"--backend=simulated", "devices", "--yaml"};
-    QTest::newRow("stray word") << QStringList{"--backend=simulated", "devices", "--json", "all"};
-}
+    void jsonListsEveryDeviceWithTheSameKeysAndMarksDefaults() {
+        const Run run = runOndril({"--backend=simulated", "devices", "--json"});
+        QCOMPARE(run.exitCode, 0);
+        const QJsonObject root = QJsonDocument::fromJson(run.out.toUtf8()).object();
+        QCOMPARE(root.keys(), (QStringList{"inputs", "outputs"}));
+        const QStringList deviceKeys{"displayName", "id",   "isAirPlay", "isDefault",
+                                     "muted",       "name", "uid",       "volume"};
+        QStringList defaults;
+        for (const QString list : {"outputs", "inputs"}) {
+            for (const QJsonValue& value : root.value(list).toArray()) {
+                const QJsonObject device = value.toObject();
+                QCOMPARE(device.keys(), deviceKeys);
+                QVERIFY(device.value("muted").isBool());
+                QCOMPARE(device.value("volume").isDouble(), list == "outputs");
+                if (device.value("isDefault").toBool())
+                    defaults.append(device.value("name").toString());
+            }
+        }
+        QCOMPARE(defaults, (QStringList{"Built-in Speakers", "USB Microphone"}));
+    }
 
-void TestDevicesCommand::unknownArgumentIsRefusedWithStatusTwo() {
-    QFETCH(QStringList, arguments);
-    const Run run = runOndril(arguments);
-    QCOMPARE(run.exitCode, 2);
-    QVERIFY(run.out.isEmpty());
-    QCOMPARE(run.err.count('\n'), 1);
-    QVERIFY(run.err.startsWith("ondril: "));
-}
+    void humanTableMarksTheDefaultsAndLinesUpItsColumns() {
+        const Run run = runOndril({"--backend=simulated", "devices"});
+        QCOMPARE(run.exitCode, 0);
+        const QStringList lines = run.out.split(u'\n');
+        QStringList starred;
+        for (const QString& line : lines)
+            if (line.startsWith(QStringLiteral("  *")))
+                starred.append(line);
+        QCOMPARE(starred.size(), 2);
+        QVERIFY(starred[0].contains("Built-in Speakers"));
+        QVERIFY(starred[1].contains("USB Microphone"));
+        const QString header = lines.value(lines.indexOf("Outputs") + 1);
+        QCOMPARE(starred[0].indexOf("alsa_output"), header.indexOf("UID"));
+    }
+};
 
 QTEST_GUILESS_MAIN(TestDevicesCommand)
 #include "tst_devicescommand.moc"

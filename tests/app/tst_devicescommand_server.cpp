@@ -61,6 +61,8 @@ private slots:
         QVERIFY(m_server->pactl({"set-default-sink", "airpods"}));
         QVERIFY(m_server->pactl({"set-sink-volume", "airpods", "35%"}));
         QVERIFY(m_server->pactl({"set-sink-mute", "builtin", "1"}));
+        const auto input = PrivateSoundServer::defaultInput();
+        QVERIFY(m_server->pactl({"set-source-mute", input.name, "1"}));
 
         const Run run = runOndril({backend, "devices", "--json"});
         QCOMPARE(run.exitCode, 0);
@@ -79,10 +81,10 @@ private slots:
         // 35% on the server's scale is 22938 / 65536: the scalar is within one step of 0.35.
         QVERIFY(qAbs(byUID(outputs, "airpods").value("volume").toDouble() - 0.35) < 0.001);
 
-        const auto input = PrivateSoundServer::defaultInput();
         const QJsonObject microphone = byUID(inputs, input.name);
         QVERIFY2(!microphone.isEmpty(), run.out.constData());
         QCOMPARE(microphone.value("name").toString(), input.description);
+        QCOMPARE(microphone.value("muted"), QJsonValue(true));
         // Monitors are not inputs.
         for (const auto& device : inputs)
             QVERIFY(!device.toObject().value("uid").toString().endsWith(".monitor"));

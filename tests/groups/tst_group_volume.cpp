@@ -2,6 +2,8 @@
 
 #include <QtTest>
 
+#include <cmath>
+
 // Group volume is written as each member's own device volume: master × balance, or 0 while muted.
 class TestGroupVolume : public QObject {
     Q_OBJECT
@@ -42,6 +44,26 @@ private slots:
         QCOMPARE(storedGroup(rig, displays.id).balance.value(rig.rightUID), stored);
         QCOMPARE(rig.volumeOf(rig.right), float(stored));
         QCOMPARE(rig.volumeOf(rig.left), 1.0f);
+    }
+
+    void nonFiniteValuesNeverReachTheStoredList() {
+        GroupTestRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        GroupManager& manager = rig.launchWith({displays});
+        QVERIFY(manager.activate(displays));
+        const double nan = std::nan("");
+        manager.setMasterVolume(displays, nan);
+        manager.setBalance(displays, rig.rightUID, nan);
+        QVERIFY(!manager.stepGroupVolume(nan));
+        QVERIFY(!rig.audio->setVolume(std::nanf(""), rig.left));
+        QCOMPARE(rig.volumeOf(rig.left), 0.65f);
+
+        // Infinities clamp, and the list is saved again as a whole.
+        manager.setBalance(displays, rig.rightUID, -HUGE_VAL);
+        manager.setMasterVolume(displays, HUGE_VAL);
+        QCOMPARE(storedGroup(rig, displays.id).masterVolume, 1.0);
+        QCOMPARE(storedGroup(rig, displays.id).balance.value(rig.rightUID), 0.0);
+        QCOMPARE(rig.volumeOf(rig.right), 0.0f);
     }
 
     void inactiveGroupStoresWithoutTouchingDevices() {
