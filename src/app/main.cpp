@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 #include "app/CommandLine.h"
 #include "platform/AudioBackend.h"
+#include "platform/DisplayPlatform.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -146,6 +147,7 @@ int main(int argc, char* argv[]) {
                 "no display to show the tray icon on (DISPLAY and WAYLAND_DISPLAY are unset)"));
         return 1;
     }
+    DisplayPlatform::choose();
     QGuiApplication app(argc, argv);
     QGuiApplication::setQuitOnLastWindowClosed(false);
     if (!installAudioBackend(invocation->backend))

@@ -26,8 +26,10 @@ PanelController::PanelController(AudioDeviceManager& audio, AppSettings& setting
                      int(m_contentHeight + 2 * PanelPlacement::margin));
     m_window->rootContext()->setContextProperty(QStringLiteral("panelController"), this);
     m_window->setSource(OndrilQml::viewUrl(QStringLiteral("MenuBarView.qml")));
-    if (QQuickItem* root = m_window->rootObject())
+    if (QQuickItem* root = m_window->rootObject()) {
         connect(root, SIGNAL(heightReported(double)), this, SLOT(onHeightReported(double)));
+        QMetaObject::invokeMethod(root, "reportHeight");
+    }
     m_window->installEventFilter(this);
     connect(m_window.get(), &QWindow::activeChanged, this, &PanelController::onActiveChanged);
 

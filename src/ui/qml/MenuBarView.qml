@@ -11,6 +11,11 @@ Item {
 
     signal heightReported(real height)
 
+    // Called by the panel once it listens, for the height measured before that.
+    function reportHeight() {
+        heightReported(content.implicitHeight)
+    }
+
     Rectangle {
         id: surface
         x: 40
@@ -33,6 +38,5 @@ Item {
         padding: 10
         spacing: 12
         onImplicitHeightChanged: view.heightReported(implicitHeight)
-        Component.onCompleted: view.heightReported(implicitHeight)
     }
 }
