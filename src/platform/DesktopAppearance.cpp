@@ -27,7 +27,7 @@ void DesktopAppearance::start(QDBusConnection bus) {
     if (!bus.isConnected())
         return;
     bus.connect(portalService, portalPath, settingsInterface, QStringLiteral("SettingChanged"),
-                this, SLOT(onSettingChanged(QString, QString, QDBusVariant)));
+                this, SLOT(onSettingChanged(QDBusMessage)));
     QDBusMessage read = QDBusMessage::createMethodCall(portalService, portalPath, settingsInterface,
                                                        QStringLiteral("Read"));
     read << appearanceNamespace << colorSchemeKey;
@@ -41,10 +41,11 @@ void DesktopAppearance::start(QDBusConnection bus) {
             });
 }
 
-void DesktopAppearance::onSettingChanged(const QString& nameSpace, const QString& key,
-                                         const QDBusVariant& value) {
-    if (nameSpace == appearanceNamespace && key == colorSchemeKey)
-        take(value.variant());
+void DesktopAppearance::onSettingChanged(const QDBusMessage& message) {
+    const QVariantList arguments = message.arguments();
+    if (arguments.size() == 3 && arguments[0].toString() == appearanceNamespace &&
+        arguments[1].toString() == colorSchemeKey)
+        take(arguments[2]);
 }
 
 void DesktopAppearance::take(const QVariant& value) {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <QDBusConnection>
-#include <QDBusVariant>
+#include <QDBusMessage>
 #include <QObject>
 
 #include <optional>
@@ -24,8 +24,8 @@ public:
 signals:
     void colorSchemeChanged();
 
-public slots: // QtDBus connects public slots only
-    void onSettingChanged(const QString& nameSpace, const QString& key, const QDBusVariant& value);
+public slots: // QtDBus connects public slots only; this one reads the message whole
+    void onSettingChanged(const QDBusMessage& message);
 
 private:
     void take(const QVariant& value);

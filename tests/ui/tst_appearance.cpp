@@ -16,6 +16,9 @@ class FakePortal : public QObject {
 public:
     uint scheme = 1;
 
+signals:
+    void SettingChanged(const QString& nameSpace, const QString& key, const QDBusVariant& value);
+
 public slots:
     QDBusVariant Read(const QString& nameSpace, const QString& key) {
         if (nameSpace != QLatin1String("org.freedesktop.appearance") ||
@@ -61,7 +64,7 @@ private slots:
         QCOMPARE(Appearance::resolveIsDark(forced, desktop, qtDark), dark);
     }
 
-    void followsThePortalSetting() {
+    void followsThePortalSettingAndItsChanges() {
         // The portal is another peer on the bus, as on a desktop.
         QDBusConnection portalBus =
             QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("portal"));
@@ -69,13 +72,24 @@ private slots:
         QVERIFY(bus.isConnected());
         FakePortal portal;
         QVERIFY(portalBus.registerObject(QStringLiteral("/org/freedesktop/portal/desktop"), &portal,
-                                         QDBusConnection::ExportAllSlots));
+                                         QDBusConnection::ExportAllSlots |
+                                             QDBusConnection::ExportAllSignals));
         QVERIFY(portalBus.registerService(QStringLiteral("org.freedesktop.portal.Desktop")));
 
         Appearance appearance(std::nullopt);
         appearance.followDesktop(bus);
         QTRY_VERIFY(appearance.isDark());
         QCOMPARE(appearance.palette(), OndrilPalette::dark());
+
+        // The watcher learns who owns the portal's name asynchronously; until then a signal is
+        // not yet taken for the portal's, so the desktop may have to say it again.
+        const auto switchToLight = [&] {
+            emit portal.SettingChanged(QStringLiteral("org.freedesktop.appearance"),
+                                       QStringLiteral("color-scheme"), QDBusVariant(uint(2)));
+            return !appearance.isDark();
+        };
+        QTRY_VERIFY(switchToLight());
+        QCOMPARE(appearance.settingsTheme(), SettingsTheme::light());
     }
 };
 
