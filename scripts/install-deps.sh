@@ -11,6 +11,8 @@ packages=(
     qml6-module-qtquick qml6-module-qtquick-window qml6-module-qtquick-controls
     qml6-module-qtquick-templates qml6-module-qtquick-layouts qml6-module-qtqml-workerscript
     qml6-module-qttest
+    # the icon theme Ondril falls back to, and the SVG icon engine that draws it
+    adwaita-icon-theme libqt6svg6
     # sound servers and their tools: the program talks to either; the tests start both privately
     pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber
     # headless desktop for the tests

@@ -1,10 +1,16 @@
 #include "app/AppDelegate.h"
 
+#include "app/AppSettings.h"
 #include "appaudio/AppAudioManager.h"
 #include "control/VolumeKeyMonitor.h"
+#include "devices/AudioDeviceManager.h"
 #include "groups/GroupManager.h"
+#include "ui/StatusItemController.h"
+#include "ui/panel/PanelController.h"
 
-#include <QCoreApplication>
+#include <QGuiApplication>
+#include <QScreen>
+#include <QTimer>
 
 AppDelegate::AppDelegate(QObject* parent)
     : QObject(parent) {
@@ -17,13 +23,34 @@ AppDelegate::AppDelegate(QObject* parent)
     // never run.
     connect(qApp, &QCoreApplication::aboutToQuit, this,
             [] { AppAudioManager::shared().stopAllSessions(); });
+    m_panelController =
+        std::make_unique<PanelController>(AudioDeviceManager::shared(), AppSettings::shared());
+    // Launch finishes before the queued restore of the active group runs, so that what a restored
+    // group needs (the volume-key monitor) is in place.
     applicationDidFinishLaunching();
 }
 
+AppDelegate::~AppDelegate() = default;
+
 void AppDelegate::applicationDidFinishLaunching() {
-    // The status item, hot keys and the rest attach here as they come, in launch order.
+    // The status item, with its scroll handling and its icon following the group manager.
+    m_statusItem =
+        std::make_unique<StatusItemController>(GroupManager::shared(), AppSettings::shared(),
+                                               *m_panelController, QDBusConnection::sessionBus());
+    m_statusItem->start();
+
     const bool demo = qgetenv("ONDRIL_DEMO") == "1" || qgetenv("ONDRIL_HUD_DEMO") == "1";
     VolumeKeyMonitor& volumeKeys = VolumeKeyMonitor::shared();
     if (!demo && !volumeKeys.isRunning())
         volumeKeys.installTap();
+
+    // Hot keys and the rest attach here as they come.
+
+    if (qEnvironmentVariable("ONDRIL_AUTOSHOW") == QLatin1String("1")) {
+        QTimer::singleShot(600, this, [this] {
+            // No click to open under: the corner where a top bar's tray area usually sits.
+            const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
+            m_panelController->show(QPoint(area.right(), area.top()));
+        });
+    }
 }

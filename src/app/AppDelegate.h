@@ -2,6 +2,11 @@
 
 #include <QObject>
 
+#include <memory>
+
+class PanelController;
+class StatusItemController;
+
 // Made by the process entry and kept for the life of the process. Its construction brings the
 // shared objects up in launch order (which queues the restore of the active group), then finishes
 // launching before the event loop delivers anything, so that a restored group finds everything
@@ -11,7 +16,11 @@ class AppDelegate : public QObject {
 
 public:
     explicit AppDelegate(QObject* parent = nullptr);
+    ~AppDelegate() override;
 
 private:
     void applicationDidFinishLaunching();
+
+    std::unique_ptr<PanelController> m_panelController;
+    std::unique_ptr<StatusItemController> m_statusItem;
 };

@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 #include "app/CommandLine.h"
 #include "platform/AudioBackend.h"
+#include "platform/DisplayPlatform.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -158,6 +159,7 @@ int main(int argc, char* argv[]) {
                            "need none: ondril devices, ondril defaults (see ondril --help)"));
         return 1;
     }
+    DisplayPlatform::choose();
     QGuiApplication app(argc, argv);
     QGuiApplication::setQuitOnLastWindowClosed(false);
     if (!installAudioBackend(invocation->backend))

@@ -1,0 +1,31 @@
+#include "ui/OndrilQml.h"
+
+#include "ui/Appearance.h"
+#include "ui/SliderGeometry.h"
+
+#include <QQmlEngine>
+
+namespace OndrilQml {
+
+void registerTypes() {
+    static const bool registered = [] {
+        // One Appearance for every engine; the engines do not own it.
+        qmlRegisterSingletonType<Appearance>(
+            "Ondril", 1, 0, "Appearance", [](QQmlEngine*, QJSEngine*) -> QObject* {
+                QObject* appearance = &Appearance::shared();
+                QJSEngine::setObjectOwnership(appearance, QJSEngine::CppOwnership);
+                return appearance;
+            });
+        qmlRegisterSingletonType<SliderGeometry>(
+            "Ondril", 1, 0, "SliderGeometry",
+            [](QQmlEngine*, QJSEngine*) -> QObject* { return new SliderGeometry; });
+        return true;
+    }();
+    Q_UNUSED(registered);
+}
+
+QUrl viewUrl(const QString& fileName) {
+    return QUrl(QStringLiteral("qrc:/ondril/ui/") + fileName);
+}
+
+} // namespace OndrilQml

@@ -1,0 +1,124 @@
+#include "ui/panel/PanelController.h"
+
+#include "app/AppSettings.h"
+#include "app/NotificationCenter.h"
+#include "devices/AudioDeviceManager.h"
+#include "ui/OndrilQml.h"
+
+#include <QGuiApplication>
+#include <QKeyEvent>
+#include <QQmlContext>
+#include <QQuickItem>
+#include <QQuickView>
+#include <QScreen>
+
+PanelController::PanelController(AudioDeviceManager& audio, AppSettings& settings, QObject* parent)
+    : QObject(parent)
+    , m_audio(audio)
+    , m_settings(settings) {
+    OndrilQml::registerTypes();
+    m_window = std::make_unique<QQuickView>();
+    m_window->setFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
+    m_window->setColor(Qt::transparent);
+    m_window->setTitle(QStringLiteral("Ondril"));
+    m_window->setResizeMode(QQuickView::SizeRootObjectToView);
+    m_window->resize(int(PanelPlacement::windowWidth),
+                     int(m_contentHeight + 2 * PanelPlacement::margin));
+    m_window->rootContext()->setContextProperty(QStringLiteral("panelController"), this);
+    m_window->setSource(OndrilQml::viewUrl(QStringLiteral("MenuBarView.qml")));
+    if (QQuickItem* root = m_window->rootObject()) {
+        connect(root, SIGNAL(heightReported(double)), this, SLOT(onHeightReported(double)));
+        QMetaObject::invokeMethod(root, "reportHeight");
+    }
+    m_window->installEventFilter(this);
+    connect(m_window.get(), &QWindow::activeChanged, this, &PanelController::onActiveChanged);
+
+    m_settings.notificationCenter().addObserver(Notifications::closePanel, this,
+                                                [this] { hide(); });
+}
+
+PanelController::~PanelController() = default;
+
+void PanelController::onHeightReported(double height) {
+    setContentHeight(height);
+}
+
+std::optional<qint64> PanelController::msSinceLastClose() const {
+    if (!m_lastCloseAt.isValid())
+        return std::nullopt;
+    return m_lastCloseAt.elapsed();
+}
+
+bool PanelController::mayReopen(std::optional<qint64> msSinceLastClose) {
+    return !msSinceLastClose || *msSinceLastClose > reopenGuardMs;
+}
+
+bool PanelController::isVisible() const {
+    return m_window->isVisible();
+}
+
+std::optional<PanelPlacement::Placement> PanelController::reposition(QPoint under) const {
+    QList<PanelPlacement::Screen> screens;
+    const QList<QScreen*> all = QGuiApplication::screens();
+    for (QScreen* screen : all)
+        screens.append({QRectF(screen->geometry()), QRectF(screen->availableGeometry())});
+    const auto index = PanelPlacement::screenFor(
+        QPointF(under), screens, int(all.indexOf(QGuiApplication::primaryScreen())));
+    if (!index)
+        return std::nullopt;
+    return PanelPlacement::place(QPointF(under), screens[*index], m_contentHeight);
+}
+
+void PanelController::show(QPoint under) {
+    m_audio.refresh();
+    // Level metering and the per-app meters attach here once they exist.
+    m_placement = reposition(under);
+    if (m_placement)
+        m_window->setGeometry(m_placement->window.toRect());
+    m_wasActive = false;
+    m_window->show();
+    m_window->raise();
+    m_window->requestActivate();
+    emit shown();
+}
+
+void PanelController::hide() {
+    if (!isVisible())
+        return;
+    m_window->hide();
+    m_lastCloseAt.start();
+    emit hidden();
+}
+
+void PanelController::setContentHeight(double height) {
+    const auto next = PanelPlacement::nextContentHeight(m_contentHeight, height);
+    if (!next)
+        return;
+    m_contentHeight = *next;
+    if (!isVisible())
+        return;
+    if (m_placement) {
+        m_window->setGeometry(PanelPlacement::resized(*m_placement, m_contentHeight).toRect());
+    } else {
+        m_window->resize(m_window->width(), int(m_contentHeight + 2 * PanelPlacement::margin));
+    }
+}
+
+void PanelController::onActiveChanged() {
+    // Click-away: activation passes to another window once the panel has had it.
+    if (m_window->isActive()) {
+        m_wasActive = true;
+        return;
+    }
+    if (m_wasActive && isVisible() && !m_settings.pinPanel())
+        hide();
+}
+
+bool PanelController::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == m_window.get() && event->type() == QEvent::KeyPress &&
+        static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape) {
+        hide(); // also when pinned
+        return true;
+    }
+    return QObject::eventFilter(watched, event);
+}

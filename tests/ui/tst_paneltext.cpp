@@ -1,0 +1,77 @@
+#include "ui/panel/PanelText.h"
+
+#include <QTest>
+
+Q_DECLARE_METATYPE(std::optional<QString>)
+
+class TestPanelText : public QObject {
+    Q_OBJECT
+
+private slots:
+    void percentRoundsHalfAwayFromZero_data() {
+        QTest::addColumn<double>("value");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("full") << 1.0 << "100%";
+        QTest::newRow("half up") << 0.125 << "13%";
+        QTest::newRow("below half") << 0.124 << "12%";
+        QTest::newRow("zero") << 0.0 << "0%";
+    }
+    void percentRoundsHalfAwayFromZero() {
+        QFETCH(double, value);
+        QFETCH(QString, text);
+        QCOMPARE(PanelText::percentText(value), text);
+    }
+
+    void membersShowShortLabels_data() {
+        QTest::addColumn<QStringList>("names");
+        QTest::addColumn<QString>("own");
+        QTest::addColumn<QString>("label");
+        const QStringList display = {"Studio Display Left", "Studio Display Right"};
+        QTest::newRow("Left") << display << "Studio Display Left"
+                              << "Left";
+        QTest::newRow("Right") << display << "Studio Display Right"
+                               << "Right";
+        QTest::newRow("AB and AC share no word") << QStringList{"AB", "AC"} << "AB"
+                                                 << "AB";
+        QTest::newRow("Studio Speakers and Studio Display")
+            << QStringList{"Studio Speakers", "Studio Display"} << "Studio Speakers"
+            << "Speakers";
+        QTest::newRow("one member") << QStringList{"Studio Display Left"} << "Studio Display Left"
+                                    << "Studio Display Left";
+        QTest::newRow("separators trimmed")
+            << QStringList{"Desk – Left", "Desk – Right"} << "Desk – Left"
+            << "Left";
+        QTest::newRow("a renamed member keeps its own name")
+            << QStringList{"Studio Display Left", "Studio Display Right"} << "Kitchen"
+            << "Kitchen";
+        QTest::newRow("nothing after the prefix")
+            << QStringList{"Monitor", "Monitor 2"} << "Monitor"
+            << "Monitor";
+    }
+    void membersShowShortLabels() {
+        QFETCH(QStringList, names);
+        QFETCH(QString, own);
+        QFETCH(QString, label);
+        QCOMPARE(PanelText::shortLabel(names, own), label);
+    }
+
+    void outputHeaderSaysWhereSoundGoes_data() {
+        QTest::addColumn<std::optional<QString>>("group");
+        QTest::addColumn<std::optional<QString>>("device");
+        QTest::addColumn<QString>("subtitle");
+        const std::optional<QString> none;
+        QTest::newRow("group") << std::optional<QString>("Both Displays")
+                               << std::optional<QString>("Speakers") << "Both Displays · Group";
+        QTest::newRow("device") << none << std::optional<QString>("Speakers") << "Speakers";
+        QTest::newRow("nothing") << none << none << "None";
+    }
+    void outputHeaderSaysWhereSoundGoes() {
+        QFETCH(std::optional<QString>, group);
+        QFETCH(std::optional<QString>, device);
+        QFETCH(QString, subtitle);
+        QCOMPARE(PanelText::outputSubtitle(group, device), subtitle);
+    }
+};
+
+QTEST_MAIN(TestPanelText)
+#include "tst_paneltext.moc"

@@ -1,0 +1,236 @@
+#include "../groups/GroupTestRig.h"
+#include "platform/tray/StatusNotifierItem.h"
+#include "platform/tray/StatusNotifierTypes.h"
+#include "ui/StatusItemController.h"
+#include "ui/panel/PanelController.h"
+
+#include <QDBusMessage>
+#include <QDBusPendingCall>
+#include <QDBusReply>
+#include <QQuickView>
+#include <QSignalSpy>
+#include <QTest>
+
+Q_DECLARE_METATYPE(std::optional<double>)
+
+// Stands in for the desktop's StatusNotifierWatcher: remembers who registered.
+class TestWatcher : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.kde.StatusNotifierWatcher")
+
+public:
+    QStringList registrations;
+
+public slots:
+    void RegisterStatusNotifierItem(const QString& service) { registrations << service; }
+};
+
+namespace {
+
+const QString trayInterface = StatusNotifierItem::interfaceName;
+
+QDBusConnection hostBus() {
+    return QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("host"));
+}
+
+// A call from the desktop's side, answered while the event loop turns.
+QDBusMessage callItem(const QString& path, const QString& interface, const QString& member,
+                      const QVariantList& arguments = {}) {
+    QDBusMessage call =
+        QDBusMessage::createMethodCall(StatusNotifierItem::serviceName(), path, interface, member);
+    call.setArguments(arguments);
+    QDBusPendingCall pending = hostBus().asyncCall(call);
+    if (!QTest::qWaitFor([&] { return pending.isFinished(); }))
+        qWarning("no answer to %s", qPrintable(member));
+    return pending.reply();
+}
+
+QDBusMessage callTray(const QString& member, const QVariantList& arguments = {}) {
+    return callItem(StatusNotifierItem::objectPath, trayInterface, member, arguments);
+}
+
+QVariant trayProperty(const QString& name) {
+    const QDBusMessage reply =
+        callItem(StatusNotifierItem::objectPath, QStringLiteral("org.freedesktop.DBus.Properties"),
+                 QStringLiteral("Get"), {trayInterface, name});
+    return reply.arguments().value(0).value<QDBusVariant>().variant();
+}
+
+} // namespace
+
+class TestStatusItem : public QObject {
+    Q_OBJECT
+
+private:
+    std::unique_ptr<GroupTestRig> m_rig;
+    std::unique_ptr<PanelController> m_panel;
+    std::unique_ptr<StatusItemController> m_tray;
+    TestWatcher m_watcher;
+    int m_quits = 0;
+
+    void registerWatcher() {
+        QDBusConnection bus = hostBus();
+        bus.registerObject(StatusNotifierItem::watcherPath, &m_watcher,
+                           QDBusConnection::ExportAllSlots);
+        QVERIFY(bus.registerService(StatusNotifierItem::watcherService));
+    }
+
+private slots:
+    void initTestCase() {
+        registerStatusNotifierTypes();
+        registerWatcher();
+    }
+
+    void init() {
+        m_rig = std::make_unique<GroupTestRig>();
+        m_rig->launchWith({makeGroup(QStringLiteral("Both Displays"),
+                                     {GroupTestRig::leftUID, GroupTestRig::rightUID})});
+        m_panel = std::make_unique<PanelController>(*m_rig->audio, *m_rig->settings);
+        m_tray = std::make_unique<StatusItemController>(*m_rig->manager, *m_rig->settings, *m_panel,
+                                                        QDBusConnection::sessionBus());
+        m_quits = 0;
+        m_tray->quitApp = [this] { ++m_quits; };
+        m_watcher.registrations.clear();
+        QSignalSpy registered(m_tray.get(), &StatusItemController::registered);
+        QVERIFY(m_tray->start());
+        QVERIFY(registered.wait());
+    }
+
+    void cleanup() {
+        m_tray.reset();
+        m_panel.reset();
+        m_rig.reset();
+    }
+
+    void iconFollowsTheActiveGroup_data() {
+        QTest::addColumn<std::optional<double>>("volume");
+        QTest::addColumn<bool>("muted");
+        QTest::addColumn<QString>("symbol");
+        const std::optional<double> noGroup;
+        QTest::newRow("no group, even muted") << noGroup << true << "speaker.wave.2.fill";
+        QTest::newRow("muted") << std::optional(0.9) << true << "speaker.slash.fill";
+        QTest::newRow("0.0009") << std::optional(0.0009) << false << "speaker.fill";
+        QTest::newRow("0.001") << std::optional(0.001) << false << "speaker.wave.1.fill";
+        QTest::newRow("0.339") << std::optional(0.339) << false << "speaker.wave.1.fill";
+        QTest::newRow("0.34") << std::optional(0.34) << false << "speaker.wave.2.fill";
+        QTest::newRow("0.67") << std::optional(0.67) << false << "speaker.wave.3.fill";
+    }
+    void iconFollowsTheActiveGroup() {
+        QFETCH(std::optional<double>, volume);
+        QFETCH(bool, muted);
+        QFETCH(QString, symbol);
+        QCOMPARE(StatusItemController::statusSymbol(volume, muted), symbol);
+    }
+
+    void scrollStepsByLinesOrPrecisely_data() {
+        QTest::addColumn<int>("delta");
+        QTest::addColumn<std::optional<double>>("step");
+        QTest::newRow("one wheel line up") << 120 << std::optional(0.03);
+        QTest::newRow("one wheel line down") << -120 << std::optional(-0.03);
+        QTest::newRow("precise") << 10 << std::optional(0.025);
+        QTest::newRow("three lines clamp") << 360 << std::optional(0.08);
+        QTest::newRow("fast swipe clamps") << -1000 << std::optional(-0.08);
+        QTest::newRow("zero does nothing") << 0 << std::optional<double>();
+    }
+    void scrollStepsByLinesOrPrecisely() {
+        QFETCH(int, delta);
+        QFETCH(std::optional<double>, step);
+        const auto actual = StatusItemController::scrollStep(delta);
+        QCOMPARE(actual.has_value(), step.has_value());
+        if (step)
+            QCOMPARE(*actual, *step);
+    }
+
+    void registersWithTheWatcherAndAgainWhenItReturns() {
+        QCOMPARE(m_watcher.registrations, QStringList{StatusNotifierItem::serviceName()});
+        QVERIFY(hostBus().unregisterService(StatusNotifierItem::watcherService));
+        QVERIFY(hostBus().registerService(StatusNotifierItem::watcherService));
+        QTRY_COMPARE(m_watcher.registrations.size(), 2);
+    }
+
+    void sendsTheIconByNameAndAsImages() {
+        m_rig->manager->activate(m_rig->manager->groups().first());
+        settle();
+        QTRY_COMPARE(trayProperty(QStringLiteral("IconName")).toString(),
+                     QStringLiteral("audio-volume-medium-symbolic"));
+        StatusNotifierIconPixmaps pixmaps;
+        trayProperty(QStringLiteral("IconPixmap")).value<QDBusArgument>() >> pixmaps;
+        QVERIFY(!pixmaps.isEmpty());
+        QCOMPARE(pixmaps.first().data.size(), pixmaps.first().width * pixmaps.first().height * 4);
+        QVERIFY(pixmaps.first().data.count('\0') < pixmaps.first().data.size());
+    }
+
+    void activateTogglesThePanelWithTheReopenGuard() {
+        callTray(QStringLiteral("Activate"), {1500, 10});
+        QVERIFY(m_panel->isVisible());
+        const QRect screen = QGuiApplication::primaryScreen()->availableGeometry();
+        QCOMPARE(m_panel->window()->x(), std::min(1502, screen.right() + 1 - 4) - 360);
+        callTray(QStringLiteral("Activate"), {1500, 10});
+        QVERIFY(!m_panel->isVisible());
+        callTray(QStringLiteral("Activate"), {1500, 10});
+        QVERIFY2(!m_panel->isVisible(), "a click right after a close does not reopen");
+        QTest::qWait(PanelController::reopenGuardMs + 50);
+        callTray(QStringLiteral("Activate"), {1500, 10});
+        QVERIFY(m_panel->isVisible());
+    }
+
+    void scrollStepsTheActiveGroupsVolume() {
+        m_rig->manager->activate(m_rig->manager->groups().first());
+        settle();
+        const double before = m_rig->manager->activeGroup()->masterVolume;
+        callTray(QStringLiteral("Scroll"), {120, QStringLiteral("vertical")});
+        QCOMPARE(m_rig->manager->activeGroup()->masterVolume, before + 0.03);
+        callTray(QStringLiteral("Scroll"), {120, QStringLiteral("horizontal")});
+        QCOMPARE(m_rig->manager->activeGroup()->masterVolume, before + 0.03);
+    }
+
+    void secondaryActivateTogglesMute() {
+        m_rig->manager->activate(m_rig->manager->groups().first());
+        settle();
+        QVERIFY(!m_rig->manager->isMuted());
+        callTray(QStringLiteral("SecondaryActivate"), {0, 0});
+        QVERIFY(m_rig->manager->isMuted());
+        QVERIFY(!m_panel->isVisible());
+        callTray(QStringLiteral("SecondaryActivate"), {0, 0});
+        QVERIFY(!m_rig->manager->isMuted());
+    }
+
+    void menuHoldsItsItemsInOrderAndQuitQuits() {
+        const QString menu = QStringLiteral("com.canonical.dbusmenu");
+        QVERIFY(callItem(StatusNotifierItem::menuPath, menu, QStringLiteral("AboutToShow"), {0})
+                    .arguments()
+                    .value(0)
+                    .toBool());
+        const QDBusMessage reply = callItem(StatusNotifierItem::menuPath, menu,
+                                            QStringLiteral("GetLayout"), {0, -1, QStringList()});
+        QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
+        DBusMenuLayoutItem root;
+        reply.arguments().value(1).value<QDBusArgument>() >> root;
+
+        const auto titleOf = [](const DBusMenuLayoutItem& item) {
+            return item.properties.value(QStringLiteral("type")).toString() ==
+                           QLatin1String("separator")
+                       ? QStringLiteral("-")
+                       : item.properties.value(QStringLiteral("label")).toString();
+        };
+        QStringList titles;
+        for (const DBusMenuLayoutItem& item : root.children)
+            titles << titleOf(item);
+        QCOMPARE(titles, (QStringList{"Open Ondril", "Settings…", "-", "Support",
+                                      "Check for Updates", "-", "Quit Ondril"}));
+        QCOMPARE(root.children[1].properties.value(QStringLiteral("enabled")), QVariant(false));
+        QStringList support;
+        for (const DBusMenuLayoutItem& item : root.children[3].children)
+            support << titleOf(item);
+        QCOMPARE(support, (QStringList{"Report a Bug", "Request a Feature", "Leave a Testimonial",
+                                       "Review Roadmap", "View Changelog", "FAQ"}));
+
+        callItem(StatusNotifierItem::menuPath, menu, QStringLiteral("Event"),
+                 {root.children[6].id, QStringLiteral("clicked"),
+                  QVariant::fromValue(QDBusVariant(QString())), 0u});
+        QTRY_COMPARE(m_quits, 1);
+    }
+};
+
+QTEST_MAIN(TestStatusItem)
+#include "tst_statusitem.moc"
