@@ -72,6 +72,11 @@ public:
     // Module index and arguments of the module that owns the sink.
     std::optional<std::pair<quint32, QString>> owningModule(const QString& sink) const;
 
+    // `pactl subscribe`: the server's events from now on; `sinkEvents` stops it and counts the
+    // sinks that appeared and vanished meanwhile.
+    std::unique_ptr<QProcess> subscribe() const;
+    static std::pair<int, int> sinkEvents(QProcess& subscription);
+
     // A sine tone played with paplay to `sink` (empty: the default), named `applicationName`.
     std::unique_ptr<QProcess> playTone(const QString& sink, const QString& applicationName,
                                        int seconds = 20) const;
