@@ -477,9 +477,7 @@ QString PrivateSoundServer::toneFile() const {
 }
 
 std::unique_ptr<QProcess> PrivateSoundServer::playTone(const QString& sink,
-                                                       const QString& applicationName,
-                                                       int seconds) const {
-    Q_UNUSED(seconds);
+                                                       const QString& applicationName) const {
     auto process = std::make_unique<QProcess>();
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());

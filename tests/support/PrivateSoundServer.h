@@ -78,8 +78,7 @@ public:
     static std::pair<int, int> sinkEvents(QProcess& subscription);
 
     // A sine tone played with paplay to `sink` (empty: the default), named `applicationName`.
-    std::unique_ptr<QProcess> playTone(const QString& sink, const QString& applicationName,
-                                       int seconds = 20) const;
+    std::unique_ptr<QProcess> playTone(const QString& sink, const QString& applicationName) const;
     // RMS of what the monitor of `sink` carries over `msec`, of full scale (0..1); the loudest
     // 50 ms window counts so that start-up silence does not. nullopt when recording fails.
     std::optional<double> recordLevel(const QString& sink, int msec = 800) const;

@@ -530,8 +530,15 @@ void PulseAudioHardware::removeAbandonedAggregates() {
     for (const QString& uid : abandoned) {
         const bool present = m_connection->readMirror(
             [&](const PulseMirror& mirror) { return mirror.sink(uid) != nullptr; });
-        if (present && AudioHardwareDestroyAggregateDevice(m_ids.idFor(Kind::Sink, uid)) ==
-                           kAudioHardwareNoError)
+        if (!present)
+            continue;
+        // The sink's event may come before its module's, which brings no notice of its own.
+        m_connection->waitForMirror([&](const PulseMirror& mirror) {
+            const auto* sink = mirror.sink(uid);
+            return !sink || mirror.module(sink->ownerModule);
+        });
+        if (AudioHardwareDestroyAggregateDevice(m_ids.idFor(Kind::Sink, uid)) ==
+            kAudioHardwareNoError)
             m_abandoned.remove(uid);
     }
 }
