@@ -4,7 +4,15 @@ CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo
 ARGS ?=
 PREFIX ?= /usr/local
 
-.PHONY: deps configure build run install test bench format clean
+# The sanitizer configuration: every test under AddressSanitizer (leaks included) and
+# UndefinedBehaviorSanitizer, in a build folder of its own.
+ASAN_BUILD_DIR ?= build-asan
+SANITIZE = -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined
+SANITIZER_ENV = ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	LSAN_OPTIONS=suppressions=$(CURDIR)/scripts/lsan.supp:print_suppressions=0 \
+	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+
+.PHONY: deps configure build run install test test-asan bench format clean
 
 deps:
 	@scripts/install-deps.sh
@@ -30,6 +38,14 @@ install: configure
 test: build
 	scripts/test-env.sh ctest --test-dir $(BUILD_DIR) --output-on-failure $(ARGS)
 
+$(ASAN_BUILD_DIR)/build.ninja:
+	cmake -S . -B $(ASAN_BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DCMAKE_CXX_FLAGS="$(SANITIZE)" -DCMAKE_EXE_LINKER_FLAGS="$(SANITIZE)"
+
+test-asan: deps $(ASAN_BUILD_DIR)/build.ninja
+	cmake --build $(ASAN_BUILD_DIR)
+	$(SANITIZER_ENV) scripts/test-env.sh ctest --test-dir $(ASAN_BUILD_DIR) --output-on-failure $(ARGS)
+
 bench: build
 	scripts/run-benchmarks.sh $(BUILD_DIR)
 
@@ -37,4 +53,4 @@ format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_BUILD_DIR)

@@ -267,18 +267,17 @@ QString GroupManager::chooseMaster(const OutputGroup& group, const QStringList& 
     return presentMembers.isEmpty() ? QString() : presentMembers.first();
 }
 
-std::optional<AudioObjectID> GroupManager::buildAggregate(const QString& name,
-                                                          const QStringList& presentMembers,
-                                                          const QString& masterUID,
-                                                          const QUuid& groupID) {
+OSStatus GroupManager::buildAggregate(const QString& name, const QStringList& presentMembers,
+                                      const QString& masterUID, const QUuid& groupID,
+                                      AudioObjectID& outID) {
     if (presentMembers.isEmpty() || !presentMembers.contains(masterUID))
-        return std::nullopt;
-    AudioObjectID id = kAudioObjectUnknown;
+        return kAudioHardwareBadDeviceError;
+    outID = kAudioObjectUnknown;
     const OSStatus status = m_audio.hardware().AudioHardwareCreateAggregateDevice(
-        aggregateDescription(name, presentMembers, masterUID, groupID), id);
-    if (status != kAudioHardwareNoError || id == kAudioObjectUnknown)
-        return std::nullopt;
-    return id;
+        aggregateDescription(name, presentMembers, masterUID, groupID), outID);
+    if (status == kAudioHardwareNoError && outID == kAudioObjectUnknown)
+        return kAudioHardwareUnspecifiedError;
+    return status;
 }
 
 void GroupManager::destroyActiveAggregate() {
@@ -325,15 +324,15 @@ bool GroupManager::activate(const OutputGroup& group) {
 
     destroyActiveAggregate();
 
-    const auto aggregate = buildAggregate(group.name, present, master, group.id);
-    if (!aggregate)
-        return false; // on without aggregate: the next reconcile tries again
+    AudioObjectID aggregate = kAudioObjectUnknown;
+    if (buildAggregate(group.name, present, master, group.id, aggregate) != kAudioHardwareNoError)
+        return false;
 
-    m_activeDeviceID = *aggregate;
+    m_activeDeviceID = aggregate;
     m_activeMemberUIDs = present;
     setActiveGroupID(group.id);
     setIsMuted(false);
-    setDefaultOutput(*aggregate);
+    setDefaultOutput(aggregate);
     applyVolumes(group);
     persistActive();
     VolumeKeyMonitor::shared().start(); // from now on the volume keys drive the group
@@ -408,13 +407,18 @@ void GroupManager::reconcile() {
     }
     const QString master = chooseMaster(*group, present);
     destroyActiveAggregate();
-    const auto aggregate = buildAggregate(group->name, present, master, group->id);
-    if (!aggregate) {
+    AudioObjectID aggregate = kAudioObjectUnknown;
+    const OSStatus status = buildAggregate(group->name, present, master, group->id, aggregate);
+    if (status == kAudioHardwareNotRunningError) {
+        // The server did not answer (a stall, a restart): that is no choice of the user's. The
+        // group stays on without aggregate, stored as it was, and is rebuilt when the server
+        // answers again or the devices change.
+    } else if (status != kAudioHardwareNoError) {
         deactivate();
     } else {
-        m_activeDeviceID = *aggregate;
+        m_activeDeviceID = aggregate;
         m_activeMemberUIDs = present;
-        setDefaultOutput(*aggregate);
+        setDefaultOutput(aggregate);
         for (const QString& uid : group->memberUIDs) {
             if (const auto id = m_audio.deviceIDForOutputUID(uid))
                 m_audio.setVolume(float(memberVolume(*group, uid)), *id);

@@ -160,9 +160,8 @@ private:
 
     QStringList presentMembers(const OutputGroup& group) const;
     static QString chooseMaster(const OutputGroup& group, const QStringList& presentMembers);
-    std::optional<AudioObjectID> buildAggregate(const QString& name,
-                                                const QStringList& presentMembers,
-                                                const QString& masterUID, const QUuid& groupID);
+    OSStatus buildAggregate(const QString& name, const QStringList& presentMembers,
+                            const QString& masterUID, const QUuid& groupID, AudioObjectID& outID);
     void destroyActiveAggregate();
     void setDefaultOutput(AudioObjectID deviceID);
     bool activeAggregateIsGone() const;

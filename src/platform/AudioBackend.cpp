@@ -3,9 +3,26 @@
 #include "platform/pulse/PulseAudioHardware.h"
 #include "platform/simulated/SimulatedAudioHardware.h"
 
+#include <QFileInfo>
+#include <QStandardPaths>
+
 namespace {
 // How long a sound server has to answer before it counts as absent.
 constexpr int kConnectTimeoutMs = 1000;
+
+// A server may still be starting (a program started at login) when its socket is there or one is
+// installed; only with neither is there nothing to wait for.
+bool soundServerExpected() {
+    QString socket = qEnvironmentVariable("PULSE_SERVER");
+    if (socket.startsWith(QLatin1String("unix:")))
+        socket.remove(0, 5);
+    if (socket.isEmpty() && qEnvironmentVariableIsSet("XDG_RUNTIME_DIR"))
+        socket = qEnvironmentVariable("XDG_RUNTIME_DIR") + QStringLiteral("/pulse/native");
+    if (!socket.isEmpty() && QFileInfo::exists(socket))
+        return true;
+    return !QStandardPaths::findExecutable(QStringLiteral("pulseaudio")).isEmpty() ||
+           !QStandardPaths::findExecutable(QStringLiteral("pipewire-pulse")).isEmpty();
+}
 } // namespace
 
 namespace AudioBackend {
@@ -33,10 +50,14 @@ Result make(Choice choice) {
                 QStringLiteral("no sound server (PulseAudio or PipeWire) answered within 1 s");
         break;
     case Choice::automatic:
-        result.hardware = PulseAudioHardware::connect(kConnectTimeoutMs);
-        if (!result.hardware) {
+        if (soundServerExpected()) {
+            // The real service shows the server's devices once it answers, however late.
+            result.hardware =
+                PulseAudioHardware::connect(kConnectTimeoutMs, PulseAudioHardware::Absent::Wait);
+        } else {
             result.notice = QStringLiteral(
-                "no sound server answered within 1 s; using the simulated audio service");
+                "no sound server (PulseAudio or PipeWire) is installed or running; using the "
+                "simulated audio service");
             result.hardware = SimulatedAudioHardware::withDemoDevices();
         }
         break;

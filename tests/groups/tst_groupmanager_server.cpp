@@ -2,6 +2,7 @@
 #include "app/NotificationCenter.h"
 #include "devices/AudioDeviceManager.h"
 #include "groups/GroupManager.h"
+#include "groups/OutputGroupCodec.h"
 #include "platform/SystemSleepMonitor.h"
 #include "platform/UserDefaults.h"
 #include "platform/pulse/PulseAudioHardware.h"
@@ -11,6 +12,7 @@
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <QtTest>
 
 #include <cmath>
@@ -160,7 +162,7 @@ private slots:
 
         const auto module = m_server->owningModule(kRight);
         QVERIFY(module);
-        auto events = subscribeToSinkEvents();
+        auto events = m_server->subscribe();
         QVERIFY(m_server->pactl({"unload-module", QString::number(module->first)}));
         QVERIFY2(QTest::qWaitFor(
                      [&] {
@@ -176,9 +178,9 @@ private slots:
         verifyPlaying(kAirPods);
         // The server drops the member from the combined sink by itself; ours is rebuilt once, not
         // again when the published lists catch up.
-        QCOMPARE(sinkEventCounts(*events), (std::pair<int, int>{1, 2}));
+        QCOMPARE(PrivateSoundServer::sinkEvents(*events), (std::pair<int, int>{1, 2}));
 
-        events = subscribeToSinkEvents();
+        events = m_server->subscribe();
         // Back under the same name: a fresh null sink at full volume, taken in and given its
         // share again.
         QVERIFY(m_server->loadNullSink(kRight, "Studio Display Right"));
@@ -201,7 +203,7 @@ private slots:
         QCOMPARE(m_server->defaultSinkName(), aggregate);
         // The server takes the member back into the old combined sink by itself; the rebuild
         // replaces that sink once: new member and new combined sink, old combined sink gone.
-        QCOMPARE(sinkEventCounts(*events), (std::pair<int, int>{2, 1}));
+        QCOMPARE(PrivateSoundServer::sinkEvents(*events), (std::pair<int, int>{2, 1}));
     }
 
     void lastMemberGoneEndsTheGroupAndGivesThePreviousOutputBack() {
@@ -298,11 +300,76 @@ private slots:
         verifyPlaying(kRight);
     }
 
-    void orphanedGroupSinkIsRemovedAtCreation() {
+    void serverStalledDuringARebuildKeepsTheGroup() {
+        GroupManager& manager = launch();
+        const OutputGroup group = makeGroup({kLeft, kRight, kAirPods});
+        manager.setGroups({group});
+        manager.saveGroups();
+        QVERIFY(manager.activate(group));
+        const QString aggregate = GroupManager::aggregateUID(group.id);
+        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == aggregate; },
+                                kGenerousWaitMs));
+
+        // The worst moment: the program's first reaction to the member's removal, the published
+        // device list, one turn before the group's rebuild. The server stops for a few seconds.
+        bool stalled = false;
+        connect(m_audio.get(), &AudioDeviceManager::outputDevicesChanged, this, [&] {
+            if (stalled || m_audio->deviceIDForOutputUID(kRight))
+                return;
+            stalled = true;
+            m_server->pause();
+            QTimer::singleShot(4000, this, [&] { m_server->resume(); });
+        });
+        const auto module = m_server->owningModule(kRight);
+        QVERIFY(module);
+        QVERIFY(m_server->pactl({"unload-module", QString::number(module->first)}));
+        QVERIFY(QTest::qWaitFor([&] { return stalled; }, kGenerousWaitMs));
+
+        // A stall is no choice of the user's: the group stays on and stored, and comes back with
+        // the members that are left once the server answers, without leftovers.
+        QVERIFY2(QTest::qWaitFor(
+                     [&] {
+                         return manager.activeMemberUIDs() == QStringList{kLeft, kAirPods} &&
+                                m_server->defaultSinkName() == aggregate;
+                     },
+                     kGenerousWaitMs),
+                 qPrintable(manager.activeMemberUIDs().join(u',') + " | " +
+                            m_server->sinkNames().join(u',')));
+        QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(group.id));
+        QCOMPARE(m_defaults->stringForKey(SettingsKeys::activeGroup),
+                 std::optional<QString>(OutputGroupCodec::uuidText(group.id)));
+        verifySlaves(aggregate, {kLeft, kAirPods});
+        QTest::qWait(500);
+        QCOMPARE(m_server->sinkNames().filter(GroupManager::groupUIDPrefix),
+                 QStringList{aggregate});
+    }
+
+    void leftoverGroupSinkIsRemovedAtCreationUnlessItsOwnerRuns_data() {
+        QTest::addColumn<QString>("owner");
+        QTest::addColumn<bool>("removed");
+        QTest::newRow("no owner recorded") << "none" << true;
+        QTest::newRow("owner gone") << "gone" << true;
+        // Two copies started at once: the second leaves the first one's live sink alone.
+        QTest::newRow("owner still running") << "running" << false;
+    }
+    void leftoverGroupSinkIsRemovedAtCreationUnlessItsOwnerRuns() {
+        QFETCH(QString, owner);
+        QFETCH(bool, removed);
+        QProcess ownerProcess;
+        ownerProcess.start("sleep", {"60"});
+        QVERIFY(ownerProcess.waitForStarted());
+        const qint64 ownerPid = ownerProcess.processId();
+        if (owner == "gone") {
+            ownerProcess.kill();
+            ownerProcess.waitForFinished();
+        }
         const QString orphan =
             GroupManager::aggregateUID(QUuid::fromString("0E0C1F1A-58B4-4C35-9A57-1D5A3E0F7C11"));
-        QVERIFY(m_server->pactl({"load-module", "module-combine-sink", "sink_name=" + orphan,
-                                 "slaves=studio_left,studio_right"}));
+        QStringList arguments{"load-module", "module-combine-sink", "sink_name=" + orphan,
+                              "slaves=studio_left,studio_right"};
+        if (owner != "none")
+            arguments.append(QString("sink_properties=ondril.owner.pid=%1").arg(ownerPid));
+        QVERIFY(m_server->pactl(arguments));
         // A combined sink of somebody else's is none of ours.
         QVERIFY(m_server->pactl(
             {"load-module", "module-combine-sink", "sink_name=party_combined", "slaves=airpods"}));
@@ -314,10 +381,13 @@ private slots:
             kGenerousWaitMs));
 
         launch();
-        QVERIFY(QTest::qWaitFor([&] { return !m_server->sinkNames().contains(orphan); },
+        QVERIFY(QTest::qWaitFor([&] { return m_server->sinkNames().contains(orphan) != removed; },
                                 kGenerousWaitMs));
+        QTest::qWait(300);
+        QCOMPARE(m_server->sinkNames().contains(orphan), !removed);
         QVERIFY(m_server->sinkNames().contains("party_combined"));
-        QVERIFY(m_server->sinkNames().contains(kLeft));
+        ownerProcess.kill();
+        ownerProcess.waitForFinished();
     }
 
 private:
@@ -325,34 +395,6 @@ private:
         m_manager = std::make_unique<GroupManager>(*m_audio, *m_settings, m_sleepMonitor);
         QTest::qWait(50); // the queued restore and the first publication
         return *m_manager;
-    }
-
-    // `pactl subscribe`: every sink that comes and goes from now on, by the server's own events.
-    std::unique_ptr<QProcess> subscribeToSinkEvents() {
-        auto process = std::make_unique<QProcess>();
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("PULSE_SERVER", m_server->serverAddress());
-        process->setProcessEnvironment(environment);
-        process->start("pactl", {"subscribe"});
-        if (!process->waitForStarted(3000))
-            return process;
-        // Subscribed once the server has answered something: ask it for a change it reports.
-        QTest::qWait(300);
-        return process;
-    }
-
-    // Sinks that appeared and that vanished since the subscription, new first.
-    static std::pair<int, int> sinkEventCounts(QProcess& subscription) {
-        QTest::qWait(300);
-        subscription.kill();
-        subscription.waitForFinished(3000);
-        const QString output = QString::fromUtf8(subscription.readAllStandardOutput());
-        for (const QString& line : output.split(u'\n')) {
-            if (line.contains(" on sink #") || line.contains(" on server"))
-                qInfo().noquote() << line;
-        }
-        return {int(output.count("Event 'new' on sink #")),
-                int(output.count("Event 'remove' on sink #"))};
     }
 
     QString outputUIDs() const {

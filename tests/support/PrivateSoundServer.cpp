@@ -413,6 +413,26 @@ PrivateSoundServer::owningModule(const QString& sink) const {
     return std::nullopt;
 }
 
+std::unique_ptr<QProcess> PrivateSoundServer::subscribe() const {
+    auto process = std::make_unique<QProcess>();
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());
+    process->setProcessEnvironment(environment);
+    process->start(QStringLiteral("pactl"), {QStringLiteral("subscribe")});
+    process->waitForStarted(3000);
+    QThread::msleep(300); // subscribed once the server has taken the request
+    return process;
+}
+
+std::pair<int, int> PrivateSoundServer::sinkEvents(QProcess& subscription) {
+    QThread::msleep(300); // the last events on their way
+    subscription.kill();
+    subscription.waitForFinished(3000);
+    const QString output = QString::fromUtf8(subscription.readAllStandardOutput());
+    return {int(output.count(QLatin1String("Event 'new' on sink #"))),
+            int(output.count(QLatin1String("Event 'remove' on sink #")))};
+}
+
 QString PrivateSoundServer::toneFile() const {
     // 44.1 kHz stereo 16-bit WAV, a 440 Hz sine at half scale.
     const QString path = m_root + QStringLiteral("/tone.wav");
@@ -457,9 +477,7 @@ QString PrivateSoundServer::toneFile() const {
 }
 
 std::unique_ptr<QProcess> PrivateSoundServer::playTone(const QString& sink,
-                                                       const QString& applicationName,
-                                                       int seconds) const {
-    Q_UNUSED(seconds);
+                                                       const QString& applicationName) const {
     auto process = std::make_unique<QProcess>();
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());

@@ -72,9 +72,13 @@ public:
     // Module index and arguments of the module that owns the sink.
     std::optional<std::pair<quint32, QString>> owningModule(const QString& sink) const;
 
+    // `pactl subscribe`: the server's events from now on; `sinkEvents` stops it and counts the
+    // sinks that appeared and vanished meanwhile.
+    std::unique_ptr<QProcess> subscribe() const;
+    static std::pair<int, int> sinkEvents(QProcess& subscription);
+
     // A sine tone played with paplay to `sink` (empty: the default), named `applicationName`.
-    std::unique_ptr<QProcess> playTone(const QString& sink, const QString& applicationName,
-                                       int seconds = 20) const;
+    std::unique_ptr<QProcess> playTone(const QString& sink, const QString& applicationName) const;
     // RMS of what the monitor of `sink` carries over `msec`, of full scale (0..1); the loudest
     // 50 ms window counts so that start-up silence does not. nullopt when recording fails.
     std::optional<double> recordLevel(const QString& sink, int msec = 800) const;

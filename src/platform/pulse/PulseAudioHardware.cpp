@@ -5,11 +5,13 @@
 
 #include <pulse/volume.h>
 
-#include <QElapsedTimer>
-#include <QThread>
+#include <QRegularExpression>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <csignal>
+#include <unistd.h>
 
 namespace {
 
@@ -24,6 +26,10 @@ AudioObjectPropertyScope directionScope(Kind kind) {
     return kind == Kind::Sink ? kAudioObjectPropertyScopeOutput : kAudioObjectPropertyScopeInput;
 }
 
+PulseMirror::Target targetOf(Kind kind) {
+    return kind == Kind::Sink ? PulseMirror::Target::Sink : PulseMirror::Target::Source;
+}
+
 std::uint32_t toServerVolume(float scalar) {
     return std::uint32_t(std::lround(std::max(0.0f, scalar) * float(PA_VOLUME_NORM)));
 }
@@ -32,11 +38,24 @@ const QString kCombineModule = QStringLiteral("module-combine-sink");
 // Sinks Ondril makes for itself (groups, per-app routes) are never handed the default.
 const QString kOwnSinkPrefix = QStringLiteral("com.kestrivane.ondril.");
 
+// The clock master of a combined sink: the first of its slaves, by the order creation gave them.
+QString firstSlave(const QString& moduleArgument) {
+    static const QRegularExpression slaves(QStringLiteral("(?:^|\\s)slaves=([^\\s,]+)"));
+    return slaves.match(moduleArgument).captured(1);
+}
+
+// A combined sink made by another Ondril process that still runs is that process's to remove.
+bool ownedByAnotherLiveProcess(std::int32_t ownerPid) {
+    if (ownerPid <= 0 || ownerPid == ::getpid())
+        return false;
+    return ::kill(ownerPid, 0) == 0 || errno == EPERM;
+}
+
 } // namespace
 
-std::unique_ptr<PulseAudioHardware> PulseAudioHardware::connect(int timeoutMs) {
+std::unique_ptr<PulseAudioHardware> PulseAudioHardware::connect(int timeoutMs, Absent absent) {
     auto connection = std::make_unique<PulseConnection>();
-    if (!connection->open(timeoutMs))
+    if (!connection->open(timeoutMs) && absent == Absent::Fail)
         return nullptr;
     return std::unique_ptr<PulseAudioHardware>(new PulseAudioHardware(std::move(connection)));
 }
@@ -57,13 +76,6 @@ bool PulseAudioHardware::isPipeWire() const {
     return m_connection->readMirror([](const PulseMirror& mirror) {
         return mirror.server().serverName.contains(QLatin1String("PipeWire"));
     });
-}
-
-std::optional<Kind> PulseAudioHardware::kindOf(AudioObjectID objectID) const {
-    const auto object = m_ids.lookup(objectID);
-    if (!object)
-        return std::nullopt;
-    return object->first;
 }
 
 std::optional<QString> PulseAudioHardware::nameOf(AudioObjectID objectID, Kind kind) const {
@@ -284,26 +296,27 @@ OSStatus PulseAudioHardware::setDefaultOutput(AudioObjectID deviceID) {
 
     // Both servers move the streams that follow the default themselves, but both remember the
     // sink a user moved an application to (module-stream-restore, WirePlumber's restore-stream)
-    // and keep it there. On PulseAudio drop those pins; on both, move what still plays on the
-    // old default.
-    if (!isPipeWire())
-        m_connection->unpinRestoredSinkInputs();
-    const auto toMove = m_connection->readMirror([&](const PulseMirror& mirror) {
-        std::vector<std::uint32_t> indices;
+    // and keep it there. Move what still plays on the old default; on PulseAudio also drop the
+    // pins of those streams to the old default, and no others.
+    const auto [toMove, restoreIDs] = m_connection->readMirror([&](const PulseMirror& mirror) {
+        std::pair<std::vector<std::uint32_t>, QStringList> moving;
         const auto* oldSink = mirror.sink(previous);
         const auto* newSink = mirror.sink(*name);
         if (!oldSink || !newSink || oldSink == newSink)
-            return indices;
+            return moving;
         for (const auto& [index, stream] : mirror.streams()) {
-            // A module's own streams (a combined sink feeding its members) stay where they are.
-            if (stream.client == PulseRecords::kInvalidIndex ||
-                stream.ownerModule != PulseRecords::kInvalidIndex)
+            // A module's own streams (a combined sink feeding its members) have no client and
+            // stay where they are.
+            if (stream.client == PulseRecords::kInvalidIndex || stream.sink != oldSink->index)
                 continue;
-            if (stream.sink == oldSink->index)
-                indices.push_back(index);
+            moving.first.push_back(index);
+            if (!stream.restoreID.isEmpty())
+                moving.second.append(stream.restoreID);
         }
-        return indices;
+        return moving;
     });
+    if (!isPipeWire())
+        m_connection->unpinRestoredSinkInputs(previous, restoreIDs);
     for (std::uint32_t index : toMove)
         m_connection->moveSinkInput(index, *name);
     return kAudioHardwareNoError;
@@ -329,12 +342,16 @@ OSStatus PulseAudioHardware::setVolume(AudioObjectID deviceID,
     if (volumes.empty())
         return kAudioHardwareBadDeviceError;
     const std::uint32_t value = toServerVolume(scalar);
-    if (address.mElement == 0)
+    if (address.mElement == 0) {
         std::fill(volumes.begin(), volumes.end(), value);
-    else
+    } else {
+        // Callers set the whole device and then each channel: the whole-device write has set
+        // the channels already, and a stalled server is not asked twice.
+        if (volumes[address.mElement - 1] == value)
+            return kAudioHardwareNoError;
         volumes[address.mElement - 1] = value;
-    return kind == Kind::Sink ? m_connection->setSinkVolume(name, volumes)
-                              : m_connection->setSourceVolume(name, volumes);
+    }
+    return m_connection->writeDevice(targetOf(kind), name, {volumes, std::nullopt});
 }
 
 OSStatus PulseAudioHardware::setMute(AudioObjectID deviceID, const AudioObjectPropertyAddress&,
@@ -343,8 +360,7 @@ OSStatus PulseAudioHardware::setMute(AudioObjectID deviceID, const AudioObjectPr
     if (!object)
         return kAudioHardwareBadObjectError;
     const auto& [kind, name] = *object;
-    return kind == Kind::Sink ? m_connection->setSinkMute(name, mute)
-                              : m_connection->setSourceMute(name, mute);
+    return m_connection->writeDevice(targetOf(kind), name, {std::nullopt, mute});
 }
 
 OSStatus PulseAudioHardware::AudioObjectAddPropertyListenerBlock(
@@ -365,6 +381,7 @@ PulseAudioHardware::AudioObjectRemovePropertyListenerBlock(AudioObjectPropertyLi
 }
 
 void PulseAudioHardware::deliver(const PulseMirror::Notices& notices) {
+    removeAbandonedAggregates();
     struct Event {
         AudioObjectID objectID;
         AudioObjectPropertyAddress address;
@@ -428,81 +445,124 @@ OSStatus PulseAudioHardware::AudioHardwareCreateAggregateDevice(const QVariantMa
         return kAudioHardwareBadDeviceError;
     // A combined sink under this UID is a leftover of ours (a load that answered after its
     // timeout, or an earlier run): it makes way. Any other sink of that name is refused.
-    if (uidTaken &&
-        AudioHardwareDestroyAggregateDevice(m_ids.idFor(Kind::Sink, uid)) != kAudioHardwareNoError)
-        return kAudioHardwareBadDeviceError;
+    if (uidTaken) {
+        const OSStatus cleared = AudioHardwareDestroyAggregateDevice(m_ids.idFor(Kind::Sink, uid));
+        if (cleared != kAudioHardwareNoError)
+            return cleared == kAudioHardwareNotRunningError ? cleared
+                                                            : kAudioHardwareBadDeviceError;
+    }
 
     const auto server = isPipeWire() ? PulseModuleArguments::Server::PipeWire
                                      : PulseModuleArguments::Server::PulseAudio;
     std::uint32_t moduleIndex = PulseRecords::kInvalidIndex;
     OSStatus status = m_connection->loadModule(
-        kCombineModule, PulseModuleArguments::combineSink(uid, name, members, server), moduleIndex);
+        kCombineModule,
+        PulseModuleArguments::combineSink(uid, name, members, server, std::int32_t(::getpid())),
+        moduleIndex);
+    if (status == kAudioHardwareNotRunningError)
+        m_abandoned.insert(uid); // the server may still carry the load out once it answers
     if (status != kAudioHardwareNoError)
         return status;
-    // PipeWire answers the load before the sink exists: ask until it does.
-    QElapsedTimer timer;
-    timer.start();
-    while ((status = m_connection->refetchSink(uid)) != kAudioHardwareNoError &&
-           timer.elapsed() < PulseConnection::kOperationTimeoutMs)
-        QThread::msleep(20);
+    // PipeWire answers the load before the sink exists, and the module's record comes with a
+    // later event on both: wait for the events, so that whoever unloads the module right away (a
+    // group rebuilt at once) finds it as the owner of its sink.
+    status = m_connection->waitForMirror([&](const PulseMirror& mirror) {
+        const auto* sink = mirror.sink(uid);
+        return sink && sink->ownerModule == moduleIndex && mirror.module(moduleIndex);
+    });
     if (status != kAudioHardwareNoError) {
+        m_abandoned.insert(uid);
         m_connection->unloadModule(moduleIndex);
-        return kAudioHardwareUnspecifiedError;
+        return status;
     }
+    m_abandoned.remove(uid);
     outDeviceID = m_ids.idFor(Kind::Sink, uid);
     return kAudioHardwareNoError;
+}
+
+// When a combined default sink's master is gone too: rather a device than another of Ondril's own
+// sinks, which the default may outlive.
+QString PulseAudioHardware::standInSink(const QString& leaving) const {
+    return m_connection->readMirror([&](const PulseMirror& mirror) {
+        QString ownSink;
+        for (const auto* sink : mirror.sinksInServerOrder()) {
+            if (sink->name == leaving)
+                continue;
+            if (!sink->name.startsWith(kOwnSinkPrefix))
+                return sink->name;
+            if (ownSink.isEmpty())
+                ownSink = sink->name;
+        }
+        return ownSink;
+    });
 }
 
 OSStatus PulseAudioHardware::AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID) {
     const auto name = nameOf(deviceID, Kind::Sink);
     if (!name)
         return kAudioHardwareBadDeviceError;
-    const auto module =
-        m_connection->readMirror([&](const PulseMirror& mirror) -> std::optional<std::uint32_t> {
+    struct Owner {
+        std::uint32_t module;
+        QString master;
+        bool isDefault;
+        std::int32_t pid;
+    };
+    const auto owner =
+        m_connection->readMirror([&](const PulseMirror& mirror) -> std::optional<Owner> {
             const auto* sink = mirror.sink(*name);
-            const auto* owner = sink ? mirror.module(sink->ownerModule) : nullptr;
-            if (!owner || owner->name != kCombineModule)
+            const auto* module = sink ? mirror.module(sink->ownerModule) : nullptr;
+            if (!module || module->name != kCombineModule)
                 return std::nullopt;
-            return owner->index;
+            const QString master = firstSlave(module->argument);
+            return Owner{module->index, mirror.sink(master) ? master : QString(),
+                         mirror.server().defaultSink == *name, sink->ownerPid};
         });
-    if (!module)
+    if (!owner)
         return kAudioHardwareBadDeviceError;
-    // PulseAudio remembers the default sink by name: a combined sink rebuilt under the same name
-    // would become the default again while it is still being set up, streams would move into it,
-    // and PulseAudio 16's module-combine-sink then aborts the daemon (a second rate-adjust timer).
-    // Hand the default to another sink first; whoever rebuilds makes the new sink the default.
-    if (!isPipeWire()) {
-        const QString fallback = m_connection->readMirror([&](const PulseMirror& mirror) {
-            if (mirror.server().defaultSink != *name)
-                return QString();
-            // Rather a device than another of Ondril's own sinks, which the default may outlive.
-            QString ownSink;
-            for (const auto* sink : mirror.sinksInServerOrder()) {
-                if (sink->name == *name)
-                    continue;
-                if (!sink->name.startsWith(kOwnSinkPrefix))
-                    return sink->name;
-                if (ownSink.isEmpty())
-                    ownSink = sink->name;
-            }
-            return ownSink;
-        });
-        if (!fallback.isEmpty())
-            m_connection->setDefaultSink(fallback);
+    if (ownedByAnotherLiveProcess(owner->pid))
+        return kAudioHardwareIllegalOperationError;
+    // Streams that follow the default would fall to whatever sink the server picks (on
+    // PulseAudio the lowest index, often the built-in speakers) while the sink is rebuilt or
+    // removed: hand the default to the clock master first, so that sound stays on the group's
+    // devices. On PulseAudio this also matters because it remembers the default by name: a
+    // combined sink rebuilt under the same name would become the default again while still being
+    // set up, streams would move into it, and PulseAudio 16's module-combine-sink then aborts the
+    // daemon (a second rate-adjust timer). Whoever rebuilds makes the new sink the default.
+    if (owner->isDefault) {
+        const QString standIn = owner->master.isEmpty() ? standInSink(*name) : owner->master;
+        if (!standIn.isEmpty())
+            m_connection->setDefaultSink(standIn);
     }
-    const OSStatus status = m_connection->unloadModule(*module);
+    const OSStatus status = m_connection->unloadModule(owner->module);
+    if (status == kAudioHardwareNotRunningError)
+        m_abandoned.insert(*name); // removed once the server answers again
     if (status != kAudioHardwareNoError)
         return status;
-    // PulseAudio unloads a module after it has answered, and the sink's last change events may
-    // still bring it back into the mirror: wait until the server no longer knows the sink, so
-    // that an aggregate rebuilt under the same UID right away does not collide with it.
-    QElapsedTimer timer;
-    timer.start();
-    while (m_connection->refetchSink(*name) == kAudioHardwareNoError &&
-           timer.elapsed() < PulseConnection::kOperationTimeoutMs)
-        QThread::msleep(10);
-    m_connection->forgetSink(*name);
+    // PulseAudio unloads a module after it has answered: wait for the sink's removal, so that an
+    // aggregate rebuilt under the same UID right away does not collide with it.
+    if (m_connection->waitForMirror([&](const PulseMirror& mirror) {
+            return !mirror.sink(*name);
+        }) != kAudioHardwareNoError)
+        m_connection->forgetSink(*name);
     return kAudioHardwareNoError;
+}
+
+void PulseAudioHardware::removeAbandonedAggregates() {
+    const QSet<QString> abandoned = m_abandoned;
+    for (const QString& uid : abandoned) {
+        const bool present = m_connection->readMirror(
+            [&](const PulseMirror& mirror) { return mirror.sink(uid) != nullptr; });
+        if (!present)
+            continue;
+        // The sink's event may come before its module's, which brings no notice of its own.
+        m_connection->waitForMirror([&](const PulseMirror& mirror) {
+            const auto* sink = mirror.sink(uid);
+            return !sink || mirror.module(sink->ownerModule);
+        });
+        if (AudioHardwareDestroyAggregateDevice(m_ids.idFor(Kind::Sink, uid)) ==
+            kAudioHardwareNoError)
+            m_abandoned.remove(uid);
+    }
 }
 
 OSStatus PulseAudioHardware::AudioHardwareCreateProcessTap(const CATapDescription&,

@@ -4,6 +4,8 @@
 #include "platform/pulse/PulseMirror.h"
 #include "platform/pulse/PulseObjectIds.h"
 
+#include <QSet>
+
 #include <map>
 #include <memory>
 
@@ -18,9 +20,12 @@ class PulseAudioHardware : public AudioHardware {
     Q_OBJECT
 
 public:
-    // Connects and waits for the first complete picture of the server; nullptr when no server
-    // answers within `timeoutMs`.
-    static std::unique_ptr<PulseAudioHardware> connect(int timeoutMs = 1000);
+    // Connects and waits for the first complete picture of the server. When no server answers
+    // within `timeoutMs`: nullptr (Fail), or a service without devices that keeps trying and
+    // shows the server once it is there (Wait).
+    enum class Absent { Fail, Wait };
+    static std::unique_ptr<PulseAudioHardware> connect(int timeoutMs = 1000,
+                                                       Absent absent = Absent::Fail);
     ~PulseAudioHardware() override;
 
     QString backendName() const override;
@@ -69,7 +74,6 @@ private:
     };
 
     bool isPipeWire() const;
-    std::optional<PulseObjectIds::Kind> kindOf(AudioObjectID objectID) const;
     std::optional<QString> nameOf(AudioObjectID objectID, PulseObjectIds::Kind kind) const;
     OSStatus readDevice(const PulseRecords::Device& device, PulseObjectIds::Kind kind,
                         const AudioObjectPropertyAddress& address,
@@ -81,10 +85,14 @@ private:
     OSStatus setVolume(AudioObjectID deviceID, const AudioObjectPropertyAddress& address,
                        float scalar);
     OSStatus setMute(AudioObjectID deviceID, const AudioObjectPropertyAddress& address, bool mute);
+    QString standInSink(const QString& leaving) const;
     void deliver(const PulseMirror::Notices& notices);
+    // Unloads the combined sinks whose creation or removal timed out, once the server shows them.
+    void removeAbandonedAggregates();
 
     std::unique_ptr<PulseConnection> m_connection;
     mutable PulseObjectIds m_ids; // handing out an id on first sight is not a change of state
     std::map<AudioObjectPropertyListenerToken, Listener> m_listeners;
     AudioObjectPropertyListenerToken m_nextToken = 1;
+    QSet<QString> m_abandoned; // UIDs of combined sinks that must not outlive a stall
 };

@@ -15,6 +15,7 @@
 struct PulseConnection::Pending {
     struct RestoreEntry {
         std::string name;
+        std::string device;
         pa_channel_map channelMap{};
         pa_cvolume volume{};
         int mute = 0;
@@ -24,20 +25,24 @@ struct PulseConnection::Pending {
     std::condition_variable condition;
     bool done = false;
     bool success = false;
+    bool cancelled = false; // by a timeout or a lost connection: no answer came
     std::uint32_t index = PA_INVALID_INDEX;
     std::vector<RestoreEntry> pinnedEntries;
 
-    void finish(bool ok, std::uint32_t resultIndex = PA_INVALID_INDEX) {
+    void finish(bool ok, std::uint32_t resultIndex = PA_INVALID_INDEX, bool wasCancelled = false) {
         std::lock_guard lock(mutex);
+        if (done)
+            return;
         done = true;
         success = ok;
+        cancelled = wasCancelled;
         index = resultIndex;
         condition.notify_all();
     }
 };
 
-// The userdata of one request. Deleted by its callback; a request whose operation is cancelled
-// (a timeout, a lost connection) is never called back and is left behind, a few bytes per loss.
+// The userdata of one request. Deleted by its callback, or, when its operation is cancelled (a
+// timeout, a lost connection) and no callback comes, by the operation's state callback.
 struct PulseConnection::Request {
     PulseConnection* self = nullptr;
     std::shared_ptr<Pending> pending;
@@ -54,6 +59,26 @@ void finishRequest(RequestType* request, bool ok, std::uint32_t index = PA_INVAL
     if (request->pending)
         request->pending->finish(ok, index);
     delete request;
+}
+
+void requestStateChanged(pa_operation* operation, void* userdata) {
+    if (pa_operation_get_state(operation) != PA_OPERATION_CANCELLED)
+        return; // done: the answer's callback has already freed the request
+    auto* request = static_cast<Request*>(userdata);
+    if (request->pending)
+        request->pending->finish(false, PA_INVALID_INDEX, true);
+    delete request;
+}
+
+// Hands `request` to `operation` for good: freed by the answer or by the cancellation, and at
+// once when there is no operation.
+pa_operation* track(pa_operation* operation, Request* request) {
+    if (!operation) {
+        delete request;
+        return nullptr;
+    }
+    pa_operation_set_state_callback(operation, &requestStateChanged, request);
+    return operation;
 }
 
 } // namespace
@@ -89,8 +114,10 @@ bool PulseConnection::open(int timeoutMs) {
     pa_threaded_mainloop_set_name(m_mainloop, "ondril-pulse");
     if (pa_threaded_mainloop_start(m_mainloop) < 0)
         return false;
-    if (!startContext())
+    if (!startContext()) {
+        scheduleReconnect();
         return false;
+    }
     std::unique_lock lock(m_openMutex);
     m_openCondition.wait_for(lock, std::chrono::milliseconds(timeoutMs),
                              [this] { return m_openFinished; });
@@ -196,19 +223,21 @@ void PulseConnection::beginSynchronisation() {
         pa_operation_unref(operation);
     m_staging.emplace();
     m_openLists = 6;
-    auto listing = [this] { return new Request{this, nullptr, true, false}; };
+    auto list = [this](auto get, auto answered) {
+        auto* request = new Request{this, nullptr, true, false};
+        return track(get(m_context, answered, request), request);
+    };
     pa_operation* operations[] = {
-        pa_context_get_server_info(m_context, &serverAnswered, listing()),
-        pa_context_get_module_info_list(
-            m_context, ONDRIL_ANSWER(pa_module_info, fromModule, upsertModule), listing()),
-        pa_context_get_sink_info_list(m_context, ONDRIL_ANSWER(pa_sink_info, fromSink, upsertSink),
-                                      listing()),
-        pa_context_get_source_info_list(
-            m_context, ONDRIL_ANSWER(pa_source_info, fromSource, upsertSource), listing()),
-        pa_context_get_client_info_list(
-            m_context, ONDRIL_ANSWER(pa_client_info, fromClient, upsertClient), listing()),
-        pa_context_get_sink_input_info_list(
-            m_context, ONDRIL_ANSWER(pa_sink_input_info, fromSinkInput, upsertStream), listing()),
+        list(pa_context_get_server_info, &serverAnswered),
+        list(pa_context_get_module_info_list,
+             ONDRIL_ANSWER(pa_module_info, fromModule, upsertModule)),
+        list(pa_context_get_sink_info_list, ONDRIL_ANSWER(pa_sink_info, fromSink, upsertSink)),
+        list(pa_context_get_source_info_list,
+             ONDRIL_ANSWER(pa_source_info, fromSource, upsertSource)),
+        list(pa_context_get_client_info_list,
+             ONDRIL_ANSWER(pa_client_info, fromClient, upsertClient)),
+        list(pa_context_get_sink_input_info_list,
+             ONDRIL_ANSWER(pa_sink_input_info, fromSinkInput, upsertStream)),
     };
     for (pa_operation* operation : operations) {
         if (operation)
@@ -226,6 +255,8 @@ void PulseConnection::listFinished() {
         m_mirror = std::move(*m_staging);
     }
     m_staging.reset();
+    m_mirrorChanged.notify_all();
+    m_stalled = false;
     m_ready = true;
     {
         std::lock_guard lock(m_openMutex);
@@ -278,8 +309,8 @@ void PulseConnection::subscriptionEvent(pa_context*, pa_subscription_event_type_
         self->applyAndPost([&](PulseMirror& mirror) { return (mirror.*remove)(index); });
 }
 
-void PulseConnection::fetch(Apply what, std::uint32_t index, std::shared_ptr<Pending> pending) {
-    auto* request = new Request{this, std::move(pending), false, false};
+void PulseConnection::fetch(Apply what, std::uint32_t index) {
+    auto* request = new Request{this, nullptr, false, false};
     pa_operation* operation = nullptr;
     switch (what) {
     case Apply::Sink:
@@ -307,10 +338,8 @@ void PulseConnection::fetch(Apply what, std::uint32_t index, std::shared_ptr<Pen
         operation = pa_context_get_server_info(m_context, &serverAnswered, request);
         break;
     }
-    if (operation)
+    if (track(operation, request))
         pa_operation_unref(operation);
-    else
-        finishRequest(request, false);
 }
 
 void PulseConnection::applyAndPost(const std::function<PulseMirror::Notices(PulseMirror&)>& apply) {
@@ -319,6 +348,7 @@ void PulseConnection::applyAndPost(const std::function<PulseMirror::Notices(Puls
         std::lock_guard lock(m_mirrorMutex);
         notices = apply(m_staging ? *m_staging : m_mirror);
     }
+    m_mirrorChanged.notify_all();
     // While synchronising, the whole swap is announced at its end instead.
     if (!m_staging)
         post(std::move(notices));
@@ -332,50 +362,46 @@ void PulseConnection::post(PulseMirror::Notices notices) {
         Qt::QueuedConnection);
 }
 
-OSStatus
-PulseConnection::runOperation(const std::function<pa_operation*(std::shared_ptr<Pending>)>& issue,
-                              std::uint32_t* outIndex, std::shared_ptr<Pending> pending) {
-    if (!m_mainloop || !isReady())
+OSStatus PulseConnection::runOperation(const std::function<pa_operation*(Request*)>& issue,
+                                       std::uint32_t* outIndex, std::shared_ptr<Pending> pending) {
+    // After one timeout the next writes fail at once, so that a stalled server costs one user
+    // action at most one timeout, not one per request.
+    if (!m_mainloop || !isReady() || m_stalled)
         return kAudioHardwareNotRunningError;
     if (!pending)
         pending = std::make_shared<Pending>();
     pa_threaded_mainloop_lock(m_mainloop);
-    pa_operation* operation = m_context ? issue(pending) : nullptr;
+    pa_operation* operation = nullptr;
+    if (m_context) {
+        auto* request = new Request{this, pending};
+        operation = track(issue(request), request);
+    }
     pa_threaded_mainloop_unlock(m_mainloop);
     if (!operation)
         return kAudioHardwareUnspecifiedError;
 
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::milliseconds(kOperationTimeoutMs);
+    // A lost connection cancels the operation, which finishes `pending` too.
     std::unique_lock lock(pending->mutex);
-    while (!pending->done && std::chrono::steady_clock::now() < deadline) {
-        pending->condition.wait_for(lock, std::chrono::milliseconds(20));
-        if (pending->done)
-            break;
-        // A lost connection cancels the operation without calling back: look, rather than wait
-        // out the whole timeout. The callback takes `pending->mutex` under the mainloop lock, so
-        // let go of it before taking the mainloop lock.
-        lock.unlock();
-        pa_threaded_mainloop_lock(m_mainloop);
-        const pa_operation_state_t state = pa_operation_get_state(operation);
-        pa_threaded_mainloop_unlock(m_mainloop);
-        lock.lock();
-        if (state == PA_OPERATION_CANCELLED && !pending->done)
-            break;
-    }
-    const bool done = pending->done;
+    pending->condition.wait_for(lock, std::chrono::milliseconds(kOperationTimeoutMs),
+                                [&] { return pending->done; });
+    const bool answered = pending->done && !pending->cancelled;
     const bool success = pending->success;
     const std::uint32_t index = pending->index;
     lock.unlock();
 
+    // Cancelling frees the request; the callback takes `pending->mutex` under the mainloop lock,
+    // so that one is let go of first.
     pa_threaded_mainloop_lock(m_mainloop);
-    if (pa_operation_get_state(operation) == PA_OPERATION_RUNNING)
+    if (pa_operation_get_state(operation) == PA_OPERATION_RUNNING) {
         pa_operation_cancel(operation);
+        if (isReady())
+            beginStall();
+    }
     pa_operation_unref(operation);
     pa_threaded_mainloop_unlock(m_mainloop);
 
-    if (!done)
-        return isReady() ? kAudioHardwareUnspecifiedError : kAudioHardwareNotRunningError;
+    if (!answered)
+        return kAudioHardwareNotRunningError;
     if (!success)
         return kAudioHardwareUnspecifiedError;
     if (outIndex)
@@ -383,10 +409,41 @@ PulseConnection::runOperation(const std::function<pa_operation*(std::shared_ptr<
     return kAudioHardwareNoError;
 }
 
+void PulseConnection::beginStall() {
+    if (m_stalled.exchange(true) || !m_context)
+        return;
+    // The first answer after the stall ends it; its userdata is `this`, which outlives the
+    // context, so a cancelled probe leaves nothing behind.
+    if (pa_operation* probe = pa_context_get_server_info(m_context, &stallEnded, this))
+        pa_operation_unref(probe);
+}
+
+void PulseConnection::stallEnded(pa_context*, const pa_server_info*, void* userdata) {
+    auto* self = static_cast<PulseConnection*>(userdata);
+    self->m_stalled = false;
+    // Whoever gave up on the server while it was stalled looks again.
+    self->post({{PulseMirror::Target::System, {}, kAudioHardwarePropertyDevices}});
+}
+
+OSStatus PulseConnection::waitForMirror(const std::function<bool(const PulseMirror&)>& holds) {
+    if (m_stalled || !isReady())
+        return kAudioHardwareNotRunningError;
+    std::unique_lock lock(m_mirrorMutex);
+    if (m_mirrorChanged.wait_for(lock, std::chrono::milliseconds(kOperationTimeoutMs),
+                                 [&] { return holds(m_mirror); }))
+        return kAudioHardwareNoError;
+    lock.unlock();
+    pa_threaded_mainloop_lock(m_mainloop);
+    if (isReady())
+        beginStall();
+    pa_threaded_mainloop_unlock(m_mainloop);
+    return kAudioHardwareNotRunningError;
+}
+
 namespace {
 
 void successCallback(pa_context*, int success, void* userdata) {
-    finishRequest(static_cast<PulseConnection::Request*>(userdata), success != 0);
+    finishRequest(static_cast<Request*>(userdata), success != 0);
 }
 
 pa_cvolume toCVolume(const std::vector<std::uint32_t>& channelVolumes) {
@@ -400,51 +457,49 @@ pa_cvolume toCVolume(const std::vector<std::uint32_t>& channelVolumes) {
 
 } // namespace
 
-OSStatus PulseConnection::setSinkVolume(const QString& name,
-                                        const std::vector<std::uint32_t>& channelVolumes) {
-    const QByteArray sinkName = name.toUtf8();
-    const pa_cvolume volume = toCVolume(channelVolumes);
-    const OSStatus status = runOperation([&](std::shared_ptr<Pending> pending) {
-        return pa_context_set_sink_volume_by_name(m_context, sinkName.constData(), &volume,
-                                                  successCallback, new Request{this, pending});
+OSStatus PulseConnection::writeDevice(PulseMirror::Target target, const QString& name,
+                                      const DeviceWrite& write) {
+    const QByteArray deviceName = name.toUtf8();
+    const char* device = deviceName.constData();
+    const bool sink = target == PulseMirror::Target::Sink;
+    const pa_cvolume volume = toCVolume(write.volume.value_or(std::vector<std::uint32_t>{}));
+    const int mute = write.mute.value_or(false) ? 1 : 0;
+    const OSStatus status = runOperation([&](Request* request) {
+        if (write.volume)
+            return sink ? pa_context_set_sink_volume_by_name(m_context, device, &volume,
+                                                             successCallback, request)
+                        : pa_context_set_source_volume_by_name(m_context, device, &volume,
+                                                               successCallback, request);
+        return sink ? pa_context_set_sink_mute_by_name(m_context, device, mute, successCallback,
+                                                       request)
+                    : pa_context_set_source_mute_by_name(m_context, device, mute, successCallback,
+                                                         request);
     });
-    return status == kAudioHardwareNoError ? refetchSink(name) : status;
-}
-
-OSStatus PulseConnection::setSinkMute(const QString& name, bool mute) {
-    const QByteArray sinkName = name.toUtf8();
-    const OSStatus status = runOperation([&](std::shared_ptr<Pending> pending) {
-        return pa_context_set_sink_mute_by_name(m_context, sinkName.constData(), mute,
-                                                successCallback, new Request{this, pending});
-    });
-    return status == kAudioHardwareNoError ? refetchSink(name) : status;
-}
-
-OSStatus PulseConnection::setSourceVolume(const QString& name,
-                                          const std::vector<std::uint32_t>& channelVolumes) {
-    const QByteArray sourceName = name.toUtf8();
-    const pa_cvolume volume = toCVolume(channelVolumes);
-    const OSStatus status = runOperation([&](std::shared_ptr<Pending> pending) {
-        return pa_context_set_source_volume_by_name(m_context, sourceName.constData(), &volume,
-                                                    successCallback, new Request{this, pending});
-    });
-    return status == kAudioHardwareNoError ? refetchSource(name) : status;
-}
-
-OSStatus PulseConnection::setSourceMute(const QString& name, bool mute) {
-    const QByteArray sourceName = name.toUtf8();
-    const OSStatus status = runOperation([&](std::shared_ptr<Pending> pending) {
-        return pa_context_set_source_mute_by_name(m_context, sourceName.constData(), mute,
-                                                  successCallback, new Request{this, pending});
-    });
-    return status == kAudioHardwareNoError ? refetchSource(name) : status;
+    if (status != kAudioHardwareNoError)
+        return status;
+    // The server's change event follows; until then the mirror holds what was written.
+    PulseMirror::Notices notices;
+    {
+        std::lock_guard lock(m_mirrorMutex);
+        const auto* record = sink ? m_mirror.sink(name) : m_mirror.source(name);
+        if (record) {
+            PulseRecords::Device written = *record;
+            if (write.volume)
+                written.volume = *write.volume;
+            if (write.mute)
+                written.mute = *write.mute;
+            notices = sink ? m_mirror.upsertSink(written) : m_mirror.upsertSource(written);
+        }
+    }
+    post(std::move(notices));
+    return kAudioHardwareNoError;
 }
 
 OSStatus PulseConnection::setDefaultSink(const QString& name) {
     const QByteArray sinkName = name.toUtf8();
-    const OSStatus status = runOperation([&](std::shared_ptr<Pending> pending) {
+    const OSStatus status = runOperation([&](Request* request) {
         return pa_context_set_default_sink(m_context, sinkName.constData(), successCallback,
-                                           new Request{this, pending});
+                                           request);
     });
     if (status == kAudioHardwareNoError)
         takeWrittenDefault([&](PulseRecords::Server& server) { server.defaultSink = name; });
@@ -453,9 +508,9 @@ OSStatus PulseConnection::setDefaultSink(const QString& name) {
 
 OSStatus PulseConnection::setDefaultSource(const QString& name) {
     const QByteArray sourceName = name.toUtf8();
-    const OSStatus status = runOperation([&](std::shared_ptr<Pending> pending) {
+    const OSStatus status = runOperation([&](Request* request) {
         return pa_context_set_default_source(m_context, sourceName.constData(), successCallback,
-                                             new Request{this, pending});
+                                             request);
     });
     if (status == kAudioHardwareNoError)
         takeWrittenDefault([&](PulseRecords::Server& server) { server.defaultSource = name; });
@@ -477,30 +532,32 @@ void PulseConnection::takeWrittenDefault(const std::function<void(PulseRecords::
 
 OSStatus PulseConnection::moveSinkInput(std::uint32_t index, const QString& sinkName) {
     const QByteArray name = sinkName.toUtf8();
-    return runOperation([&](std::shared_ptr<Pending> pending) {
+    return runOperation([&](Request* request) {
         return pa_context_move_sink_input_by_name(m_context, index, name.constData(),
-                                                  successCallback, new Request{this, pending});
+                                                  successCallback, request);
     });
 }
 
-OSStatus PulseConnection::unpinRestoredSinkInputs() {
+OSStatus PulseConnection::unpinRestoredSinkInputs(const QString& sinkName,
+                                                  const QStringList& restoreIDs) {
+    if (restoreIDs.isEmpty())
+        return kAudioHardwareNoError;
     auto collected = std::make_shared<Pending>();
     const OSStatus read = runOperation(
-        [&](std::shared_ptr<Pending> pending) {
+        [&](Request* request) {
             return pa_ext_stream_restore_read(
                 m_context,
                 [](pa_context*, const pa_ext_stream_restore_info* info, int eol, void* userdata) {
                     auto* request = static_cast<Request*>(userdata);
-                    if (info && info->name && info->device && *info->device &&
-                        std::string_view(info->name).starts_with("sink-input-by-")) {
-                        request->pending->pinnedEntries.push_back(
-                            {info->name, info->channel_map, info->volume, info->mute});
-                    }
+                    if (info && info->name && info->device && *info->device)
+                        request->pending->pinnedEntries.push_back({info->name, info->device,
+                                                                   info->channel_map, info->volume,
+                                                                   info->mute});
                     // eol < 0: the server has no stream-restore; nothing pins anything.
                     if (eol)
                         finishRequest(request, true);
                 },
-                new Request{this, pending});
+                request);
         },
         nullptr, collected);
     if (read != kAudioHardwareNoError)
@@ -510,10 +567,11 @@ OSStatus PulseConnection::unpinRestoredSinkInputs() {
         std::lock_guard lock(collected->mutex);
         entries = collected->pinnedEntries;
     }
-    if (entries.empty())
-        return kAudioHardwareNoError;
+    const std::string pinnedTo = sinkName.toStdString();
     std::vector<pa_ext_stream_restore_info> unpinned;
     for (const auto& entry : entries) {
+        if (entry.device != pinnedTo || !restoreIDs.contains(QString::fromStdString(entry.name)))
+            continue;
         pa_ext_stream_restore_info info{};
         info.name = entry.name.c_str();
         info.channel_map = entry.channelMap;
@@ -522,10 +580,11 @@ OSStatus PulseConnection::unpinRestoredSinkInputs() {
         info.mute = entry.mute;
         unpinned.push_back(info);
     }
-    return runOperation([&](std::shared_ptr<Pending> pending) {
+    if (unpinned.empty())
+        return kAudioHardwareNoError;
+    return runOperation([&](Request* request) {
         return pa_ext_stream_restore_write(m_context, PA_UPDATE_REPLACE, unpinned.data(),
-                                           unsigned(unpinned.size()), 1, successCallback,
-                                           new Request{this, pending});
+                                           unsigned(unpinned.size()), 1, successCallback, request);
     });
 }
 
@@ -533,61 +592,22 @@ OSStatus PulseConnection::loadModule(const QString& name, const QString& argumen
                                      std::uint32_t& outIndex) {
     const QByteArray moduleName = name.toUtf8();
     const QByteArray moduleArgument = argument.toUtf8();
-    const OSStatus status = runOperation(
-        [&](std::shared_ptr<Pending> pending) {
+    return runOperation(
+        [&](Request* request) {
             return pa_context_load_module(
                 m_context, moduleName.constData(), moduleArgument.constData(),
                 [](pa_context*, std::uint32_t index, void* userdata) {
                     finishRequest(static_cast<Request*>(userdata), index != PA_INVALID_INDEX,
                                   index);
                 },
-                new Request{this, pending});
+                request);
         },
         &outIndex);
-    // The module's own record comes with a later event; fetch it now so that whoever unloads
-    // the module right away (a group rebuilt at once) finds it as the owner of its sink.
-    // Its failure leaves the load itself a success: the event brings the record later.
-    if (status == kAudioHardwareNoError)
-        refetchModule(outIndex);
-    return status;
-}
-
-OSStatus PulseConnection::refetchModule(std::uint32_t index) {
-    return runOperation([&](std::shared_ptr<Pending> pending) {
-        return pa_context_get_module_info(m_context, index,
-                                          ONDRIL_ANSWER(pa_module_info, fromModule, upsertModule),
-                                          new Request{this, pending});
-    });
 }
 
 OSStatus PulseConnection::unloadModule(std::uint32_t index) {
-    return runOperation([&](std::shared_ptr<Pending> pending) {
-        return pa_context_unload_module(m_context, index, successCallback,
-                                        new Request{this, pending});
-    });
-}
-
-OSStatus PulseConnection::refetchSink(const QString& name) {
-    const QByteArray sinkName = name.toUtf8();
-    return runOperation([&](std::shared_ptr<Pending> pending) {
-        return pa_context_get_sink_info_by_name(m_context, sinkName.constData(),
-                                                ONDRIL_ANSWER(pa_sink_info, fromSink, upsertSink),
-                                                new Request{this, pending});
-    });
-}
-
-OSStatus PulseConnection::refetchSource(const QString& name) {
-    const QByteArray sourceName = name.toUtf8();
-    return runOperation([&](std::shared_ptr<Pending> pending) {
-        return pa_context_get_source_info_by_name(
-            m_context, sourceName.constData(),
-            ONDRIL_ANSWER(pa_source_info, fromSource, upsertSource), new Request{this, pending});
-    });
-}
-
-OSStatus PulseConnection::refetchServer() {
-    return runOperation([&](std::shared_ptr<Pending> pending) {
-        return pa_context_get_server_info(m_context, &serverAnswered, new Request{this, pending});
+    return runOperation([&](Request* request) {
+        return pa_context_unload_module(m_context, index, successCallback, request);
     });
 }
 

@@ -27,9 +27,11 @@ struct pa_server_info;
 //
 // Operations are synchronous for the caller: issued under the mainloop lock, then waited for
 // outside it, at most kOperationTimeoutMs; a timeout, a server error or a lost connection is a
-// failure status, never a hang. A lost server is reconnected to with back-off (100 ms doubling to
-// 2 s, for as long as the program runs); the mirror keeps the old state until the new one is
-// complete and then is swapped in whole, announced as one resynchronisation.
+// failure status, never a hang. A server that did not answer in time counts as stalled: every
+// later operation fails at once (kAudioHardwareNotRunningError) until the server answers a probe,
+// which is announced as a change of the device list. A lost server is reconnected to with back-off
+// (100 ms doubling to 2 s, for as long as the program runs); the mirror keeps the old state until
+// the new one is complete and then is swapped in whole, announced as one resynchronisation.
 class PulseConnection : public QObject {
     Q_OBJECT
 
@@ -40,7 +42,7 @@ public:
     ~PulseConnection() override;
 
     // Starts the mainloop and waits until the first mirror is complete; false if no server
-    // answered within `timeoutMs`.
+    // answered within `timeoutMs`. Either way the connection keeps trying in the background.
     bool open(int timeoutMs);
     bool isReady() const { return m_ready.load(std::memory_order_relaxed); }
 
@@ -49,24 +51,26 @@ public:
         std::lock_guard lock(m_mirrorMutex);
         return read(m_mirror);
     }
+    // Waits (at most kOperationTimeoutMs) until `holds` is true of the mirror, for what the
+    // server's own events bring in; a timeout counts as a stall.
+    OSStatus waitForMirror(const std::function<bool(const PulseMirror&)>& holds);
 
-    OSStatus setSinkVolume(const QString& name, const std::vector<std::uint32_t>& channelVolumes);
-    OSStatus setSinkMute(const QString& name, bool mute);
-    OSStatus setSourceVolume(const QString& name, const std::vector<std::uint32_t>& channelVolumes);
-    OSStatus setSourceMute(const QString& name, bool mute);
+    // A volume (one value per channel) or a mute, written to a sink or source in one request;
+    // the mirror holds the written value when it returns.
+    struct DeviceWrite {
+        std::optional<std::vector<std::uint32_t>> volume;
+        std::optional<bool> mute;
+    };
+    OSStatus writeDevice(PulseMirror::Target target, const QString& name, const DeviceWrite& write);
     OSStatus setDefaultSink(const QString& name);
     OSStatus setDefaultSource(const QString& name);
     OSStatus moveSinkInput(std::uint32_t index, const QString& sinkName);
-    // Drops the sink a stream-restore entry pins sink-inputs to, so that they follow the default.
-    // Without module-stream-restore there is nothing to drop: that is success.
-    OSStatus unpinRestoredSinkInputs();
+    // Drops `sinkName` from the stream-restore entries named in `restoreIDs`, so that those
+    // streams follow the default; entries that name another sink stay as they are. Without
+    // module-stream-restore there is nothing to drop: that is success.
+    OSStatus unpinRestoredSinkInputs(const QString& sinkName, const QStringList& restoreIDs);
     OSStatus loadModule(const QString& name, const QString& argument, std::uint32_t& outIndex);
     OSStatus unloadModule(std::uint32_t index);
-    // Fetches the object again and waits until the mirror holds the answer.
-    OSStatus refetchSink(const QString& name);
-    OSStatus refetchSource(const QString& name);
-    OSStatus refetchServer();
-    OSStatus refetchModule(std::uint32_t index);
     // Takes a sink out of the mirror at once, after the caller removed it on the server.
     void forgetSink(const QString& name);
 
@@ -86,11 +90,12 @@ private:
     template <typename Info, auto Convert, auto Upsert>
     static void infoAnswered(pa_context* context, const Info* info, int eol, void* userdata);
     static void serverAnswered(pa_context* context, const pa_server_info* info, void* userdata);
+    static void stallEnded(pa_context* context, const pa_server_info* info, void* userdata);
     static void contextStateChanged(pa_context* context, void* userdata);
     static void subscriptionEvent(pa_context* context, pa_subscription_event_type_t type,
                                   std::uint32_t index, void* userdata);
     void beginSynchronisation();
-    void fetch(Apply what, std::uint32_t index, std::shared_ptr<Pending> pending = {});
+    void fetch(Apply what, std::uint32_t index);
     void applyAndPost(const std::function<PulseMirror::Notices(PulseMirror&)>& apply);
     void listFinished();
     void post(PulseMirror::Notices notices);
@@ -99,16 +104,19 @@ private:
     bool startContext();
     void connectionLost();
     void scheduleReconnect();
-    OSStatus runOperation(const std::function<pa_operation*(std::shared_ptr<Pending>)>& issue,
+    void beginStall(); // under the mainloop lock
+    OSStatus runOperation(const std::function<pa_operation*(Request*)>& issue,
                           std::uint32_t* outIndex = nullptr, std::shared_ptr<Pending> pending = {});
 
     pa_threaded_mainloop* m_mainloop = nullptr;
     pa_context* m_context = nullptr;
     std::atomic<bool> m_ready{false};
+    std::atomic<bool> m_stalled{false};
     std::atomic<bool> m_closing{false};
     int m_openLists = 0; // mainloop thread, while synchronising
 
     mutable std::mutex m_mirrorMutex;
+    std::condition_variable m_mirrorChanged;
     PulseMirror m_mirror;
     std::optional<PulseMirror> m_staging; // mainloop thread only, while synchronising
 

@@ -3,6 +3,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <cstdint>
+
 // The argument line of module-combine-sink for an aggregate. The two servers parse module
 // arguments differently: PulseAudio unescapes a backslash inside quotes, PipeWire 0.3 keeps it.
 // A description with blanks and an apostrophe survives on PulseAudio as written; on PipeWire the
@@ -14,8 +16,9 @@ public:
 
     // `slaves` in the order they are given: the first is the clock master by convention, since
     // neither server takes a clock-master argument (both resample the others against the first).
+    // `ownerPid` goes into the sink's properties, so that other Ondril processes leave it alone.
     static QString combineSink(const QString& sinkName, const QString& description,
-                               const QStringList& slaves, Server server);
+                               const QStringList& slaves, Server server, std::int32_t ownerPid);
     // What a description turns into on the server.
     static QString quotableDescription(const QString& description, Server server);
 };

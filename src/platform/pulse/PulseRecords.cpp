@@ -41,15 +41,36 @@ std::uint32_t guessTransportType(const QString& name, const QString& driver,
     return kAudioDeviceTransportTypeVirtual;
 }
 
-std::int32_t pidOf(const pa_proplist* properties) {
+std::int32_t pidOf(const pa_proplist* properties,
+                   const char* key = PA_PROP_APPLICATION_PROCESS_ID) {
     bool ok = false;
-    const int pid = property(properties, PA_PROP_APPLICATION_PROCESS_ID).toInt(&ok);
+    const int pid = property(properties, key).toInt(&ok);
     return ok ? pid : 0;
 }
 
 QString binaryOf(const pa_proplist* properties) {
     const QString binary = property(properties, PA_PROP_APPLICATION_PROCESS_BINARY);
     return binary.isEmpty() ? property(properties, PA_PROP_APPLICATION_NAME) : binary;
+}
+
+// The name module-stream-restore files a stream under: its own id property, else the first of
+// role, application id, application name and media name.
+QString restoreIDOf(const pa_proplist* properties) {
+    const QString own = property(properties, "module-stream-restore.id");
+    if (!own.isEmpty())
+        return own;
+    const std::pair<const char*, const char*> keys[] = {
+        {PA_PROP_MEDIA_ROLE, "media-role"},
+        {PA_PROP_APPLICATION_ID, "application-id"},
+        {PA_PROP_APPLICATION_NAME, "application-name"},
+        {PA_PROP_MEDIA_NAME, "media-name"},
+    };
+    for (const auto& [key, kind] : keys) {
+        const QString value = property(properties, key);
+        if (!value.isEmpty())
+            return QStringLiteral("sink-input-by-%1:%2").arg(QLatin1String(kind), value);
+    }
+    return {};
 }
 
 // Sinks and sources are described by two structures with the same fields.
@@ -63,6 +84,7 @@ template <typename Info> PulseRecords::Device fromDeviceInfo(const Info& info) {
     device.ownerModule = info.owner_module;
     device.transportType = guessTransportType(
         device.name, QString::fromUtf8(info.driver ? info.driver : ""), info.proplist);
+    device.ownerPid = pidOf(info.proplist, PulseRecords::kOwnerPidProperty);
     return device;
 }
 
@@ -89,6 +111,7 @@ Stream fromSinkInput(const pa_sink_input_info& info) {
     stream.corked = info.corked != 0;
     stream.pid = pidOf(info.proplist);
     stream.binary = binaryOf(info.proplist);
+    stream.restoreID = restoreIDOf(info.proplist);
     return stream;
 }
 

@@ -17,6 +17,8 @@ struct pa_server_info;
 namespace PulseRecords {
 
 constexpr std::uint32_t kInvalidIndex = 0xffffffffu;
+// A combined sink's property naming the pid of the Ondril process that made it.
+constexpr const char* kOwnerPidProperty = "ondril.owner.pid";
 
 struct Device {
     std::uint32_t index = kInvalidIndex;
@@ -27,6 +29,7 @@ struct Device {
     std::uint32_t ownerModule = kInvalidIndex;
     std::uint32_t transportType = 0;
     bool isMonitor = false;
+    std::int32_t ownerPid = 0; // the Ondril process that made a combined sink, 0 for any other
     std::uint32_t channels() const { return std::uint32_t(volume.size()); }
     friend bool operator==(const Device&, const Device&) = default;
 };
@@ -39,6 +42,7 @@ struct Stream {
     bool corked = false;
     std::int32_t pid = 0; // from the stream's own properties, 0 when it has none
     QString binary;
+    QString restoreID; // the stream-restore entry that remembers the stream's sink, if any
     friend bool operator==(const Stream&, const Stream&) = default;
 };
 

@@ -116,13 +116,13 @@ private slots:
         mirror.upsertClient({1, 4242, "firefox"});
         mirror.upsertClient({2, 5151, "mpv"});
         // A stream without a pid of its own takes the client's; a module's stream has no client.
-        QCOMPARE(mirror.upsertStream({10, 1, 0, PulseRecords::kInvalidIndex, true, 0, ""}),
+        QCOMPARE(mirror.upsertStream({10, 1, 0, PulseRecords::kInvalidIndex, true, 0, "", ""}),
                  PulseMirror::Notices{kProcessList});
-        mirror.upsertStream({11, 1, 0, PulseRecords::kInvalidIndex, false, 4242, "firefox"});
+        mirror.upsertStream({11, 1, 0, PulseRecords::kInvalidIndex, false, 4242, "firefox", ""});
         // PipeWire: a stream being placed has no sink yet and is corked.
-        mirror.upsertStream(
-            {12, 2, PulseRecords::kInvalidIndex, PulseRecords::kInvalidIndex, true, 5151, "mpv"});
-        mirror.upsertStream({13, PulseRecords::kInvalidIndex, 0, 9, false, 0, ""});
+        mirror.upsertStream({12, 2, PulseRecords::kInvalidIndex, PulseRecords::kInvalidIndex, true,
+                             5151, "mpv", ""});
+        mirror.upsertStream({13, PulseRecords::kInvalidIndex, 0, 9, false, 0, "", ""});
         const auto processes = mirror.processes();
         QCOMPARE(processes.size(), std::size_t(2));
         QCOMPARE(processes[0].pid, 4242);
@@ -141,22 +141,23 @@ private slots:
         using S = PulseModuleArguments::Server;
         QTest::newRow("PulseAudio blank and apostrophe")
             << int(S::PulseAudio) << "Tom's Desk"
-            << "sink_name=g slaves=a,b sink_properties='device.description=\"Tom\\'s Desk\"'";
+            << "sink_name=g slaves=a,b sink_properties='device.description=\"Tom\\'s Desk\" "
+               "ondril.owner.pid=42'";
         QTest::newRow("PipeWire blank and apostrophe")
             << int(S::PipeWire) << "Tom's Desk"
             << QString("sink_name=g slaves=a,b sink_properties=\"device.description='Tom") +
-                   QChar(0x2019) + "s Desk'\"";
+                   QChar(0x2019) + "s Desk' ondril.owner.pid=42\"";
         QTest::newRow("double quote and backslash")
             << int(S::PulseAudio) << "A \"B\" \\C"
             << QString("sink_name=g slaves=a,b sink_properties='device.description=\"A ") +
-                   QChar(0x201D) + "B" + QChar(0x201D) + " C\"'";
+                   QChar(0x201D) + "B" + QChar(0x201D) + " C\" ondril.owner.pid=42'";
     }
     void combineArgumentsQuoteTheDescriptionForEachServer() {
         QFETCH(int, server);
         QFETCH(QString, description);
         QFETCH(QString, expected);
         QCOMPARE(PulseModuleArguments::combineSink("g", description, {"a", "b"},
-                                                   PulseModuleArguments::Server(server)),
+                                                   PulseModuleArguments::Server(server), 42),
                  expected);
     }
 };
