@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 
 #include "appaudio/AppAudioManager.h"
+#include "configs/ConfigManager.h"
 #include "groups/GroupManager.h"
 
 #include <QCoreApplication>
@@ -14,6 +15,8 @@ AppDelegate::AppDelegate(QObject* parent)
     GroupManager::shared();
     // Then the per-app records: each stored record is applied before the panel is ever opened.
     AppAudioManager::shared();
+    // The quick configs last: they drive all three, and hear of every deleted group.
+    ConfigManager::shared();
     // A clean quit stops every session first, so that each application plays as if Ondril had
     // never run.
     connect(qApp, &QCoreApplication::aboutToQuit, this,
