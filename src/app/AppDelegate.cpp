@@ -8,8 +8,9 @@
 
 #include <QTimer>
 
-AppDelegate::AppDelegate(QObject* parent)
-    : QObject(parent) {
+AppDelegate::AppDelegate(bool headless, QObject* parent)
+    : QObject(parent)
+    , m_headless(headless) {
     // Launch order: the group manager reaches for the device manager first, so devices are
     // enumerated, then groups loaded, leftovers destroyed and the active group's restore queued.
     GroupManager::shared();
@@ -25,5 +26,6 @@ AppDelegate::AppDelegate(QObject* parent)
 }
 
 void AppDelegate::applicationDidFinishLaunching() {
-    // The status item, hot keys, volume keys and the rest attach here as they come.
+    // The status item, hot keys, volume keys and the rest attach here as they come, unless
+    // m_headless says there is no display to put them on.
 }

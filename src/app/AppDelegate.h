@@ -8,8 +8,11 @@ class AppDelegate : public QObject {
     Q_OBJECT
 
 public:
-    explicit AppDelegate(QObject* parent = nullptr);
+    // Headless: the whole engine, and nothing that needs a display.
+    explicit AppDelegate(bool headless = false, QObject* parent = nullptr);
 
 private:
     void applicationDidFinishLaunching();
+
+    bool m_headless = false;
 };

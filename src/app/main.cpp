@@ -1,5 +1,8 @@
 #include "app/AppDelegate.h"
 #include "app/CommandLine.h"
+#include "app/ControlCommand.h"
+#include "app/InstanceChannel.h"
+#include "app/InstanceClient.h"
 #include "platform/AudioBackend.h"
 
 #include <QCommandLineParser>
@@ -19,6 +22,7 @@ void printLine(FILE* stream, const QString& line) {
 // The options shared by the program and its subcommands; subcommands get the rest of the line.
 struct Invocation {
     AudioBackend::Choice backend = AudioBackend::Choice::automatic;
+    bool headless = false;
     QString subcommand;
     QStringList subcommandArguments;
 };
@@ -46,13 +50,18 @@ std::optional<Invocation> parseInvocation(const QStringList& arguments, int& exi
         QStringLiteral("Ondril: several outputs as one, per-app volume, automatic switching.\n\n"
                        "Subcommands:\n"
                        "  devices [--json]       list output and input devices\n"
-                       "  defaults read|write|delete ...   read and edit the settings store"));
+                       "  defaults read|write|delete ...   read and edit the settings store\n"
+                       "  status [--json]        what the running instance does\n"
+                       "  groups|apps|configs ...   list or change them in the running instance\n"
+                       "  ondril:URL...          hand URL commands to the running instance"));
     parser.addHelpOption();
     parser.addVersionOption();
     QCommandLineOption backendOption(QStringLiteral("backend"),
                                      QStringLiteral("Audio service: auto, pulse or simulated."),
                                      QStringLiteral("backend"), QStringLiteral("auto"));
     parser.addOption(backendOption);
+    parser.addOption({QStringLiteral("headless"),
+                      QStringLiteral("Run the engine only: no tray, no panel, no display.")});
     parser.addPositionalArgument(QStringLiteral("subcommand"),
                                  QStringLiteral("devices or defaults"),
                                  QStringLiteral("[subcommand [arguments...]]"));
@@ -71,6 +80,7 @@ std::optional<Invocation> parseInvocation(const QStringList& arguments, int& exi
     }
 
     Invocation invocation;
+    invocation.headless = parser.isSet(QStringLiteral("headless"));
     QString backend = parser.value(backendOption);
     const QStringList positional = parser.positionalArguments();
     if (!positional.isEmpty()) {
@@ -101,6 +111,40 @@ bool installAudioBackend(AudioBackend::Choice choice) {
     return true;
 }
 
+// --- One running instance ------------------------------------------------------------------
+// The name (or socket) is claimed before the engine starts: a second launch hands over to the
+// running instance and leaves without touching the sound server.
+int runInstance(int argc, char* argv[], const Invocation& invocation, bool headless) {
+    std::unique_ptr<QCoreApplication> app;
+    if (headless)
+        app = std::make_unique<QCoreApplication>(argc, argv);
+    else
+        app = std::make_unique<QGuiApplication>(argc, argv);
+    InstanceChannel channel;
+    switch (channel.claim()) {
+    case InstanceChannel::Claim::secondary: {
+        InstanceClient client;
+        printLine(stderr, QStringLiteral("already running; the running instance goes on"));
+        if (!client.activate())
+            printLine(stderr, client.failure());
+        return 0;
+    }
+    case InstanceChannel::Claim::unavailable:
+        printLine(stderr,
+                  QStringLiteral("no control from other programs: %1").arg(channel.failure()));
+        break;
+    case InstanceChannel::Claim::primary:
+        break;
+    }
+    if (!headless)
+        QGuiApplication::setQuitOnLastWindowClosed(false);
+    if (!installAudioBackend(invocation.backend))
+        return 1;
+    AppDelegate delegate(headless);
+    return app->exec();
+}
+// ---------------------------------------------------------------------------------------------
+
 bool hasDisplay() {
     return !qEnvironmentVariableIsEmpty("DISPLAY") ||
            !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") ||
@@ -122,6 +166,16 @@ int main(int argc, char* argv[]) {
     auto invocation = parseInvocation(arguments, exitStatus);
     if (!invocation)
         return exitStatus;
+    // Commands for the running instance: no display, no sound server of their own.
+    if (ControlCommand::looksLikeURL(invocation->subcommand)) {
+        QCoreApplication app(argc, argv);
+        return ControlCommand::openURLs(QStringList{invocation->subcommand} +
+                                        invocation->subcommandArguments);
+    }
+    if (ControlCommand::isControlSubcommand(invocation->subcommand)) {
+        QCoreApplication app(argc, argv);
+        return ControlCommand::run(invocation->subcommand, invocation->subcommandArguments);
+    }
     if (!invocation->subcommand.isEmpty() && invocation->subcommand != QLatin1String("defaults") &&
         invocation->subcommand != QLatin1String("devices")) {
         printLine(stderr, QStringLiteral("unknown subcommand '%1' (see ondril --help)")
@@ -139,17 +193,11 @@ int main(int argc, char* argv[]) {
         return DevicesCommand::run(invocation->subcommandArguments);
     }
 
-    if (!hasDisplay()) {
-        printLine(
-            stderr,
-            QStringLiteral(
-                "no display to show the tray icon on (DISPLAY and WAYLAND_DISPLAY are unset)"));
-        return 1;
+    bool headless = invocation->headless;
+    if (!headless && !hasDisplay()) {
+        printLine(stderr, QStringLiteral("no display (DISPLAY and WAYLAND_DISPLAY are unset): "
+                                         "running headless, without tray or panel"));
+        headless = true;
     }
-    QGuiApplication app(argc, argv);
-    QGuiApplication::setQuitOnLastWindowClosed(false);
-    if (!installAudioBackend(invocation->backend))
-        return 1;
-    AppDelegate delegate;
-    return app.exec();
+    return runInstance(argc, argv, *invocation, headless);
 }
