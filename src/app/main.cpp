@@ -3,6 +3,7 @@
 #include "app/ControlCommand.h"
 #include "app/InstanceChannel.h"
 #include "app/InstanceClient.h"
+#include "app/QuitOnSignal.h"
 #include "platform/AudioBackend.h"
 
 #include <QCommandLineParser>
@@ -141,6 +142,7 @@ int runInstance(int argc, char* argv[], const Invocation& invocation, bool headl
     if (!installAudioBackend(invocation.backend))
         return 1;
     AppDelegate delegate(headless);
+    QuitOnSignal quitOnSignal;
     return app->exec();
 }
 // ---------------------------------------------------------------------------------------------

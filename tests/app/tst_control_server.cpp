@@ -6,6 +6,7 @@
 #include "platform/UserDefaults.h"
 
 #include <QDeadlineTimer>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -110,12 +111,21 @@ private slots:
         QCOMPARE(runOndril({"configs", "apply", "desk"}).exitCode, 0);
         QVERIFY(eventually([this] { return groupIsDefault(); }));
 
+        QCOMPARE(runOndril({"apps", "set", "org.example.Player", "--volume", "150", "--mute", "on"})
+                     .exitCode,
+                 0);
+        const QJsonObject player = status().value("apps").toArray().first().toObject();
+        QCOMPARE(player.value("bundleID").toString(), QStringLiteral("org.example.Player"));
+        QCOMPARE(player.value("volume").toDouble(), 1.5);
+        QCOMPARE(player.value("muted").toBool(), true);
+
         run = runOndril({QStringLiteral("ondril://mute"), QStringLiteral("https://example.org")});
         QCOMPARE(run.exitCode, 2);
         QVERIFY(run.err.contains("not an ondril: URL"));
 
         instance->terminate();
         QVERIFY(instance->waitForFinished(10000));
+        QCOMPARE(instance->exitStatus(), QProcess::NormalExit); // quit, not killed
         run = runOndril({QStringLiteral("status")});
         QCOMPARE(run.exitCode, 1);
         QVERIFY2(run.err.contains("not running"), run.err.constData());
