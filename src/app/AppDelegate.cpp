@@ -2,6 +2,7 @@
 
 #include "app/AppSettings.h"
 #include "appaudio/AppAudioManager.h"
+#include "configs/ConfigManager.h"
 #include "control/VolumeKeyMonitor.h"
 #include "devices/AudioDeviceManager.h"
 #include "groups/GroupManager.h"
@@ -12,19 +13,23 @@
 #include <QScreen>
 #include <QTimer>
 
-AppDelegate::AppDelegate(QObject* parent)
-    : QObject(parent) {
-    // The group manager reaches for the device manager first, so devices are enumerated, then
-    // groups loaded, leftovers destroyed and the active group's restore queued.
+AppDelegate::AppDelegate(bool headless, QObject* parent)
+    : QObject(parent)
+    , m_headless(headless) {
+    // Launch order: the group manager reaches for the device manager first, so devices are
+    // enumerated, then groups loaded, leftovers destroyed and the active group's restore queued.
     GroupManager::shared();
     // Then the per-app records: each stored record is applied before the panel is ever opened.
     AppAudioManager::shared();
+    // The quick configs last: they drive all three, and hear of every deleted group.
+    ConfigManager::shared();
     // A clean quit stops every session first, so that each application plays as if Ondril had
     // never run.
     connect(qApp, &QCoreApplication::aboutToQuit, this,
             [] { AppAudioManager::shared().stopAllSessions(); });
-    m_panelController =
-        std::make_unique<PanelController>(AudioDeviceManager::shared(), AppSettings::shared());
+    if (!m_headless)
+        m_panelController =
+            std::make_unique<PanelController>(AudioDeviceManager::shared(), AppSettings::shared());
     // Launch finishes before the queued restore of the active group runs, so that what a restored
     // group needs (the volume-key monitor) is in place.
     applicationDidFinishLaunching();
@@ -33,6 +38,9 @@ AppDelegate::AppDelegate(QObject* parent)
 AppDelegate::~AppDelegate() = default;
 
 void AppDelegate::applicationDidFinishLaunching() {
+    if (m_headless)
+        return; // the status item, the volume keys and the panel all need a display
+
     // The status item, with its scroll handling and its icon following the group manager.
     m_statusItem =
         std::make_unique<StatusItemController>(GroupManager::shared(), AppSettings::shared(),

@@ -15,12 +15,15 @@ class AppDelegate : public QObject {
     Q_OBJECT
 
 public:
-    explicit AppDelegate(QObject* parent = nullptr);
+    // Headless: the whole engine, and nothing that needs a display.
+    explicit AppDelegate(bool headless = false, QObject* parent = nullptr);
     ~AppDelegate() override;
 
 private:
     void applicationDidFinishLaunching();
 
+    bool m_headless = false;
+    // Neither exists when headless.
     std::unique_ptr<PanelController> m_panelController;
     std::unique_ptr<StatusItemController> m_statusItem;
 };

@@ -1,5 +1,9 @@
 #include "app/AppDelegate.h"
 #include "app/CommandLine.h"
+#include "app/ControlCommand.h"
+#include "app/InstanceChannel.h"
+#include "app/InstanceClient.h"
+#include "app/QuitOnSignal.h"
 #include "platform/AudioBackend.h"
 #include "platform/DisplayPlatform.h"
 
@@ -20,6 +24,7 @@ void printLine(FILE* stream, const QString& line) {
 // The options shared by the program and its subcommands; subcommands get the rest of the line.
 struct Invocation {
     AudioBackend::Choice backend = AudioBackend::Choice::automatic;
+    bool headless = false;
     QString subcommand;
     QStringList subcommandArguments;
 };
@@ -48,7 +53,10 @@ std::optional<Invocation> parseInvocation(const QStringList& arguments, int& exi
                        "Subcommands:\n"
                        "  devices [--json]       list output and input devices\n"
                        "  defaults read|write|delete ...   read and edit the settings store\n"
-                       "Each subcommand has its own --help."));
+                       "  status [--json]        what the running instance does\n"
+                       "  groups|apps|configs ...   list or change them in the running instance\n"
+                       "  ondril:URL...          hand URL commands to the running instance\n"
+                       "devices and defaults each have their own --help."));
     // Our own help option: Qt's would also offer --help-all, which has nothing more to show.
     const QCommandLineOption helpOption({QStringLiteral("h"), QStringLiteral("help")},
                                         QStringLiteral("Displays this help."));
@@ -58,6 +66,8 @@ std::optional<Invocation> parseInvocation(const QStringList& arguments, int& exi
                                      QStringLiteral("Audio service: auto, pulse or simulated."),
                                      QStringLiteral("backend"), QStringLiteral("auto"));
     parser.addOption(backendOption);
+    parser.addOption({QStringLiteral("headless"),
+                      QStringLiteral("Run the engine only: no tray, no panel, no display.")});
     parser.addPositionalArgument(QStringLiteral("subcommand"),
                                  QStringLiteral("devices or defaults"),
                                  QStringLiteral("[subcommand [arguments...]]"));
@@ -81,6 +91,7 @@ std::optional<Invocation> parseInvocation(const QStringList& arguments, int& exi
     }
 
     Invocation invocation;
+    invocation.headless = parser.isSet(QStringLiteral("headless"));
     QString backend = parser.value(backendOption);
     const QStringList positional = parser.positionalArguments();
     if (!positional.isEmpty()) {
@@ -111,6 +122,43 @@ bool installAudioBackend(AudioBackend::Choice choice) {
     return true;
 }
 
+// --- One running instance ------------------------------------------------------------------
+// The name (or socket) is claimed before the engine starts: a second launch hands over to the
+// running instance and leaves without touching the sound server.
+int runInstance(int argc, char* argv[], const Invocation& invocation, bool headless) {
+    std::unique_ptr<QCoreApplication> app;
+    if (headless) {
+        app = std::make_unique<QCoreApplication>(argc, argv);
+    } else {
+        DisplayPlatform::choose();
+        app = std::make_unique<QGuiApplication>(argc, argv);
+    }
+    InstanceChannel channel;
+    switch (channel.claim()) {
+    case InstanceChannel::Claim::secondary: {
+        InstanceClient client;
+        printLine(stderr, QStringLiteral("already running; the running instance goes on"));
+        if (!client.activate())
+            printLine(stderr, client.failure());
+        return 0;
+    }
+    case InstanceChannel::Claim::unavailable:
+        printLine(stderr,
+                  QStringLiteral("no control from other programs: %1").arg(channel.failure()));
+        break;
+    case InstanceChannel::Claim::primary:
+        break;
+    }
+    if (!headless)
+        QGuiApplication::setQuitOnLastWindowClosed(false);
+    if (!installAudioBackend(invocation.backend))
+        return 1;
+    AppDelegate delegate(headless);
+    QuitOnSignal quitOnSignal;
+    return app->exec();
+}
+// ---------------------------------------------------------------------------------------------
+
 bool hasDisplay() {
     return !qEnvironmentVariableIsEmpty("DISPLAY") ||
            !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") ||
@@ -132,6 +180,16 @@ int main(int argc, char* argv[]) {
     auto invocation = parseInvocation(arguments, exitStatus);
     if (!invocation)
         return exitStatus;
+    // Commands for the running instance: no display, no sound server of their own.
+    if (ControlCommand::looksLikeURL(invocation->subcommand)) {
+        QCoreApplication app(argc, argv);
+        return ControlCommand::openURLs(QStringList{invocation->subcommand} +
+                                        invocation->subcommandArguments);
+    }
+    if (ControlCommand::isControlSubcommand(invocation->subcommand)) {
+        QCoreApplication app(argc, argv);
+        return ControlCommand::run(invocation->subcommand, invocation->subcommandArguments);
+    }
     if (!invocation->subcommand.isEmpty() && invocation->subcommand != QLatin1String("defaults") &&
         invocation->subcommand != QLatin1String("devices")) {
         printLine(stderr, QStringLiteral("unknown subcommand '%1' (see ondril --help)")
@@ -151,19 +209,11 @@ int main(int argc, char* argv[]) {
         return DevicesCommand::run(invocation->subcommandArguments);
     }
 
-    if (!hasDisplay()) {
-        printLine(
-            stderr,
-            QStringLiteral("no display to show the tray icon on (DISPLAY and WAYLAND_DISPLAY are "
-                           "unset); run it in a desktop session, or use the subcommands, which "
-                           "need none: ondril devices, ondril defaults (see ondril --help)"));
-        return 1;
+    bool headless = invocation->headless;
+    if (!headless && !hasDisplay()) {
+        printLine(stderr, QStringLiteral("no display (DISPLAY and WAYLAND_DISPLAY are unset): "
+                                         "running headless, without tray or panel"));
+        headless = true;
     }
-    DisplayPlatform::choose();
-    QGuiApplication app(argc, argv);
-    QGuiApplication::setQuitOnLastWindowClosed(false);
-    if (!installAudioBackend(invocation->backend))
-        return 1;
-    AppDelegate delegate;
-    return app.exec();
+    return runInstance(argc, argv, *invocation, headless);
 }

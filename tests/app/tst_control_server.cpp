@@ -1,0 +1,151 @@
+#include "PrivateSoundServer.h"
+#include "TestSupport.h"
+
+#include "app/AppSettings.h"
+#include "groups/OutputGroupCodec.h"
+#include "platform/UserDefaults.h"
+
+#include <QDeadlineTimer>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QtTest>
+
+#include <functional>
+
+// A running `ondril --headless` on a private sound server, driven from other processes the way
+// scripts and launchers drive it: URLs, the command line, and the one-instance rule.
+class TestControlOnServer : public QObject {
+    Q_OBJECT
+
+private:
+    struct Run {
+        int exitCode = -1;
+        QByteArray out;
+        QByteArray err;
+    };
+
+    static QString ondril() { return TestSupport::helperDirectory() + QStringLiteral("/ondril"); }
+
+    static Run runOndril(const QStringList& arguments) {
+        QProcess process;
+        process.start(ondril(), arguments);
+        Run run;
+        if (!process.waitForFinished(30000))
+            return run;
+        run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        run.out = process.readAllStandardOutput();
+        run.err = process.readAllStandardError();
+        return run;
+    }
+
+    static std::unique_ptr<QProcess> startHeadless() {
+        auto process = std::make_unique<QProcess>();
+        process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        process->start(ondril(), {QStringLiteral("--headless"), QStringLiteral("--backend=pulse")});
+        return process;
+    }
+
+    // An outside process's effect shows after its own time: wait for it, with a generous bound.
+    static bool eventually(const std::function<bool()>& condition) {
+        QDeadlineTimer deadline(20000);
+        while (!condition()) {
+            if (deadline.hasExpired())
+                return false;
+            QThread::msleep(50);
+        }
+        return true;
+    }
+
+    static bool answers() { return runOndril({QStringLiteral("status")}).exitCode == 0; }
+
+    QJsonObject status() const {
+        return QJsonDocument::fromJson(runOndril({"status", "--json"}).out).object();
+    }
+
+    bool groupIsDefault() const {
+        return m_server->defaultSinkName().startsWith(
+            QLatin1String("com.kestrivane.ondril.group."));
+    }
+
+    QTemporaryDir m_config;
+    std::unique_ptr<PrivateSoundServer> m_server;
+
+private slots:
+    void initTestCase() {
+        // Every `ondril` started here reads the settings of this test, and nobody else's.
+        qputenv("XDG_CONFIG_HOME", m_config.path().toUtf8());
+        qunsetenv("DISPLAY");
+        QString error;
+        m_server = PrivateSoundServer::startFromEnvironment(error);
+        if (!m_server)
+            QFAIL(qPrintable(error));
+        OutputGroup group;
+        group.id = QUuid::createUuid();
+        group.name = QStringLiteral("Both Displays");
+        group.memberUIDs = {QStringLiteral("studio_left"), QStringLiteral("studio_right")};
+        group.masterUID = group.memberUIDs.first();
+        UserDefaults defaults(UserDefaults::standardFilePath());
+        QVERIFY(defaults.setData(*OutputGroupCodec::encode({group}), SettingsKeys::groups));
+        QVERIFY(m_server->pactl({"set-default-sink", "builtin"}));
+    }
+
+    void cleanupTestCase() { m_server.reset(); }
+
+    void urlsAndCommandsReachTheRunningInstance() {
+        auto instance = startHeadless();
+        QVERIFY(eventually(answers));
+
+        Run run = runOndril({QStringLiteral("ondril://activate?group=Both%20Displays")});
+        QCOMPARE(run.exitCode, 0);
+        QVERIFY(eventually([this] { return groupIsDefault(); }));
+        QCOMPARE(status().value("activeGroup").toObject().value("name").toString(),
+                 QStringLiteral("Both Displays"));
+
+        QCOMPARE(runOndril({QStringLiteral("ondril://config?save=Desk")}).exitCode, 0);
+        QCOMPARE(runOndril({"groups", "deactivate"}).exitCode, 0);
+        QVERIFY(eventually([this] { return m_server->defaultSinkName() == "builtin"; }));
+        QCOMPARE(runOndril({"configs", "apply", "desk"}).exitCode, 0);
+        QVERIFY(eventually([this] { return groupIsDefault(); }));
+
+        QCOMPARE(runOndril({"apps", "set", "org.example.Player", "--volume", "150", "--mute", "on"})
+                     .exitCode,
+                 0);
+        const QJsonObject player = status().value("apps").toArray().first().toObject();
+        QCOMPARE(player.value("bundleID").toString(), QStringLiteral("org.example.Player"));
+        QCOMPARE(player.value("volume").toDouble(), 1.5);
+        QCOMPARE(player.value("muted").toBool(), true);
+
+        run = runOndril({QStringLiteral("ondril://mute"), QStringLiteral("https://example.org")});
+        QCOMPARE(run.exitCode, 2);
+        QVERIFY(run.err.contains("not an ondril: URL"));
+
+        instance->terminate();
+        QVERIFY(instance->waitForFinished(10000));
+        QCOMPARE(instance->exitStatus(), QProcess::NormalExit); // quit, not killed
+        run = runOndril({QStringLiteral("status")});
+        QCOMPARE(run.exitCode, 1);
+        QVERIFY2(run.err.contains("not running"), run.err.constData());
+    }
+
+    void twoStartedAtOnceLeaveOne() {
+        auto first = startHeadless();
+        auto second = startHeadless();
+        // The one that lost the name hands over and leaves.
+        QVERIFY(eventually(
+            [&] { return first->waitForFinished(100) || second->waitForFinished(100); }));
+        QProcess* loser = first->state() == QProcess::NotRunning ? first.get() : second.get();
+        QProcess* winner = loser == first.get() ? second.get() : first.get();
+        QCOMPARE(loser->exitCode(), 0);
+        QVERIFY(eventually(answers));
+        QVERIFY(!winner->waitForFinished(500));
+        winner->terminate();
+        QVERIFY(winner->waitForFinished(10000));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestControlOnServer)
+#include "tst_control_server.moc"
