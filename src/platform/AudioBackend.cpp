@@ -10,14 +10,20 @@ namespace {
 // How long a sound server has to answer before it counts as absent.
 constexpr int kConnectTimeoutMs = 1000;
 
-// A server may still be starting (a program started at login) when its socket is there or one is
-// installed; only with neither is there nothing to wait for.
-bool soundServerExpected() {
+// Where libpulse looks for the server first: PULSE_SERVER, else the user's runtime folder.
+QString serverAddress() {
     QString socket = qEnvironmentVariable("PULSE_SERVER");
     if (socket.startsWith(QLatin1String("unix:")))
         socket.remove(0, 5);
     if (socket.isEmpty() && qEnvironmentVariableIsSet("XDG_RUNTIME_DIR"))
         socket = qEnvironmentVariable("XDG_RUNTIME_DIR") + QStringLiteral("/pulse/native");
+    return socket;
+}
+
+// A server may still be starting (a program started at login) when its socket is there or one is
+// installed; only with neither is there nothing to wait for.
+bool soundServerExpected() {
+    const QString socket = serverAddress();
     if (!socket.isEmpty() && QFileInfo::exists(socket))
         return true;
     return !QStandardPaths::findExecutable(QStringLiteral("pulseaudio")).isEmpty() ||
@@ -47,7 +53,10 @@ Result make(Choice choice) {
         result.hardware = PulseAudioHardware::connect(kConnectTimeoutMs);
         if (!result.hardware)
             result.error =
-                QStringLiteral("no sound server (PulseAudio or PipeWire) answered within 1 s");
+                QStringLiteral("no sound server (PulseAudio or PipeWire) answered at %1; "
+                               "start one, or try --backend=simulated")
+                    .arg(serverAddress().isEmpty() ? QStringLiteral("its default address")
+                                                   : serverAddress());
         break;
     case Choice::automatic:
         if (soundServerExpected()) {
