@@ -133,6 +133,8 @@ int runInstance(int argc, char* argv[], const Invocation& invocation, bool headl
         DisplayPlatform::choose();
         app = std::make_unique<QGuiApplication>(argc, argv);
     }
+    // From here on SIGTERM and SIGINT end the event loop, so that a clean quit stops every session.
+    QuitOnSignal quitOnSignal;
     InstanceChannel channel;
     switch (channel.claim()) {
     case InstanceChannel::Claim::secondary: {
@@ -154,7 +156,6 @@ int runInstance(int argc, char* argv[], const Invocation& invocation, bool headl
     if (!installAudioBackend(invocation.backend))
         return 1;
     AppDelegate delegate(headless);
-    QuitOnSignal quitOnSignal;
     return app->exec();
 }
 // ---------------------------------------------------------------------------------------------
