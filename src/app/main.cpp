@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 #include "app/CommandLine.h"
 #include "platform/AudioBackend.h"
+#include "platform/QuitSignals.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -151,5 +152,6 @@ int main(int argc, char* argv[]) {
     if (!installAudioBackend(invocation->backend))
         return 1;
     AppDelegate delegate;
+    const QuitSignals quitSignals; // SIGTERM and SIGINT quit like "Quit Ondril"
     return app.exec();
 }

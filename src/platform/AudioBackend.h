@@ -14,8 +14,10 @@ enum class Choice { automatic, pulse, simulated };
 
 std::optional<Choice> parseChoice(const QString& text); // "auto", "pulse", "simulated"
 
-// `automatic` connects to the sound server and, when none answers, falls back to the simulated
-// service after telling why in `notice`. `pulse` fails (nullptr, `error` set) without a server.
+// Connecting to a server also installs running applications that know what its streams say of
+// their processes. `automatic` connects to the sound server and, when none answers, falls back to
+// the simulated service after telling why in `notice`. `pulse` fails (nullptr, `error` set) without
+// a server.
 struct Result {
     std::unique_ptr<AudioHardware> hardware;
     QString notice; // one line for stderr, empty when there is nothing to say

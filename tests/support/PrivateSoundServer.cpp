@@ -457,8 +457,8 @@ QString PrivateSoundServer::toneFile() const {
 }
 
 std::unique_ptr<QProcess> PrivateSoundServer::playTone(const QString& sink,
-                                                       const QString& applicationName,
-                                                       int seconds) const {
+                                                       const QString& applicationName, int seconds,
+                                                       const QStringList& properties) const {
     Q_UNUSED(seconds);
     auto process = std::make_unique<QProcess>();
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -469,6 +469,8 @@ std::unique_ptr<QProcess> PrivateSoundServer::playTone(const QString& sink,
     QStringList arguments;
     if (!sink.isEmpty())
         arguments << QStringLiteral("--device=") + sink;
+    for (const QString& property : properties)
+        arguments << QStringLiteral("--property=") + property;
     arguments << QStringLiteral("--client-name=") + applicationName << toneFile();
     process->start(QStringLiteral("paplay"), arguments);
     if (!process->waitForStarted(3000))

@@ -72,9 +72,10 @@ public:
     // Module index and arguments of the module that owns the sink.
     std::optional<std::pair<quint32, QString>> owningModule(const QString& sink) const;
 
-    // A sine tone played with paplay to `sink` (empty: the default), named `applicationName`.
+    // A sine tone played with paplay to `sink` (empty: the default), named `applicationName`,
+    // with further stream `properties` ("application.id=org.example.Player").
     std::unique_ptr<QProcess> playTone(const QString& sink, const QString& applicationName,
-                                       int seconds = 20) const;
+                                       int seconds = 20, const QStringList& properties = {}) const;
     // RMS of what the monitor of `sink` carries over `msec`, of full scale (0..1); the loudest
     // 50 ms window counts so that start-up silence does not. nullopt when recording fails.
     std::optional<double> recordLevel(const QString& sink, int msec = 800) const;

@@ -483,6 +483,26 @@ OSStatus PulseConnection::moveSinkInput(std::uint32_t index, const QString& sink
     });
 }
 
+// --- Per-app stream controls ---
+
+OSStatus PulseConnection::setSinkInputVolume(std::uint32_t index,
+                                             const std::vector<std::uint32_t>& channelVolumes) {
+    const pa_cvolume volume = toCVolume(channelVolumes);
+    return runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_set_sink_input_volume(m_context, index, &volume, successCallback,
+                                                new Request{this, pending});
+    });
+}
+
+OSStatus PulseConnection::setSinkInputMute(std::uint32_t index, bool mute) {
+    return runOperation([&](std::shared_ptr<Pending> pending) {
+        return pa_context_set_sink_input_mute(m_context, index, mute, successCallback,
+                                              new Request{this, pending});
+    });
+}
+
+// --- end per-app stream controls ---
+
 OSStatus PulseConnection::unpinRestoredSinkInputs() {
     auto collected = std::make_shared<Pending>();
     const OSStatus read = runOperation(

@@ -57,6 +57,11 @@ public:
     OSStatus setDefaultSink(const QString& name);
     OSStatus setDefaultSource(const QString& name);
     OSStatus moveSinkInput(std::uint32_t index, const QString& sinkName);
+    // --- Per-app stream controls ---
+    OSStatus setSinkInputVolume(std::uint32_t index,
+                                const std::vector<std::uint32_t>& channelVolumes);
+    OSStatus setSinkInputMute(std::uint32_t index, bool mute);
+    // --- end per-app stream controls ---
     // Drops the sink a stream-restore entry pins sink-inputs to, so that they follow the default.
     // Without module-stream-restore there is nothing to drop: that is success.
     OSStatus unpinRestoredSinkInputs();
