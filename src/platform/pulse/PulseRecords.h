@@ -42,10 +42,10 @@ struct Stream {
     std::uint32_t channels = 0; // of its volume
     // Who the stream says it belongs to: application.id, pipewire.access.portal.app_id,
     // application.name and application.icon_name, empty when not set.
-    QString applicationID;
-    QString portalAppID;
-    QString applicationName;
-    QString iconName;
+    QString applicationID{};
+    QString portalAppID{};
+    QString applicationName{};
+    QString iconName{};
     friend bool operator==(const Stream&, const Stream&) = default;
 };
 
