@@ -3,9 +3,9 @@
 #include "app/ControlCommand.h"
 #include "app/InstanceChannel.h"
 #include "app/InstanceClient.h"
-#include "app/QuitOnSignal.h"
 #include "platform/AudioBackend.h"
 #include "platform/DisplayPlatform.h"
+#include "platform/QuitSignals.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -134,7 +134,7 @@ int runInstance(int argc, char* argv[], const Invocation& invocation, bool headl
         app = std::make_unique<QGuiApplication>(argc, argv);
     }
     // From here on SIGTERM and SIGINT end the event loop, so that a clean quit stops every session.
-    QuitOnSignal quitOnSignal;
+    const QuitSignals quitSignals;
     InstanceChannel channel;
     switch (channel.claim()) {
     case InstanceChannel::Claim::secondary: {

@@ -411,8 +411,7 @@ void AppAudioManager::stopAllSessions() {
 
 void AppAudioManager::writeGain(RouteSession& session, const AppAudioPrefs& record) {
     const float volume = float(record.volume);
-    session.gain().value.store(record.muted ? 0.0f : volume, std::memory_order_relaxed);
-    session.gain().boost.store(volume > 1.0f && !record.muted, std::memory_order_relaxed);
+    session.setGain(record.muted ? 0.0f : volume, volume > 1.0f && !record.muted);
 }
 
 bool AppAudioManager::isPresentOutput(const QString& uid, const QStringList& outputUIDs) const {

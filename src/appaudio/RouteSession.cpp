@@ -77,6 +77,12 @@ bool RouteSession::start() {
     if (destinations.isEmpty())
         return false;
 
+    if (auto router = m_hardware.makeAppStreamRouter()) {
+        m_router = std::move(router);
+        return m_router->start(m_bundleID, pids(), destinations,
+                               m_gain->value.load(std::memory_order_relaxed));
+    }
+
     CATapDescription tap;
     tap.processes = m_processObjects;
     tap.isMixdown = true;
@@ -124,7 +130,33 @@ bool RouteSession::start() {
     return m_hardware.AudioDeviceStart(m_aggID, *m_procID) == kAudioHardwareNoError;
 }
 
+void RouteSession::setGain(float value, bool boost) {
+    m_gain->value.store(value, std::memory_order_relaxed);
+    m_gain->boost.store(boost, std::memory_order_relaxed);
+    if (m_router)
+        m_router->setGain(value);
+}
+
+std::vector<std::int32_t> RouteSession::pids() const {
+    std::vector<std::int32_t> pids;
+    for (AudioObjectID object : m_processObjects) {
+        AudioPropertyValue value;
+        if (m_hardware.AudioObjectGetPropertyData(object,
+                                                  {kAudioProcessPropertyPID,
+                                                   kAudioObjectPropertyScopeGlobal,
+                                                   kAudioObjectPropertyElementMain},
+                                                  value) == kAudioHardwareNoError)
+            if (const auto* pid = std::get_if<std::int32_t>(&value))
+                pids.push_back(*pid);
+    }
+    return pids;
+}
+
 void RouteSession::stop() {
+    if (m_router) {
+        m_router->stop();
+        m_router.reset();
+    }
     // The procedure first, then the aggregate that runs it, then the tap it reads.
     if (m_procID) {
         if (m_aggID != kAudioObjectUnknown) {

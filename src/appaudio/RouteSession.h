@@ -16,7 +16,10 @@ Q_DECLARE_LOGGING_CATEGORY(lcRouteSession)
 // Takes one application's audio away from where it was going and plays it, with a gain, to a list
 // of outputs: a process tap that captures the application and mutes its normal output, a private
 // aggregate with the tap as input and the destinations as output, and an IO procedure that copies
-// input to output on the real-time thread. No policy: AppAudioManager decides when one exists.
+// input to output on the real-time thread. On a service that offers an AppStreamRouter instead
+// (a sound server whose own stream controls do the job), the router plays the application's
+// streams with the gain and no audio passes through Ondril. No policy: AppAudioManager decides
+// when one exists.
 class RouteSession {
 public:
     static inline const QString uidPrefix = QStringLiteral("com.kestrivane.ondril.group.app.");
@@ -31,6 +34,8 @@ public:
     const std::vector<AudioObjectID>& processObjects() const { return m_processObjects; }
     const QStringList& destinationUIDs() const { return m_destinationUIDs; }
     GainBox& gain() const { return *m_gain; }
+    // `value` 0 is silence; `boost` puts the gain through the limiter.
+    void setGain(float value, bool boost);
     AudioObjectID tapID() const { return m_tapID; }
     AudioObjectID aggID() const { return m_aggID; }
 
@@ -48,6 +53,8 @@ public:
     static void process(GainBox& gain, const AudioBufferList& input, AudioBufferList& output);
 
 private:
+    std::vector<std::int32_t> pids() const; // of the process objects
+
     AudioHardware& m_hardware;
     const QString m_bundleID;
     const std::vector<AudioObjectID> m_processObjects;
@@ -55,5 +62,6 @@ private:
     AudioObjectID m_tapID = kAudioObjectUnknown;
     AudioObjectID m_aggID = kAudioObjectUnknown;
     std::optional<AudioDeviceIOProcID> m_procID;
+    std::unique_ptr<AppStreamRouter> m_router;
     const std::shared_ptr<GainBox> m_gain = std::make_shared<GainBox>();
 };

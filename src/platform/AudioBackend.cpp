@@ -1,9 +1,12 @@
 #include "platform/AudioBackend.h"
 
+#include "platform/RunningApplications.h"
+#include "platform/linux/ProcRunningApplications.h"
 #include "platform/pulse/PulseAudioHardware.h"
 #include "platform/simulated/SimulatedAudioHardware.h"
 
 #include <QFileInfo>
+#include <QPointer>
 #include <QStandardPaths>
 
 namespace {
@@ -29,6 +32,22 @@ bool soundServerExpected() {
     return !QStandardPaths::findExecutable(QStringLiteral("pulseaudio")).isEmpty() ||
            !QStandardPaths::findExecutable(QStringLiteral("pipewire-pulse")).isEmpty();
 }
+
+// The server's realisation, with the desktop's running applications told what its streams say
+// of their processes.
+std::unique_ptr<AudioHardware> connectToServer(PulseAudioHardware::Absent absent) {
+    std::unique_ptr<PulseAudioHardware> pulse =
+        PulseAudioHardware::connect(kConnectTimeoutMs, absent);
+    if (!pulse)
+        return nullptr;
+    auto applications = std::make_unique<ProcRunningApplications>();
+    applications->setStreamIdentities(
+        [server = QPointer<PulseAudioHardware>(pulse.get())](std::int32_t pid) {
+            return server ? server->streamIdentity(pid) : std::nullopt;
+        });
+    RunningApplications::install(std::move(applications));
+    return pulse;
+}
 } // namespace
 
 namespace AudioBackend {
@@ -50,7 +69,7 @@ Result make(Choice choice) {
         result.hardware = SimulatedAudioHardware::withDemoDevices();
         break;
     case Choice::pulse:
-        result.hardware = PulseAudioHardware::connect(kConnectTimeoutMs);
+        result.hardware = connectToServer(PulseAudioHardware::Absent::Fail);
         if (!result.hardware)
             result.error =
                 QStringLiteral("no sound server (PulseAudio or PipeWire) answered at %1; "
@@ -61,8 +80,7 @@ Result make(Choice choice) {
     case Choice::automatic:
         if (soundServerExpected()) {
             // The real service shows the server's devices once it answers, however late.
-            result.hardware =
-                PulseAudioHardware::connect(kConnectTimeoutMs, PulseAudioHardware::Absent::Wait);
+            result.hardware = connectToServer(PulseAudioHardware::Absent::Wait);
         } else {
             result.notice = QStringLiteral(
                 "no sound server (PulseAudio or PipeWire) is installed or running; using the "

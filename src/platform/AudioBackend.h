@@ -14,9 +14,10 @@ enum class Choice { automatic, pulse, simulated };
 
 std::optional<Choice> parseChoice(const QString& text); // "auto", "pulse", "simulated"
 
-// `automatic` runs on the sound server, waiting for it when it does not answer yet, and falls back
-// to the simulated service (telling why in `notice`) only when no server is running or installed.
-// `pulse` fails (nullptr, `error` set) without a server.
+// Connecting to a server also installs running applications that know what its streams say of
+// their processes. `automatic` runs on the sound server, waiting for it when it does not answer
+// yet, and falls back to the simulated service (telling why in `notice`) only when no server is
+// running or installed. `pulse` fails (nullptr, `error` set) without a server.
 struct Result {
     std::unique_ptr<AudioHardware> hardware;
     QString notice; // one line for stderr, empty when there is nothing to say

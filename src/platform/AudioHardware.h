@@ -1,5 +1,6 @@
 #pragma once
 
+#include "platform/AppStreamRouter.h"
 #include "platform/AudioHardwareTypes.h"
 
 #include <QObject>
@@ -76,4 +77,8 @@ public:
                                                 AudioDeviceIOProcID procID) = 0;
     virtual OSStatus AudioDeviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
     virtual OSStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
+
+    // Per-app audio through the service's own stream controls, for a service whose process taps
+    // cannot do it; nullptr where they can.
+    virtual std::unique_ptr<AppStreamRouter> makeAppStreamRouter() { return nullptr; }
 };

@@ -105,6 +105,25 @@ void ProcRunningApplicationsTest::identityNameAndResponsibility() {
         pids.append(app.processIdentifier);
     std::sort(pids.begin(), pids.end());
     QCOMPARE(pids, (QList<std::int32_t>{10, 11}));
+
+    // What a process's stream says comes first: application.id, then the sandbox's app id; the
+    // entry's name and icon still win over the stream's.
+    applications.setStreamIdentities(
+        [](std::int32_t pid) -> std::optional<ProcRunningApplications::StreamIdentity> {
+            if (pid == 12)
+                return {{"org.example.Viewer", "org.example.Ignored", "Player", "player"}};
+            if (pid == 20)
+                return {{{}, "org.example.Portal", "Portal App", "portal"}};
+            return std::nullopt;
+        });
+    const auto byStream = applications.runningApplicationWithProcessIdentifier(12);
+    QCOMPARE(byStream->bundleIdentifier, QStringLiteral("org.example.Viewer"));
+    QCOMPARE(byStream->localizedName, QStringLiteral("Viewer"));
+    QCOMPARE(byStream->iconName, QStringLiteral("viewer"));
+    const auto bySandbox = applications.runningApplicationWithProcessIdentifier(20);
+    QCOMPARE(bySandbox->bundleIdentifier, QStringLiteral("org.example.Portal"));
+    QCOMPARE(bySandbox->localizedName, QStringLiteral("Portal App"));
+    QCOMPARE(bySandbox->iconName, QStringLiteral("portal"));
 }
 
 QTEST_GUILESS_MAIN(ProcRunningApplicationsTest)

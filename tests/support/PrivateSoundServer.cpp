@@ -477,7 +477,8 @@ QString PrivateSoundServer::toneFile() const {
 }
 
 std::unique_ptr<QProcess> PrivateSoundServer::playTone(const QString& sink,
-                                                       const QString& applicationName) const {
+                                                       const QString& applicationName,
+                                                       const QStringList& properties) const {
     auto process = std::make_unique<QProcess>();
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());
@@ -487,6 +488,8 @@ std::unique_ptr<QProcess> PrivateSoundServer::playTone(const QString& sink,
     QStringList arguments;
     if (!sink.isEmpty())
         arguments << QStringLiteral("--device=") + sink;
+    for (const QString& property : properties)
+        arguments << QStringLiteral("--property=") + property;
     arguments << QStringLiteral("--client-name=") + applicationName << toneFile();
     process->start(QStringLiteral("paplay"), arguments);
     if (!process->waitForStarted(3000))

@@ -77,8 +77,10 @@ public:
     std::unique_ptr<QProcess> subscribe() const;
     static std::pair<int, int> sinkEvents(QProcess& subscription);
 
-    // A sine tone played with paplay to `sink` (empty: the default), named `applicationName`.
-    std::unique_ptr<QProcess> playTone(const QString& sink, const QString& applicationName) const;
+    // A sine tone played with paplay to `sink` (empty: the default), named `applicationName`,
+    // with further stream `properties` ("application.id=org.example.Player").
+    std::unique_ptr<QProcess> playTone(const QString& sink, const QString& applicationName,
+                                       const QStringList& properties = {}) const;
     // RMS of what the monitor of `sink` carries over `msec`, of full scale (0..1); the loudest
     // 50 ms window counts so that start-up silence does not. nullopt when recording fails.
     std::optional<double> recordLevel(const QString& sink, int msec = 800) const;

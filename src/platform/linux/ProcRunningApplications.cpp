@@ -46,6 +46,10 @@ ProcRunningApplications::ProcRunningApplications(const QString& procRoot,
     : m_procRoot(procRoot)
     , m_dataDirectories(dataDirectories.isEmpty() ? defaultDataDirectories() : dataDirectories) {}
 
+void ProcRunningApplications::setStreamIdentities(StreamIdentities identities) {
+    m_streamIdentities = std::move(identities);
+}
+
 QString ProcRunningApplications::executable(std::int32_t pid) const {
     const QString link = m_procRoot + u'/' + QString::number(pid) + QStringLiteral("/exe");
     QString target = QFileInfo(link).symLinkTarget();
@@ -172,7 +176,13 @@ ProcRunningApplications::runningApplicationWithProcessIdentifier(std::int32_t pi
     const DesktopIndex& index = desktopIndex();
     const QString canonical = QFileInfo(program).canonicalFilePath();
     const QString programID = index.idByExecutable.value(canonical.isEmpty() ? program : canonical);
-    if (const auto scope = scopeIdentifier(pid))
+    const std::optional<StreamIdentity> stream =
+        m_streamIdentities ? m_streamIdentities(pid) : std::nullopt;
+    if (stream && !stream->applicationID.isEmpty())
+        application.bundleIdentifier = stream->applicationID;
+    else if (stream && !stream->portalAppID.isEmpty())
+        application.bundleIdentifier = stream->portalAppID;
+    else if (const auto scope = scopeIdentifier(pid))
         application.bundleIdentifier = *scope;
     else if (!programID.isEmpty())
         application.bundleIdentifier = programID;
@@ -183,8 +193,12 @@ ProcRunningApplications::runningApplicationWithProcessIdentifier(std::int32_t pi
         found == index.byId.end() ? std::nullopt : std::optional<DesktopEntry>(*found);
     if (entry && !entry->name.isEmpty())
         application.localizedName = entry->name;
+    else if (stream && !stream->applicationName.isEmpty())
+        application.localizedName = stream->applicationName;
     if (entry && !entry->icon.isEmpty())
         application.iconName = entry->icon;
+    else if (stream && !stream->iconName.isEmpty())
+        application.iconName = stream->iconName;
     return application;
 }
 

@@ -2,9 +2,11 @@
 
 #include "platform/pulse/PulseConnection.h"
 #include "platform/pulse/PulseModuleArguments.h"
+#include "platform/pulse/PulseStreamRouter.h"
 
 #include <pulse/volume.h>
 
+#include <QCoreApplication>
 #include <QRegularExpression>
 
 #include <algorithm>
@@ -16,6 +18,11 @@
 namespace {
 
 using Kind = PulseObjectIds::Kind;
+
+// Ondril's own streams (meters, the confirmation sound) are no application to route.
+bool isOwnProcess(std::int32_t pid) {
+    return pid == std::int32_t(QCoreApplication::applicationPid());
+}
 
 bool isOneOf(AudioObjectPropertySelector selector,
              std::initializer_list<AudioObjectPropertySelector> selectors) {
@@ -57,6 +64,7 @@ std::unique_ptr<PulseAudioHardware> PulseAudioHardware::connect(int timeoutMs, A
     auto connection = std::make_unique<PulseConnection>();
     if (!connection->open(timeoutMs) && absent == Absent::Fail)
         return nullptr;
+    PulseStreamRouter::clearLeftovers(*connection); // per-app audio
     return std::unique_ptr<PulseAudioHardware>(new PulseAudioHardware(std::move(connection)));
 }
 
@@ -115,7 +123,8 @@ OSStatus PulseAudioHardware::AudioObjectGetPropertyData(AudioObjectID objectID,
             auto [sinks, sources] = m_connection->readMirror([](const PulseMirror& mirror) {
                 QStringList sinkNames, sourceNames;
                 for (const auto* sink : mirror.sinksInServerOrder())
-                    sinkNames.append(sink->name);
+                    if (!sink->name.startsWith(PulseStreamRouter::sinkPrefix)) // per-app audio
+                        sinkNames.append(sink->name);
                 for (const auto* source : mirror.sourcesInServerOrder())
                     sourceNames.append(source->name);
                 return std::make_pair(sinkNames, sourceNames);
@@ -150,7 +159,8 @@ OSStatus PulseAudioHardware::AudioObjectGetPropertyData(AudioObjectID objectID,
                 [](const PulseMirror& mirror) { return mirror.processes(); });
             std::vector<AudioObjectID> ids;
             for (const auto& process : processes)
-                ids.push_back(m_ids.idFor(Kind::Process, QString::number(process.pid)));
+                if (!isOwnProcess(process.pid))
+                    ids.push_back(m_ids.idFor(Kind::Process, QString::number(process.pid)));
             outData = ids;
             return kAudioHardwareNoError;
         }
@@ -223,6 +233,33 @@ OSStatus PulseAudioHardware::readDevice(const PulseRecords::Device& device, Kind
     }
 }
 
+// --- Per-app audio ---
+
+std::unique_ptr<AppStreamRouter> PulseAudioHardware::makeAppStreamRouter() {
+    return std::make_unique<PulseStreamRouter>(*m_connection, *this);
+}
+
+std::optional<ProcRunningApplications::StreamIdentity>
+PulseAudioHardware::streamIdentity(std::int32_t pid) const {
+    const auto streams = m_connection->readMirror([pid](const PulseMirror& mirror) {
+        std::vector<PulseRecords::Stream> own;
+        for (const auto& [index, stream] : mirror.streams())
+            if (stream.pid == pid)
+                own.push_back(stream);
+        return own;
+    });
+    if (streams.empty())
+        return std::nullopt;
+    const auto named = std::find_if(streams.begin(), streams.end(), [](const auto& stream) {
+        return !stream.applicationID.isEmpty();
+    });
+    const PulseRecords::Stream& stream = named != streams.end() ? *named : streams.front();
+    return ProcRunningApplications::StreamIdentity{stream.applicationID, stream.portalAppID,
+                                                   stream.applicationName, stream.iconName};
+}
+
+// --- end per-app audio ---
+
 OSStatus PulseAudioHardware::readProcess(std::int32_t pid,
                                          const AudioObjectPropertyAddress& address,
                                          AudioPropertyValue& outData) const {
@@ -234,7 +271,7 @@ OSStatus PulseAudioHardware::readProcess(std::int32_t pid,
             }
             return std::nullopt;
         });
-    if (!process)
+    if (!process || isOwnProcess(pid))
         return kAudioHardwareBadObjectError;
     switch (address.mSelector) {
     case kAudioProcessPropertyPID:

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/AudioHardware.h"
+#include "platform/linux/ProcRunningApplications.h"
 #include "platform/pulse/PulseMirror.h"
 #include "platform/pulse/PulseObjectIds.h"
 
@@ -51,8 +52,8 @@ public:
     OSStatus AudioHardwareCreateAggregateDevice(const QVariantMap& description,
                                                 AudioObjectID& outDeviceID) override;
     OSStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID) override;
-    // Taps and IO procedures are not realised on the sound server yet: they answer
-    // kAudioHardwareUnsupportedOperationError, and per-app routing is off on this backend.
+    // Taps and IO procedures are not realised on the sound server: they answer
+    // kAudioHardwareUnsupportedOperationError; per-app sessions use makeAppStreamRouter().
     OSStatus AudioHardwareCreateProcessTap(const CATapDescription& description,
                                            AudioObjectID& outTapID) override;
     OSStatus AudioHardwareDestroyProcessTap(AudioObjectID tapID) override;
@@ -63,6 +64,14 @@ public:
                                         AudioDeviceIOProcID procID) override;
     OSStatus AudioDeviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
     OSStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
+
+    // --- Per-app audio ---
+    // Sessions with the server's own stream controls: taps are not realised here.
+    std::unique_ptr<AppStreamRouter> makeAppStreamRouter() override;
+    // What the playback streams of `pid` say of their application: the first stream with an
+    // application.id, else the first with any identity; nullopt when the pid plays nothing.
+    std::optional<ProcRunningApplications::StreamIdentity> streamIdentity(std::int32_t pid) const;
+    // --- end per-app audio ---
 
 private:
     explicit PulseAudioHardware(std::unique_ptr<PulseConnection> connection);

@@ -538,6 +538,21 @@ OSStatus PulseConnection::moveSinkInput(std::uint32_t index, const QString& sink
     });
 }
 
+OSStatus PulseConnection::setSinkInputVolume(std::uint32_t index,
+                                             const std::vector<std::uint32_t>& channelVolumes) {
+    const pa_cvolume volume = toCVolume(channelVolumes);
+    return runOperation([&](Request* request) {
+        return pa_context_set_sink_input_volume(m_context, index, &volume, successCallback,
+                                                request);
+    });
+}
+
+OSStatus PulseConnection::setSinkInputMute(std::uint32_t index, bool mute) {
+    return runOperation([&](Request* request) {
+        return pa_context_set_sink_input_mute(m_context, index, mute, successCallback, request);
+    });
+}
+
 OSStatus PulseConnection::unpinRestoredSinkInputs(const QString& sinkName,
                                                   const QStringList& restoreIDs) {
     if (restoreIDs.isEmpty())

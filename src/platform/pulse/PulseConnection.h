@@ -65,6 +65,10 @@ public:
     OSStatus setDefaultSink(const QString& name);
     OSStatus setDefaultSource(const QString& name);
     OSStatus moveSinkInput(std::uint32_t index, const QString& sinkName);
+    // Stream volume and mute of one sink-input: the server's own per-app controls.
+    OSStatus setSinkInputVolume(std::uint32_t index,
+                                const std::vector<std::uint32_t>& channelVolumes);
+    OSStatus setSinkInputMute(std::uint32_t index, bool mute);
     // Drops `sinkName` from the stream-restore entries named in `restoreIDs`, so that those
     // streams follow the default; entries that name another sink stay as they are. Without
     // module-stream-restore there is nothing to drop: that is success.

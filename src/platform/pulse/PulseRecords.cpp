@@ -112,6 +112,11 @@ Stream fromSinkInput(const pa_sink_input_info& info) {
     stream.pid = pidOf(info.proplist);
     stream.binary = binaryOf(info.proplist);
     stream.restoreID = restoreIDOf(info.proplist);
+    stream.channels = info.volume.channels;
+    stream.applicationID = property(info.proplist, PA_PROP_APPLICATION_ID);
+    stream.portalAppID = property(info.proplist, "pipewire.access.portal.app_id");
+    stream.applicationName = property(info.proplist, PA_PROP_APPLICATION_NAME);
+    stream.iconName = property(info.proplist, PA_PROP_APPLICATION_ICON_NAME);
     return stream;
 }
 

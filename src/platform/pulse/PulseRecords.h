@@ -42,7 +42,14 @@ struct Stream {
     bool corked = false;
     std::int32_t pid = 0; // from the stream's own properties, 0 when it has none
     QString binary;
-    QString restoreID; // the stream-restore entry that remembers the stream's sink, if any
+    QString restoreID;          // the stream-restore entry that remembers the stream's sink, if any
+    std::uint32_t channels = 0; // of its volume
+    // Who the stream says it belongs to: application.id, pipewire.access.portal.app_id,
+    // application.name and application.icon_name, empty when not set.
+    QString applicationID{};
+    QString portalAppID{};
+    QString applicationName{};
+    QString iconName{};
     friend bool operator==(const Stream&, const Stream&) = default;
 };
 

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <cstdint>
+#include <vector>
+
+// One application's playback done with the sound server's own controls: its streams get the gain
+// as their stream volume, and are moved to the one destination or to a private combined sink of
+// several. Nothing of the audio passes through Ondril. Streams the processes open later get the
+// same treatment; stopping puts every stream back where it was, at unity, unmuted.
+class AppStreamRouter {
+public:
+    virtual ~AppStreamRouter() = default;
+
+    // Takes over the streams of `pids`; false when the server refused (the caller then stops).
+    virtual bool start(const QString& bundleID, const std::vector<std::int32_t>& pids,
+                       const QStringList& destinationUIDs, float gain) = 0;
+    // Linear gain; 0 mutes. The server's controls go no higher than unity.
+    virtual void setGain(float gain) = 0;
+    virtual void stop() = 0; // safe in any state, any number of times
+};

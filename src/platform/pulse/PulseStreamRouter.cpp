@@ -1,0 +1,161 @@
+#include "platform/pulse/PulseStreamRouter.h"
+
+#include "platform/AudioHardware.h"
+#include "platform/pulse/PulseConnection.h"
+
+#include <pulse/volume.h>
+
+#include <algorithm>
+
+Q_LOGGING_CATEGORY(lcPulseStreamRouter, "com.kestrivane.ondril.PulseStreamRouter")
+
+namespace {
+
+QString sinkNameOf(const PulseMirror& mirror, std::uint32_t index) {
+    for (const auto* sink : mirror.sinksInServerOrder())
+        if (sink->index == index)
+            return sink->name;
+    return {};
+}
+
+} // namespace
+
+PulseStreamRouter::PulseStreamRouter(PulseConnection& connection, AudioHardware& hardware)
+    : m_connection(connection)
+    , m_hardware(hardware) {}
+
+PulseStreamRouter::~PulseStreamRouter() {
+    stop();
+}
+
+bool PulseStreamRouter::start(const QString& bundleID, const std::vector<std::int32_t>& pids,
+                              const QStringList& destinationUIDs, float gain) {
+    if (destinationUIDs.isEmpty())
+        return false;
+    m_pids = pids;
+    setGain(gain);
+    if (destinationUIDs.size() == 1) {
+        m_target = destinationUIDs.first();
+    } else {
+        // The server's aggregate, under a name of its own and never listed as an output.
+        QVariantList subdevices;
+        for (const QString& uid : destinationUIDs)
+            subdevices.append(QVariantMap{{kAudioSubDeviceUIDKey, uid}});
+        const QString name = sinkPrefix + bundleID;
+        AudioObjectID combined = kAudioObjectUnknown;
+        if (m_hardware.AudioHardwareCreateAggregateDevice(
+                {{kAudioAggregateDeviceUIDKey, name},
+                 {kAudioAggregateDeviceNameKey, QStringLiteral("Ondril ") + bundleID},
+                 {kAudioAggregateDeviceIsPrivateKey, true},
+                 {kAudioAggregateDeviceMainSubDeviceKey, destinationUIDs.first()},
+                 {kAudioAggregateDeviceSubDeviceListKey, subdevices}},
+                combined) != kAudioHardwareNoError) {
+            qCWarning(lcPulseStreamRouter, "no combined sink for %s", qUtf8Printable(bundleID));
+            return false;
+        }
+        m_combined = combined;
+        m_target = name;
+    }
+    AudioObjectPropertyListenerToken token = 0;
+    if (m_hardware.AudioObjectAddPropertyListenerBlock(
+            kAudioObjectSystemObject,
+            {kAudioHardwarePropertyProcessObjectList, kAudioObjectPropertyScopeGlobal,
+             kAudioObjectPropertyElementMain},
+            [this](const auto&) { takeNewStreams(); }, token) == kAudioHardwareNoError)
+        m_listener = token;
+    takeNewStreams();
+    return true;
+}
+
+void PulseStreamRouter::setGain(float gain) {
+    if (gain > 1.0f && !m_toldNoBoost) {
+        qCInfo(lcPulseStreamRouter, "a volume above 1.0 plays at 1.0 on the sound server");
+        m_toldNoBoost = true;
+    }
+    m_gain = std::clamp(gain, 0.0f, 1.0f);
+    const auto streams =
+        m_connection.readMirror([](const PulseMirror& mirror) { return mirror.streams(); });
+    for (const auto& [index, sink] : m_originalSinks)
+        if (const auto stream = streams.find(index); stream != streams.end())
+            writeGain(index, stream->second.channels);
+}
+
+void PulseStreamRouter::writeGain(std::uint32_t index, std::uint32_t channels) {
+    const pa_volume_t volume = pa_sw_volume_from_linear(m_gain);
+    m_connection.setSinkInputVolume(index, std::vector<std::uint32_t>(channels, volume));
+    m_connection.setSinkInputMute(index, m_gain == 0.0f);
+}
+
+void PulseStreamRouter::takeNewStreams() {
+    struct Taken {
+        std::uint32_t index;
+        std::uint32_t channels;
+        QString sink;
+    };
+    const auto found = m_connection.readMirror([this](const PulseMirror& mirror) {
+        std::vector<Taken> taken;
+        for (const auto& [index, stream] : mirror.streams()) {
+            // PipeWire reports no sink while it is still placing a stream: the next event has it.
+            if (stream.sink == PulseRecords::kInvalidIndex || m_originalSinks.count(index) ||
+                std::find(m_pids.begin(), m_pids.end(), stream.pid) == m_pids.end())
+                continue;
+            // A stream that starts on the target got there by the server's memory of an earlier
+            // move of Ondril's; without Ondril it would play to the default.
+            const QString sink = sinkNameOf(mirror, stream.sink);
+            taken.push_back(
+                {index, stream.channels, sink == m_target ? mirror.server().defaultSink : sink});
+        }
+        return taken;
+    });
+    for (const Taken& stream : found) {
+        m_originalSinks[stream.index] = stream.sink;
+        m_connection.moveSinkInput(stream.index, m_target);
+        writeGain(stream.index, stream.channels);
+    }
+}
+
+void PulseStreamRouter::stop() {
+    if (m_listener) {
+        m_hardware.AudioObjectRemovePropertyListenerBlock(*m_listener);
+        m_listener.reset();
+    }
+    const auto [streams, defaultSink] = m_connection.readMirror([](const PulseMirror& mirror) {
+        return std::make_pair(mirror.streams(), mirror.server().defaultSink);
+    });
+    QStringList backToDefault; // restore entries of the streams that now follow the default
+    for (const auto& [index, original] : m_originalSinks) {
+        const auto stream = streams.find(index);
+        if (stream == streams.end())
+            continue;
+        // A sink that went away in the meantime leaves the stream to the default.
+        const bool originalPresent = m_connection.readMirror(
+            [&original](const PulseMirror& mirror) { return mirror.sink(original) != nullptr; });
+        const QString sink = originalPresent ? original : defaultSink;
+        if (!sink.isEmpty())
+            m_connection.moveSinkInput(index, sink);
+        if (sink == defaultSink && !stream->second.restoreID.isEmpty())
+            backToDefault.append(stream->second.restoreID);
+        m_connection.setSinkInputVolume(
+            index, std::vector<std::uint32_t>(stream->second.channels, PA_VOLUME_NORM));
+        m_connection.setSinkInputMute(index, false);
+    }
+    m_connection.unpinRestoredSinkInputs(defaultSink, backToDefault);
+    m_originalSinks.clear();
+    if (m_combined) {
+        m_hardware.AudioHardwareDestroyAggregateDevice(*m_combined);
+        m_combined.reset();
+    }
+}
+
+void PulseStreamRouter::clearLeftovers(PulseConnection& connection) {
+    const auto leftovers = connection.readMirror([](const PulseMirror& mirror) {
+        std::vector<std::uint32_t> modules;
+        for (const auto* sink : mirror.sinksInServerOrder())
+            if (sink->name.startsWith(sinkPrefix) &&
+                sink->ownerModule != PulseRecords::kInvalidIndex)
+                modules.push_back(sink->ownerModule);
+        return modules;
+    });
+    for (std::uint32_t module : leftovers)
+        connection.unloadModule(module);
+}

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "platform/AppStreamRouter.h"
+#include "platform/AudioHardwareTypes.h"
+
+#include <QLoggingCategory>
+
+#include <map>
+#include <optional>
+
+Q_DECLARE_LOGGING_CATEGORY(lcPulseStreamRouter)
+
+class AudioHardware;
+class PulseConnection;
+
+// One application's sink-inputs on a PulseAudio or PipeWire server: stream volume and mute for
+// the gain, a move to the destination, or to a private module-combine-sink named
+// "com.kestrivane.ondril.group.app." + bundle identifier when there are several. Each stream's
+// sink is noted when it is taken, so that stopping can put it back; moving back to the default
+// also drops the route stream-restore remembered.
+class PulseStreamRouter : public AppStreamRouter {
+public:
+    static inline const QString sinkPrefix = QStringLiteral("com.kestrivane.ondril.group.app.");
+
+    // `hardware` makes the combined sink and delivers the server's stream events.
+    PulseStreamRouter(PulseConnection& connection, AudioHardware& hardware);
+    ~PulseStreamRouter() override;
+    PulseStreamRouter(const PulseStreamRouter&) = delete;
+    PulseStreamRouter& operator=(const PulseStreamRouter&) = delete;
+
+    bool start(const QString& bundleID, const std::vector<std::int32_t>& pids,
+               const QStringList& destinationUIDs, float gain) override;
+    void setGain(float gain) override;
+    void stop() override;
+
+    // Unloads the combined sinks a run that did not stop cleanly left behind.
+    static void clearLeftovers(PulseConnection& connection);
+
+private:
+    void takeNewStreams();
+    void writeGain(std::uint32_t index, std::uint32_t channels);
+
+    PulseConnection& m_connection;
+    AudioHardware& m_hardware;
+    std::vector<std::int32_t> m_pids;
+    QString m_target; // the sink the streams play to
+    std::optional<AudioObjectID> m_combined;
+    float m_gain = 1.0f;
+    bool m_toldNoBoost = false;
+    std::map<std::uint32_t, QString> m_originalSinks; // by sink-input index
+    std::optional<AudioObjectPropertyListenerToken> m_listener;
+};

@@ -1,0 +1,216 @@
+#include "app/AppSettings.h"
+#include "app/NotificationCenter.h"
+#include "appaudio/AppAudioManager.h"
+#include "appaudio/RouteSession.h"
+#include "devices/AudioDeviceManager.h"
+#include "groups/GroupManager.h"
+#include "platform/SystemSleepMonitor.h"
+#include "platform/UserDefaults.h"
+#include "platform/linux/ProcRunningApplications.h"
+#include "platform/pulse/PulseAudioHardware.h"
+
+#include "PrivateSoundServer.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+// Per-app audio against a real private server, PulseAudio or PipeWire as ONDRIL_TEST_SERVER says:
+// applications are found through the streams they play and named as the streams say, and a
+// record is heard on the sinks' monitors as it reads, also by a stream started later, until the
+// record goes back to neutral and nothing of Ondril's is left.
+namespace {
+
+constexpr int kGenerousWaitMs = 15000;
+constexpr double kSilentLevel = 0.01;
+const QString player = QStringLiteral("org.example.Player");
+// The default first.
+const QStringList sinks{QStringLiteral("studio_left"), QStringLiteral("studio_right"),
+                        QStringLiteral("airpods")};
+
+const QStringList playerProperties{QStringLiteral("application.id=") + player,
+                                   QStringLiteral("application.name=Player")};
+
+} // namespace
+
+class AppAudioServerTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init() {
+        QString error;
+        m_server = PrivateSoundServer::startFromEnvironment(error);
+        if (!m_server)
+            QFAIL(qPrintable(error));
+        m_hardware = PulseAudioHardware::connect(5000);
+        QVERIFY2(m_hardware, "no connection to the private server");
+        m_applications.setStreamIdentities(
+            [this](std::int32_t pid) { return m_hardware->streamIdentity(pid); });
+        m_defaults = std::make_unique<UserDefaults>(m_directory.filePath("defaults.json"));
+        m_settings = std::make_unique<AppSettings>(*m_defaults, m_center);
+        m_audio = std::make_unique<AudioDeviceManager>(*m_hardware);
+        m_groups = std::make_unique<GroupManager>(*m_audio, *m_settings, m_sleepMonitor);
+        m_apps =
+            std::make_unique<AppAudioManager>(*m_audio, *m_groups, *m_settings, m_applications);
+    }
+
+    void cleanup() {
+        m_apps.reset();
+        m_groups.reset();
+        m_audio.reset();
+        m_hardware.reset();
+        m_server.reset();
+    }
+
+    // The stream's application.id and application.name win over what /proc says of paplay, and
+    // the row goes when the stream does.
+    void playingAppIsListedByItsStreamIdentity() {
+        m_apps->setPanelOpen(true); // the lists are kept while it is open
+        auto tone = m_server->playTone({}, QStringLiteral("Player"), playerProperties);
+        QVERIFY(tone);
+        const auto pid = std::int32_t(tone->processId());
+        auto row = [&]() -> std::optional<AppAudioState> {
+            for (const AppAudioState& state : m_apps->apps())
+                if (state.pid == pid)
+                    return state;
+            return std::nullopt;
+        };
+        QVERIFY(QTest::qWaitFor([&] { return row() && row()->isPlaying; }, kGenerousWaitMs));
+        QCOMPARE(row()->bundleID, QStringLiteral("org.example.Player"));
+        QCOMPARE(row()->name, QStringLiteral("Player"));
+
+        tone->kill();
+        tone->waitForFinished();
+        QVERIFY(QTest::qWaitFor([&] { return !row(); }, kGenerousWaitMs));
+    }
+
+    void recordIsHeardAsItReads_data() {
+        QTest::addColumn<QStringList>("routes");
+        QTest::addColumn<double>("volume");
+        QTest::addColumn<bool>("muted");
+        QTest::addColumn<QList<double>>("factors"); // of the plain level, per sink of `sinks`
+        QTest::newRow("half volume") << QStringList{} << 0.5 << false << QList{0.5, 0.0, 0.0};
+        QTest::newRow("another sink")
+            << QStringList{"studio_right"} << 1.0 << false << QList{0.0, 1.0, 0.0};
+        QTest::newRow("two sinks")
+            << QStringList{"studio_right", "airpods"} << 1.0 << false << QList{0.0, 1.0, 1.0};
+        QTest::newRow("muted") << QStringList{} << 1.0 << true << QList{0.0, 0.0, 0.0};
+    }
+
+    void recordIsHeardAsItReads() {
+        QFETCH(QStringList, routes);
+        QFETCH(double, volume);
+        QFETCH(bool, muted);
+        QFETCH(QList<double>, factors);
+        QCOMPARE(m_server->defaultSinkName(), sinks.first());
+        auto first = startPlayer();
+        QVERIFY(first);
+        const auto plain = m_server->recordLevel(sinks.first());
+        QVERIFY(plain && *plain > 0.1);
+
+        m_apps->setRoutes(player, routes);
+        m_apps->setVolume(player, volume);
+        m_apps->setMuted(player, muted);
+        QVERIFY(m_apps->session(player));
+        verifyLevels(*plain, factors);
+
+        // Known fault: PulseAudio 16 exits while the session of a second process is rebuilt
+        // around the combined sink.
+        if (routes.size() > 1 && m_server->kind() == PrivateSoundServer::Kind::PulseAudio) {
+            m_apps->setRoutes(player, {});
+            m_apps->setVolume(player, 1.0);
+            m_apps->setMuted(player, false);
+            QSKIP("PulseAudio exits when a combined-sink session is rebuilt for a new process");
+        }
+        // A stream the application starts later gets the same treatment.
+        auto second = startPlayer();
+        QVERIFY(second);
+        const auto secondPid = std::int32_t(second->processId());
+        QVERIFY(
+            QTest::qWaitFor([&] { return sessionPids().contains(secondPid); }, kGenerousWaitMs));
+        first->kill();
+        first->waitForFinished();
+        QVERIFY(
+            QTest::qWaitFor([&] { return sessionPids() == QList{secondPid}; }, kGenerousWaitMs));
+        verifyLevels(*plain, factors);
+
+        // Back to neutral: the stream plays as before on its own sink, and no private sink stays.
+        m_apps->setRoutes(player, {});
+        m_apps->setVolume(player, 1.0);
+        m_apps->setMuted(player, false);
+        QVERIFY(!m_apps->session(player));
+        QCOMPARE(m_server->sinkOfStream(QStringLiteral("Player")), sinks.first());
+        verifyLevels(*plain, {1.0, 0.0, 0.0});
+        for (const QString& sink : m_server->sinkNames())
+            QVERIFY2(!sink.startsWith(QStringLiteral("com.kestrivane.ondril.")), qPrintable(sink));
+        second->kill();
+        second->waitForFinished();
+    }
+
+private:
+    // The test app on the default sink, once the server lists it as a process.
+    std::unique_ptr<QProcess> startPlayer() {
+        auto tone = m_server->playTone({}, QStringLiteral("Player"), playerProperties);
+        if (!tone)
+            return nullptr;
+        const auto pid = std::int32_t(tone->processId());
+        const bool listed = QTest::qWaitFor(
+            [&] { return pidsOf(readObjects(kAudioObjectSystemObject)).contains(pid); },
+            kGenerousWaitMs);
+        return listed ? std::move(tone) : nullptr;
+    }
+
+    std::vector<AudioObjectID> readObjects(AudioObjectID system) const {
+        AudioPropertyValue value;
+        m_hardware->AudioObjectGetPropertyData(
+            system, {kAudioHardwarePropertyProcessObjectList, kAudioObjectPropertyScopeGlobal, 0},
+            value);
+        const auto* objects = std::get_if<std::vector<AudioObjectID>>(&value);
+        return objects ? *objects : std::vector<AudioObjectID>{};
+    }
+
+    QList<std::int32_t> pidsOf(const std::vector<AudioObjectID>& objects) const {
+        QList<std::int32_t> pids;
+        for (AudioObjectID object : objects) {
+            AudioPropertyValue value;
+            m_hardware->AudioObjectGetPropertyData(
+                object, {kAudioProcessPropertyPID, kAudioObjectPropertyScopeGlobal, 0}, value);
+            if (const auto* pid = std::get_if<std::int32_t>(&value))
+                pids.append(*pid);
+        }
+        return pids;
+    }
+
+    QList<std::int32_t> sessionPids() const {
+        const RouteSession* session = m_apps->session(player);
+        return session ? pidsOf(session->processObjects()) : QList<std::int32_t>{};
+    }
+
+    void verifyLevels(double plain, const QList<double>& factors) {
+        QTest::qWait(300); // what was buffered before the change drains
+        for (qsizetype i = 0; i < sinks.size(); ++i) {
+            const auto level = m_server->recordLevel(sinks[i]);
+            QVERIFY(level);
+            const QString what =
+                QStringLiteral("%1: %2 of %3").arg(sinks[i]).arg(*level).arg(plain);
+            if (factors[i] == 0.0)
+                QVERIFY2(*level < kSilentLevel, qPrintable(what));
+            else
+                QVERIFY2(std::abs(*level / plain - factors[i]) < 0.1, qPrintable(what));
+        }
+    }
+
+    std::unique_ptr<PrivateSoundServer> m_server;
+    std::unique_ptr<PulseAudioHardware> m_hardware;
+    ProcRunningApplications m_applications;
+    QTemporaryDir m_directory;
+    std::unique_ptr<UserDefaults> m_defaults;
+    NotificationCenter m_center;
+    std::unique_ptr<AppSettings> m_settings;
+    SystemSleepMonitor m_sleepMonitor;
+    std::unique_ptr<AudioDeviceManager> m_audio;
+    std::unique_ptr<GroupManager> m_groups;
+    std::unique_ptr<AppAudioManager> m_apps;
+};
+
+QTEST_GUILESS_MAIN(AppAudioServerTest)
+#include "tst_appaudio_server.moc"
