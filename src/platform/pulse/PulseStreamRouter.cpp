@@ -6,6 +6,7 @@
 #include <pulse/volume.h>
 
 #include <algorithm>
+#include <tuple>
 
 Q_LOGGING_CATEGORY(lcPulseStreamRouter, "com.kestrivane.ondril.PulseStreamRouter")
 
@@ -119,9 +120,12 @@ void PulseStreamRouter::stop() {
         m_hardware.AudioObjectRemovePropertyListenerBlock(*m_listener);
         m_listener.reset();
     }
-    const auto [streams, defaultSink] = m_connection.readMirror([](const PulseMirror& mirror) {
-        return std::make_pair(mirror.streams(), mirror.server().defaultSink);
-    });
+    const auto [streams, defaultSink, combinedIndex] =
+        m_connection.readMirror([this](const PulseMirror& mirror) {
+            const auto* combined = m_combined ? mirror.sink(m_target) : nullptr;
+            return std::make_tuple(mirror.streams(), mirror.server().defaultSink,
+                                   combined ? combined->index : PulseRecords::kInvalidIndex);
+        });
     QStringList backToDefault; // restore entries of the streams that now follow the default
     for (const auto& [index, original] : m_originalSinks) {
         const auto stream = streams.find(index);
@@ -138,6 +142,21 @@ void PulseStreamRouter::stop() {
         m_connection.setSinkInputVolume(
             index, std::vector<std::uint32_t>(stream->second.channels, PA_VOLUME_NORM));
         m_connection.setSinkInputMute(index, false);
+    }
+    if (combinedIndex != PulseRecords::kInvalidIndex) {
+        // A stream the server's memory put on the combined sink but that the session did not take
+        // (an app's process that started since) would keep that sink as its preferred one after
+        // the unload; PulseAudio then moves it into the next sink of the same name while that is
+        // still being set up (the session rebuilt for the new process), and PulseAudio 16's
+        // module-combine-sink aborts the daemon (a second rate-adjust timer). Such a stream goes
+        // to the default first, which drops that preference and the remembered route.
+        for (const auto& [index, stream] : streams) {
+            if (m_originalSinks.count(index) || stream.sink != combinedIndex)
+                continue;
+            m_connection.moveSinkInput(index, defaultSink);
+            if (!stream.restoreID.isEmpty())
+                backToDefault.append(stream.restoreID);
+        }
     }
     m_connection.unpinRestoredSinkInputs(defaultSink, backToDefault);
     m_originalSinks.clear();
