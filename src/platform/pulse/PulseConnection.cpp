@@ -3,6 +3,7 @@
 #include <pulse/context.h>
 #include <pulse/ext-stream-restore.h>
 #include <pulse/introspect.h>
+#include <pulse/rtclock.h>
 #include <pulse/subscribe.h>
 #include <pulse/thread-mainloop.h>
 
@@ -202,10 +203,35 @@ void PulseConnection::serverAnswered(pa_context*, const pa_server_info* info, vo
     if (info) {
         const auto server = PulseRecords::fromServer(*info);
         request->self->applyAndPost([&](PulseMirror& mirror) { return mirror.setServer(server); });
+        request->self->askAgainAfterPlaceholder(server);
     }
     if (request->listing)
         request->self->listFinished();
     finishRequest(request, info != nullptr);
+}
+
+// PipeWire answers "@DEFAULT_SINK@" while its session manager settles a default, and may send no
+// further event once it has settled: ask again shortly, a bounded number of times, so that the
+// mirror learns the settled name.
+void PulseConnection::askAgainAfterPlaceholder(const PulseRecords::Server& server) {
+    const bool placeholder = server.defaultSink.startsWith(QLatin1Char('@')) ||
+                             server.defaultSource.startsWith(QLatin1Char('@'));
+    if (!placeholder) {
+        m_placeholderRetries = 0;
+        return;
+    }
+    if (m_placeholderRetries >= kPlaceholderRetries || !m_context)
+        return;
+    ++m_placeholderRetries;
+    pa_context_rttime_new(m_context, pa_rtclock_now() + kPlaceholderRetryUs, &serverRetryDue, this);
+}
+
+void PulseConnection::serverRetryDue(pa_mainloop_api* api, pa_time_event* event, const timeval*,
+                                     void* userdata) {
+    api->time_free(event);
+    auto* self = static_cast<PulseConnection*>(userdata);
+    if (self->isReady())
+        self->fetch(Apply::Server, 0);
 }
 
 // One callback per kind of object, for a list and for a single object alike.

@@ -4,6 +4,7 @@
 #include "platform/pulse/PulseMirror.h"
 
 #include <pulse/def.h>
+#include <pulse/mainloop-api.h>
 
 #include <QObject>
 #include <QTimer>
@@ -95,6 +96,9 @@ private:
     static void infoAnswered(pa_context* context, const Info* info, int eol, void* userdata);
     static void serverAnswered(pa_context* context, const pa_server_info* info, void* userdata);
     static void stallEnded(pa_context* context, const pa_server_info* info, void* userdata);
+    void askAgainAfterPlaceholder(const PulseRecords::Server& server);
+    static void serverRetryDue(pa_mainloop_api* api, pa_time_event* event, const timeval* when,
+                               void* userdata);
     static void contextStateChanged(pa_context* context, void* userdata);
     static void subscriptionEvent(pa_context* context, pa_subscription_event_type_t type,
                                   std::uint32_t index, void* userdata);
@@ -117,6 +121,10 @@ private:
     std::atomic<bool> m_ready{false};
     std::atomic<bool> m_stalled{false};
     std::atomic<bool> m_closing{false};
+    // How often a placeholder default is asked about again; touched on the main loop's thread only.
+    static constexpr int kPlaceholderRetries = 20;
+    static constexpr pa_usec_t kPlaceholderRetryUs = 100 * 1000;
+    int m_placeholderRetries = 0;
     int m_openLists = 0; // mainloop thread, while synchronising
 
     mutable std::mutex m_mirrorMutex;
