@@ -4,7 +4,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QtTest>
 
 // `ondril devices` against a real sound server (a private PulseAudio or PipeWire): what a user
@@ -13,23 +12,8 @@ class TestDevicesCommandOnServer : public QObject {
     Q_OBJECT
 
 private:
-    struct Run {
-        int exitCode = -1;
-        QByteArray out;
-        QByteArray err;
-    };
-
-    static Run runOndril(const QStringList& arguments) {
-        QProcess process;
-        process.start(TestSupport::helperDirectory() + QStringLiteral("/ondril"), arguments);
-        Run run;
-        if (!process.waitForFinished(30000))
-            return run;
-        run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        run.out = process.readAllStandardOutput();
-        run.err = process.readAllStandardError();
-        return run;
-    }
+    using Run = TestSupport::Run;
+    static Run runOndril(const QStringList& arguments) { return TestSupport::runOndril(arguments); }
 
     static QJsonObject byUID(const QJsonArray& devices, const QString& uid) {
         for (const auto& device : devices)
@@ -66,8 +50,8 @@ private slots:
 
         const Run run = runOndril({backend, "devices", "--json"});
         QCOMPARE(run.exitCode, 0);
-        QVERIFY2(!run.err.contains("simulated"), run.err.constData()); // no fallback
-        const QJsonObject json = QJsonDocument::fromJson(run.out).object();
+        QVERIFY2(!run.err.contains("simulated"), qPrintable(run.err)); // no fallback
+        const QJsonObject json = QJsonDocument::fromJson(run.out.toUtf8()).object();
         const QJsonArray outputs = json.value("outputs").toArray();
         const QJsonArray inputs = json.value("inputs").toArray();
 
@@ -82,7 +66,7 @@ private slots:
         QVERIFY(qAbs(byUID(outputs, "airpods").value("volume").toDouble() - 0.35) < 0.001);
 
         const QJsonObject microphone = byUID(inputs, input.name);
-        QVERIFY2(!microphone.isEmpty(), run.out.constData());
+        QVERIFY2(!microphone.isEmpty(), qPrintable(run.out));
         QCOMPARE(microphone.value("name").toString(), input.description);
         QCOMPARE(microphone.value("muted"), QJsonValue(true));
         // Monitors are not inputs.
@@ -95,7 +79,7 @@ private slots:
         m_server->stop();
         const Run pulse = runOndril({"--backend=pulse", "devices"});
         QCOMPARE(pulse.exitCode, 1);
-        QCOMPARE(pulse.err.count('\n'), 1);
+        QCOMPARE(pulse.err.count(u'\n'), 1);
     }
 };
 

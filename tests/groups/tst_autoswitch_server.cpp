@@ -1,15 +1,6 @@
-#include "app/AppSettings.h"
-#include "app/NotificationCenter.h"
-#include "devices/AudioDeviceManager.h"
-#include "groups/GroupManager.h"
-#include "platform/SystemSleepMonitor.h"
-#include "platform/UserDefaults.h"
-#include "platform/pulse/PulseAudioHardware.h"
-
-#include "PrivateSoundServer.h"
+#include "ServerRig.h"
 
 #include <QElapsedTimer>
-#include <QTemporaryDir>
 #include <QtTest>
 
 // Auto-switch rules on a real private sound server (PulseAudio or PipeWire, as ONDRIL_TEST_SERVER
@@ -17,7 +8,7 @@
 // the configured default taken back when it returns); Ondril's result must stand beside it.
 namespace {
 
-constexpr int kGenerousWaitMs = 15000;
+constexpr int kWaitMs = ServerRig::generousWaitMs;
 constexpr int kSettleMs = 700; // long enough for a server's own policy to have acted
 
 const QString kAirPods = QStringLiteral("airpods");
@@ -26,183 +17,140 @@ const QString kLeft = QStringLiteral("studio_left");
 const QString kRight = QStringLiteral("studio_right");
 const QString kHeadsetMic = QStringLiteral("headset_mic");
 
-// Successive distinct values of one default, as the program hears them.
-struct DefaultHistory {
-    QStringList names;
-    AudioObjectPropertyListenerToken token = 0;
-};
-
 } // namespace
 
 class AutoSwitchServerTest : public QObject {
     Q_OBJECT
 
+    std::unique_ptr<ServerRig> m_rig;
+
+    bool waitForDefault(const QString& sink) {
+        return QTest::qWaitFor([&] { return m_rig->server->defaultSinkName() == sink; }, kWaitMs);
+    }
+
+    // Settles, then checks the server's default has stayed `sink`.
+    void verifyDefaultStays(const QString& sink) {
+        QVERIFY2(waitForDefault(sink), qPrintable(m_rig->server->defaultSinkName()));
+        QTest::qWait(kSettleMs);
+        QCOMPARE(m_rig->server->defaultSinkName(), sink);
+    }
+
+    // Successive distinct names of one default, as the program hears them.
+    AudioObjectPropertyListenerToken follow(AudioObjectPropertySelector selector,
+                                            QStringList& names) {
+        AudioObjectPropertyListenerToken token = 0;
+        AudioDeviceManager& audio = *m_rig->audio;
+        m_rig->hardware->AudioObjectAddPropertyListenerBlock(
+            kAudioObjectSystemObject, {selector, kAudioObjectPropertyScopeGlobal, 0},
+            [&audio, &names, selector](const auto&) {
+                const QString name =
+                    audio
+                        .readUID(selector == kAudioHardwarePropertyDefaultOutputDevice
+                                     ? audio.readDefaultOutputID()
+                                     : audio.readDefaultInputID())
+                        .value_or(QString());
+                if (!name.isEmpty() && (names.isEmpty() || names.last() != name))
+                    names.append(name);
+            },
+            token);
+        return token;
+    }
+
 private slots:
     void init() {
-        QString error;
-        m_server = PrivateSoundServer::startFromEnvironment(error);
-        if (!m_server)
-            QFAIL(qPrintable(error));
-        QVERIFY(m_server->pactl({"set-default-sink", kBuiltin}));
+        m_rig = std::make_unique<ServerRig>();
+        const QString error = m_rig->start();
+        QVERIFY2(error.isEmpty(), qPrintable(error));
         // The AirPods are not there yet: the rules wait for them.
-        QVERIFY(m_server->pactl({"unload-module", QString::number(module(kAirPods))}));
-        m_hardware = PulseAudioHardware::connect(5000);
-        QVERIFY2(m_hardware, "no connection to the private server");
-        m_directory = std::make_unique<QTemporaryDir>();
-        m_defaults = std::make_unique<UserDefaults>(m_directory->filePath("defaults.json"));
-        m_defaults->setBool(true, SettingsKeys::autoSwitchGroups);
-        m_defaults->setBool(true, SettingsKeys::autoSwitchInputs);
-        m_settings = std::make_unique<AppSettings>(*m_defaults, m_center);
-        m_audio = std::make_unique<AudioDeviceManager>(*m_hardware);
-        m_manager = std::make_unique<GroupManager>(*m_audio, *m_settings, m_sleepMonitor);
-        QVERIFY(QTest::qWaitFor([&] { return m_audio->deviceIDForOutputUID(kBuiltin).has_value(); },
-                                kGenerousWaitMs));
+        QVERIFY(m_rig->unplug(kAirPods));
+        m_rig->defaults->setBool(true, SettingsKeys::autoSwitchGroups);
+        m_rig->defaults->setBool(true, SettingsKeys::autoSwitchInputs);
+        m_rig->launch();
+        QVERIFY(QTest::qWaitFor(
+            [&] { return !m_rig->audio->deviceIDForOutputUID(kAirPods).has_value(); }, kWaitMs));
     }
-
-    void cleanup() {
-        m_manager.reset();
-        m_audio.reset();
-        m_hardware.reset();
-        m_server.reset();
-        m_settings.reset();
-        m_defaults.reset();
-        m_directory.reset();
-    }
+    void cleanup() { m_rig.reset(); }
 
     void ruleTakesTheArrivingSinkAndThePriorityListTakesOverWhenItGoes() {
+        GroupManager& manager = *m_rig->manager;
         // The left display is hidden: passed over although connected.
-        m_settings->setHiddenDevices({kLeft});
-        m_manager->setDevicePriority({kLeft, "gone", kRight});
-        m_manager->saveDevicePriority();
-        m_manager->addRule({kAirPods}, RuleAction::device(kAirPods));
+        m_rig->settings->setHiddenDevices({kLeft});
+        manager.setDevicePriority({kLeft, "gone", kRight});
+        manager.saveDevicePriority();
+        manager.addRule({kAirPods}, RuleAction::device(kAirPods));
 
-        QVERIFY(m_server->loadNullSink(kAirPods, "AirPods Pro"));
+        QVERIFY(m_rig->server->loadNullSink(kAirPods, "AirPods Pro"));
         QElapsedTimer loaded;
         loaded.start();
-        QVERIFY(QTest::qWaitFor([&] { return defaultOutputUID() == kAirPods; }, kGenerousWaitMs));
-        const qint64 reaction = loaded.elapsed();
-        qInfo() << "loaded sink to rule-made default:" << reaction << "ms";
-        QVERIFY2(reaction < 100, qPrintable(QString::number(reaction)));
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == kAirPods; },
-                                kGenerousWaitMs));
+        QVERIFY(QTest::qWaitFor([&] { return m_rig->defaultOutputUID() == kAirPods; }, kWaitMs));
+        qInfo() << "loaded sink to rule-made default:" << loaded.elapsed() << "ms";
+        QVERIFY(waitForDefault(kAirPods));
 
         // Gone: the server picks a sink of its own; the priority list's entry stands over it.
-        QVERIFY(m_server->pactl({"unload-module", QString::number(module(kAirPods))}));
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == kRight; },
-                                kGenerousWaitMs));
-        QTest::qWait(kSettleMs);
-        QCOMPARE(m_server->defaultSinkName(), kRight);
-
+        QVERIFY(m_rig->unplug(kAirPods));
+        verifyDefaultStays(kRight);
         // Back: the rule applies again, and the server does not take its old default back.
-        QVERIFY(m_server->loadNullSink(kAirPods, "AirPods Pro"));
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == kAirPods; },
-                                kGenerousWaitMs));
-        QTest::qWait(kSettleMs);
-        QCOMPARE(m_server->defaultSinkName(), kAirPods);
+        QVERIFY(m_rig->server->loadNullSink(kAirPods, "AirPods Pro"));
+        verifyDefaultStays(kAirPods);
     }
 
     void outputPickedByHandIsLeftAloneWhileTheRuleFits() {
-        m_manager->addRule({kAirPods}, RuleAction::device(kAirPods));
-        QVERIFY(m_server->loadNullSink(kAirPods, "AirPods Pro"));
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == kAirPods; },
-                                kGenerousWaitMs));
+        m_rig->manager->addRule({kAirPods}, RuleAction::device(kAirPods));
+        QVERIFY(m_rig->server->loadNullSink(kAirPods, "AirPods Pro"));
+        QVERIFY(waitForDefault(kAirPods));
 
-        QVERIFY(m_server->pactl({"set-default-sink", kLeft}));
+        QVERIFY(m_rig->server->pactl({"set-default-sink", kLeft}));
         // Other lists keep arriving (a volume change publishes them too): still no re-apply.
-        QVERIFY(m_server->pactl({"set-sink-volume", kRight, "40%"}));
-        QTest::qWait(kSettleMs);
-        QCOMPARE(m_server->defaultSinkName(), kLeft);
-        QCOMPARE(defaultOutputUID(), kLeft);
+        QVERIFY(m_rig->server->pactl({"set-sink-volume", kRight, "40%"}));
+        verifyDefaultStays(kLeft);
+        QCOMPARE(m_rig->defaultOutputUID(), kLeft);
     }
 
     void groupRuleBuildsTheCombinedSink() {
-        OutputGroup group;
-        group.id = QUuid::createUuid();
-        group.name = QStringLiteral("Studio");
-        group.memberUIDs = {kLeft, kRight};
-        group.masterUID = kLeft;
-        m_manager->setGroups({group});
-        m_manager->saveGroups();
-        m_manager->addRule({kAirPods}, RuleAction::group(group.id));
+        GroupManager& manager = *m_rig->manager;
+        const OutputGroup group = serverGroup({kLeft, kRight});
+        manager.setGroups({group});
+        manager.saveGroups();
+        manager.addRule({kAirPods}, RuleAction::group(group.id));
 
-        QVERIFY(m_server->loadNullSink(kAirPods, "AirPods Pro"));
+        QVERIFY(m_rig->server->loadNullSink(kAirPods, "AirPods Pro"));
         const QString aggregate = GroupManager::aggregateUID(group.id);
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == aggregate; },
-                                kGenerousWaitMs));
-        const auto owner = m_server->owningModule(aggregate);
-        QVERIFY(owner);
-        QVERIFY2(owner->second.contains("slaves=studio_left,studio_right"),
-                 qPrintable(owner->second));
+        QVERIFY(waitForDefault(aggregate));
+        m_rig->verifySlaves(aggregate, {kLeft, kRight});
 
         // The rule ends with its device; with no priority list the output before comes back.
-        QVERIFY(m_server->pactl({"unload-module", QString::number(module(kAirPods))}));
-        QVERIFY(QTest::qWaitFor([&] { return !m_server->sinkNames().contains(aggregate); },
-                                kGenerousWaitMs));
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == kBuiltin; },
-                                kGenerousWaitMs));
+        QVERIFY(m_rig->unplug(kAirPods));
+        QVERIFY(QTest::qWaitFor([&] { return !m_rig->server->sinkNames().contains(aggregate); },
+                                kWaitMs));
+        QVERIFY(waitForDefault(kBuiltin));
     }
 
     // A headset's sink and microphone arrive a few ms apart; each side has its rule. Every list
     // published on the way is evaluated, and each default changes once.
     void arrivingHeadsetChangesEachDefaultOnce() {
-        m_manager->addRule({kAirPods}, RuleAction::device(kAirPods));
-        m_manager->addInputRule({kHeadsetMic}, RuleAction::device(kHeadsetMic));
-        DefaultHistory outputs;
-        DefaultHistory inputs;
-        follow(kAudioHardwarePropertyDefaultOutputDevice, outputs);
-        follow(kAudioHardwarePropertyDefaultInputDevice, inputs);
+        m_rig->manager->addRule({kAirPods}, RuleAction::device(kAirPods));
+        m_rig->manager->addInputRule({kHeadsetMic}, RuleAction::device(kHeadsetMic));
+        QStringList outputs;
+        QStringList inputs;
+        const auto outputToken = follow(kAudioHardwarePropertyDefaultOutputDevice, outputs);
+        const auto inputToken = follow(kAudioHardwarePropertyDefaultInputDevice, inputs);
 
-        QVERIFY(m_server->loadNullSink(kAirPods, "AirPods Pro"));
-        QVERIFY(
-            m_server->loadRemapSource(kHeadsetMic, "Headset Microphone", kAirPods + ".monitor"));
+        QVERIFY(m_rig->server->loadNullSink(kAirPods, "AirPods Pro"));
+        QVERIFY(m_rig->server->loadRemapSource(kHeadsetMic, "Headset Microphone",
+                                               kAirPods + ".monitor"));
         QVERIFY(QTest::qWaitFor(
             [&] {
-                return m_server->defaultSinkName() == kAirPods &&
-                       m_server->defaultSourceName() == kHeadsetMic;
+                return m_rig->server->defaultSinkName() == kAirPods &&
+                       m_rig->server->defaultSourceName() == kHeadsetMic;
             },
-            kGenerousWaitMs));
+            kWaitMs));
         QTest::qWait(kSettleMs);
-        m_hardware->AudioObjectRemovePropertyListenerBlock(outputs.token);
-        m_hardware->AudioObjectRemovePropertyListenerBlock(inputs.token);
-        QCOMPARE(outputs.names, QStringList{kAirPods});
-        QCOMPARE(inputs.names, QStringList{kHeadsetMic});
-        QCOMPARE(m_audio->defaultInputID(), *m_audio->deviceIDForInputUID(kHeadsetMic));
+        m_rig->hardware->AudioObjectRemovePropertyListenerBlock(outputToken);
+        m_rig->hardware->AudioObjectRemovePropertyListenerBlock(inputToken);
+        QCOMPARE(outputs, QStringList{kAirPods});
+        QCOMPARE(inputs, QStringList{kHeadsetMic});
+        QCOMPARE(m_rig->audio->defaultInputID(), *m_rig->audio->deviceIDForInputUID(kHeadsetMic));
     }
-
-private:
-    quint32 module(const QString& sink) const {
-        const auto owner = m_server->owningModule(sink);
-        return owner ? owner->first : 0;
-    }
-
-    QString defaultOutputUID() const {
-        return m_audio->readUID(m_audio->readDefaultOutputID()).value_or(QString());
-    }
-
-    void follow(AudioObjectPropertySelector selector, DefaultHistory& history) {
-        const bool output = selector == kAudioHardwarePropertyDefaultOutputDevice;
-        m_hardware->AudioObjectAddPropertyListenerBlock(
-            kAudioObjectSystemObject,
-            {selector, kAudioObjectPropertyScopeGlobal, kAudioObjectPropertyElementMain},
-            [this, output, names = &history.names](const auto&) {
-                const AudioObjectID id =
-                    output ? m_audio->readDefaultOutputID() : m_audio->readDefaultInputID();
-                const QString name = m_audio->readUID(id).value_or(QString());
-                if (!name.isEmpty() && (names->isEmpty() || names->last() != name))
-                    names->append(name);
-            },
-            history.token);
-    }
-
-    std::unique_ptr<QTemporaryDir> m_directory;
-    NotificationCenter m_center;
-    SystemSleepMonitor m_sleepMonitor;
-    std::unique_ptr<PrivateSoundServer> m_server;
-    std::unique_ptr<PulseAudioHardware> m_hardware;
-    std::unique_ptr<UserDefaults> m_defaults;
-    std::unique_ptr<AppSettings> m_settings;
-    std::unique_ptr<AudioDeviceManager> m_audio;
-    std::unique_ptr<GroupManager> m_manager;
 };
 
 QTEST_GUILESS_MAIN(AutoSwitchServerTest)

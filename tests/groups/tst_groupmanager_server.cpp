@@ -1,114 +1,50 @@
-#include "app/AppSettings.h"
-#include "app/NotificationCenter.h"
-#include "devices/AudioDeviceManager.h"
-#include "groups/GroupManager.h"
 #include "groups/OutputGroupCodec.h"
-#include "platform/SystemSleepMonitor.h"
-#include "platform/UserDefaults.h"
-#include "platform/pulse/PulseAudioHardware.h"
 
-#include "PrivateSoundServer.h"
+#include "ServerRig.h"
 
 #include <QProcess>
-#include <QProcessEnvironment>
-#include <QTemporaryDir>
 #include <QTimer>
 #include <QtTest>
-
-#include <cmath>
 
 // Output groups on a real private sound server (PulseAudio or PipeWire, as ONDRIL_TEST_SERVER
 // says), through GroupManager, AudioDeviceManager and the libpulse realisation: what pactl sees
 // and what the members' monitors carry must be what the group says.
 namespace {
 
-constexpr int kGenerousWaitMs = 15000;
-// Monitors carry what the sink plays after its volume (cubic): groups that are listened to play
-// at 0.65 or more, which leaves a half-scale tone well above this.
-constexpr double kPlayingLevel = 0.05;
-constexpr double kSilentLevel = 0.01;
-
 const QString kLeft = QStringLiteral("studio_left");
 const QString kRight = QStringLiteral("studio_right");
 const QString kAirPods = QStringLiteral("airpods");
 const QString kBuiltin = QStringLiteral("builtin"); // never a member; the output before the group
-const QString kToneApplication = QStringLiteral("ondril-group-tone");
-
-// Percent that pactl prints for a scalar, within one step either way of PulseAudio's rounding.
-bool percentMatches(const std::vector<int>& percents, double scalar) {
-    if (percents.empty())
-        return false;
-    const int expected = int(std::lround(scalar * 100));
-    return std::all_of(percents.begin(), percents.end(),
-                       [&](int percent) { return std::abs(percent - expected) <= 1; });
-}
-
-QString percentText(const std::vector<int>& percents) {
-    QStringList parts;
-    for (int percent : percents)
-        parts.append(QString::number(percent));
-    return parts.join(u'/');
-}
+constexpr int kWaitMs = ServerRig::generousWaitMs;
 
 } // namespace
 
 class GroupManagerServerTest : public QObject {
     Q_OBJECT
 
+    std::unique_ptr<ServerRig> m_rig;
+
+    // Launches, activates `group` and waits until its combined sink is the server's default.
+    QString activate(const OutputGroup& group) {
+        GroupManager& manager = m_rig->launch();
+        manager.setGroups({group});
+        manager.saveGroups();
+        if (!manager.activate(group))
+            return {};
+        const QString aggregate = GroupManager::aggregateUID(group.id);
+        if (!QTest::qWaitFor([&] { return m_rig->server->defaultSinkName() == aggregate; },
+                             kWaitMs))
+            return {};
+        return aggregate;
+    }
+
 private slots:
     void init() {
-        QString error;
-        m_server = PrivateSoundServer::startFromEnvironment(error);
-        if (!m_server)
-            QFAIL(qPrintable(error));
-        QVERIFY(m_server->pactl({"set-default-sink", kBuiltin}));
-        m_hardware = PulseAudioHardware::connect(5000);
-        QVERIFY2(m_hardware, "no connection to the private server");
-        // Fresh settings each time: a stored active group would be restored at the next launch.
-        m_directory = std::make_unique<QTemporaryDir>();
-        QVERIFY(m_directory->isValid());
-        m_defaults = std::make_unique<UserDefaults>(m_directory->filePath("defaults.json"));
-        m_settings = std::make_unique<AppSettings>(*m_defaults, m_center);
-        m_audio = std::make_unique<AudioDeviceManager>(*m_hardware);
-        QVERIFY(QTest::qWaitFor(
-            [&] {
-                return m_audio->outputDevices().size() >= 4 &&
-                       m_audio->deviceIDForOutputUID(kBuiltin) &&
-                       m_audio->readDefaultOutputID() == *m_audio->deviceIDForOutputUID(kBuiltin);
-            },
-            kGenerousWaitMs));
+        m_rig = std::make_unique<ServerRig>();
+        const QString error = m_rig->start();
+        QVERIFY2(error.isEmpty(), qPrintable(error));
     }
-
-    void cleanup() {
-        if (m_tone) {
-            m_tone->kill();
-            m_tone->waitForFinished();
-        }
-        m_tone.reset();
-        m_manager.reset();
-        m_audio.reset();
-        m_hardware.reset();
-        m_server.reset();
-        m_settings.reset();
-        m_defaults.reset();
-        m_directory.reset();
-    }
-
-    void activeGroupIsTheDefaultAndPlaysToEveryMemberOnly() {
-        GroupManager& manager = launch();
-        const OutputGroup group = makeGroup({kLeft, kRight, kAirPods});
-        manager.setGroups({group});
-        QVERIFY(manager.activate(group));
-        const QString aggregate = GroupManager::aggregateUID(group.id);
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == aggregate; },
-                                kGenerousWaitMs));
-        QCOMPARE(manager.previousOutputUID(), std::optional<QString>(kBuiltin));
-
-        playToneToDefault(aggregate);
-        for (const QString& member : {kLeft, kRight, kAirPods})
-            verifyPlaying(member);
-        verifySilent(kBuiltin);
-    }
+    void cleanup() { m_rig.reset(); }
 
     void memberVolumesAreMasterTimesBalance_data() {
         QTest::addColumn<QString>("change");
@@ -127,114 +63,96 @@ private slots:
         QFETCH(double, left);
         QFETCH(double, right);
         QFETCH(double, airpods);
-        GroupManager& manager = launch();
-        OutputGroup group = makeGroup({kLeft, kRight, kAirPods}, 0.5);
+        OutputGroup group = serverGroup({kLeft, kRight, kAirPods}, 0.5);
         group.balance = {{kLeft, 0.4}, {kAirPods, 0.8}};
-        manager.setGroups({group});
-        manager.saveGroups();
-        QVERIFY(manager.activate(group));
-
+        const QString aggregate = activate(group);
+        QVERIFY(!aggregate.isEmpty());
+        GroupManager& manager = *m_rig->manager;
         if (change == "master 0.9")
             manager.setMasterVolume(group, 0.9);
         else if (change == "right 0.3")
             manager.setBalance(group, kRight, 0.3);
-        else if (change == "mute")
+        else if (change.startsWith("mute"))
             manager.toggleGroupMute();
-        else if (change == "mute, step") {
-            manager.toggleGroupMute();
+        if (change == "mute, step")
             manager.stepVolume(0.1);
-        }
 
-        verifyVolume(kLeft, left);
-        verifyVolume(kRight, right);
-        verifyVolume(kAirPods, airpods);
-        QCOMPARE(m_server->sinkVolumePercent(kBuiltin), (std::vector<int>{100, 100}));
+        m_rig->verifyVolume(kLeft, left);
+        m_rig->verifyVolume(kRight, right);
+        m_rig->verifyVolume(kAirPods, airpods);
+        m_rig->verifyVolume(kBuiltin, 1.0);
     }
 
     void vanishedMemberDropsOutAndComesBackByName() {
-        GroupManager& manager = launch();
-        OutputGroup group = makeGroup({kLeft, kRight, kAirPods}, 0.9);
+        OutputGroup group = serverGroup({kLeft, kRight, kAirPods}, 0.9);
         group.balance = {{kRight, 0.8}};
-        manager.setGroups({group});
-        QVERIFY(manager.activate(group));
-        const QString aggregate = GroupManager::aggregateUID(group.id);
-        playToneToDefault(aggregate);
+        const QString aggregate = activate(group);
+        QVERIFY(!aggregate.isEmpty());
+        GroupManager& manager = *m_rig->manager;
+        m_rig->playToneToDefault(aggregate);
 
-        const auto module = m_server->owningModule(kRight);
-        QVERIFY(module);
-        auto events = m_server->subscribe();
-        QVERIFY(m_server->pactl({"unload-module", QString::number(module->first)}));
+        auto events = m_rig->server->subscribe();
+        QVERIFY(m_rig->unplug(kRight));
         QVERIFY2(QTest::qWaitFor(
                      [&] {
                          return manager.activeMemberUIDs() == QStringList{kLeft, kAirPods} &&
-                                m_server->defaultSinkName() == aggregate &&
-                                m_server->sinkOfStream(kToneApplication) == aggregate;
+                                m_rig->server->defaultSinkName() == aggregate &&
+                                m_rig->server->sinkOfStream("ondril-tone") == aggregate;
                      },
-                     kGenerousWaitMs),
+                     kWaitMs),
                  qPrintable(manager.activeMemberUIDs().join(u',')));
         QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(group.id));
-        verifySlaves(aggregate, {kLeft, kAirPods});
-        verifyPlaying(kLeft);
-        verifyPlaying(kAirPods);
+        m_rig->verifySlaves(aggregate, {kLeft, kAirPods});
+        m_rig->verifyPlaying(kLeft);
+        m_rig->verifyPlaying(kAirPods);
         // The server drops the member from the combined sink by itself; ours is rebuilt once, not
         // again when the published lists catch up.
         QCOMPARE(PrivateSoundServer::sinkEvents(*events), (std::pair<int, int>{1, 2}));
 
-        events = m_server->subscribe();
+        events = m_rig->server->subscribe();
         // Back under the same name: a fresh null sink at full volume, taken in and given its
         // share again.
-        QVERIFY(m_server->loadNullSink(kRight, "Studio Display Right"));
+        QVERIFY(m_rig->server->loadNullSink(kRight, "Studio Display Right"));
         QVERIFY(QTest::qWaitFor(
             [&] {
                 return manager.activeMemberUIDs() == QStringList{kLeft, kRight, kAirPods} &&
-                       m_server->defaultSinkName() == aggregate;
+                       m_rig->server->defaultSinkName() == aggregate;
             },
-            kGenerousWaitMs));
-        verifySlaves(aggregate, {kLeft, kRight, kAirPods});
-        verifyVolume(kRight, 0.72);
-        verifyPlaying(kRight);
-        verifyPlaying(kLeft);
-        verifySilent(kBuiltin);
+            kWaitMs));
+        m_rig->verifySlaves(aggregate, {kLeft, kRight, kAirPods});
+        m_rig->verifyVolume(kRight, 0.72);
+        m_rig->verifyPlaying(kRight);
+        m_rig->verifySilent(kBuiltin);
         // One rebuild settles it: neither the server's own re-adding nor ours moves it again.
-        const auto settled = m_server->owningModule(aggregate);
+        const auto settled = m_rig->server->owningModule(aggregate);
         QVERIFY(settled);
         QTest::qWait(1000);
-        QCOMPARE(m_server->owningModule(aggregate), settled);
-        QCOMPARE(m_server->defaultSinkName(), aggregate);
+        QCOMPARE(m_rig->server->owningModule(aggregate), settled);
+        QCOMPARE(m_rig->server->defaultSinkName(), aggregate);
         // The server takes the member back into the old combined sink by itself; the rebuild
         // replaces that sink once: new member and new combined sink, old combined sink gone.
         QCOMPARE(PrivateSoundServer::sinkEvents(*events), (std::pair<int, int>{2, 1}));
     }
 
     void lastMemberGoneEndsTheGroupAndGivesThePreviousOutputBack() {
-        GroupManager& manager = launch();
-        const OutputGroup group = makeGroup({kLeft, kAirPods});
-        manager.setGroups({group});
-        QVERIFY(manager.activate(group));
-        const QString aggregate = GroupManager::aggregateUID(group.id);
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == aggregate; },
-                                kGenerousWaitMs));
-
-        for (const QString& member : {kAirPods, kLeft}) {
-            const auto module = m_server->owningModule(member);
-            QVERIFY(module);
-            QVERIFY(m_server->pactl({"unload-module", QString::number(module->first)}));
-        }
-        QVERIFY2(
-            QTest::qWaitFor([&] { return !manager.activeGroupID().has_value(); }, kGenerousWaitMs),
-            qPrintable(manager.activeMemberUIDs().join(u',') + " | " +
-                       m_server->sinkNames().join(u',') + " | " + outputUIDs()));
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == kBuiltin; },
-                                kGenerousWaitMs));
-        QVERIFY(!m_server->sinkNames().contains(aggregate));
-        QVERIFY(!manager.activeDeviceID().has_value());
+        const OutputGroup group = serverGroup({kLeft, kAirPods});
+        const QString aggregate = activate(group);
+        QVERIFY(!aggregate.isEmpty());
+        GroupManager& manager = *m_rig->manager;
+        QVERIFY(m_rig->unplug(kAirPods));
+        QVERIFY(m_rig->unplug(kLeft));
+        QVERIFY2(QTest::qWaitFor([&] { return !manager.activeGroupID().has_value(); }, kWaitMs),
+                 qPrintable(m_rig->server->sinkNames().join(u',')));
+        QVERIFY(
+            QTest::qWaitFor([&] { return m_rig->server->defaultSinkName() == kBuiltin; }, kWaitMs));
+        QVERIFY(!m_rig->server->sinkNames().contains(aggregate));
         // The group does not come back with its devices by itself.
-        QVERIFY(m_server->loadNullSink(kLeft, "Studio Display Left"));
-        QVERIFY(QTest::qWaitFor([&] { return m_audio->deviceIDForOutputUID(kLeft).has_value(); },
-                                kGenerousWaitMs));
+        QVERIFY(m_rig->server->loadNullSink(kLeft, "Studio Display Left"));
+        QVERIFY(QTest::qWaitFor(
+            [&] { return m_rig->audio->deviceIDForOutputUID(kLeft).has_value(); }, kWaitMs));
         QTest::qWait(500);
         QVERIFY(!manager.activeGroupID().has_value());
-        QCOMPARE(m_server->defaultSinkName(), kBuiltin);
+        QCOMPARE(m_rig->server->defaultSinkName(), kBuiltin);
     }
 
     void deactivateGivesThePreviousOutputBack_data() {
@@ -245,102 +163,96 @@ private slots:
     }
     void deactivateGivesThePreviousOutputBack() {
         QFETCH(bool, throughAnotherGroup);
-        GroupManager& manager = launch();
-        const OutputGroup first = makeGroup({kLeft, kRight});
-        const OutputGroup second = makeGroup({kAirPods, kRight});
-        manager.setGroups({first, second});
-        QVERIFY(manager.activate(first));
+        const OutputGroup first = serverGroup({kLeft, kRight});
+        const OutputGroup second = serverGroup({kAirPods, kRight});
+        QString aggregate = activate(first);
+        QVERIFY(!aggregate.isEmpty());
+        GroupManager& manager = *m_rig->manager;
+        QCOMPARE(manager.previousOutputUID(), std::optional<QString>(kBuiltin));
+        const OutputGroup& active = throughAnotherGroup ? second : first;
         if (throughAnotherGroup) {
+            manager.setGroups({first, second});
             QVERIFY(manager.activate(second));
-            QVERIFY(!m_server->sinkNames().contains(GroupManager::aggregateUID(first.id)));
+            QVERIFY(!m_rig->server->sinkNames().contains(aggregate));
+            aggregate = GroupManager::aggregateUID(second.id);
         }
-        const QString aggregate =
-            GroupManager::aggregateUID(throughAnotherGroup ? second.id : first.id);
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == aggregate; },
-                                kGenerousWaitMs));
-        playToneToDefault(aggregate);
+        // The group is the default and plays to every member and nowhere else.
+        m_rig->playToneToDefault(aggregate);
+        for (const QString& member : active.memberUIDs)
+            m_rig->verifyPlaying(member);
+        m_rig->verifySilent(kBuiltin);
 
         manager.deactivate();
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == kBuiltin; },
-                                kGenerousWaitMs));
-        QVERIFY(!m_server->sinkNames().contains(aggregate));
+        QVERIFY(
+            QTest::qWaitFor([&] { return m_rig->server->defaultSinkName() == kBuiltin; }, kWaitMs));
+        QVERIFY(!m_rig->server->sinkNames().contains(aggregate));
         QVERIFY(QTest::qWaitFor(
-            [&] { return m_server->sinkOfStream(kToneApplication) == kBuiltin; }, kGenerousWaitMs));
-        verifyPlaying(kBuiltin);
-        verifySilent(kRight);
+            [&] { return m_rig->server->sinkOfStream("ondril-tone") == kBuiltin; }, kWaitMs));
+        m_rig->verifyPlaying(kBuiltin);
+        m_rig->verifySilent(kRight);
     }
 
     void restartedServerGetsTheGroupBackWithItsVolumes() {
-        GroupManager& manager = launch();
-        OutputGroup group = makeGroup({kLeft, kRight}, 0.9);
+        OutputGroup group = serverGroup({kLeft, kRight}, 0.9);
         group.balance = {{kRight, 0.8}};
-        manager.setGroups({group});
-        QVERIFY(manager.activate(group));
-        const QString aggregate = GroupManager::aggregateUID(group.id);
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == aggregate; },
-                                kGenerousWaitMs));
+        const QString aggregate = activate(group);
+        QVERIFY(!aggregate.isEmpty());
+        GroupManager& manager = *m_rig->manager;
 
-        m_server->stop();
-        QVERIFY2(m_server->start(), qPrintable(m_server->error()));
+        m_rig->server->stop();
+        QVERIFY2(m_rig->server->start(), qPrintable(m_rig->server->error()));
         // The fresh server knows nothing of the group: its sinks are new, at full volume.
         QVERIFY2(QTest::qWaitFor(
                      [&] {
-                         return m_server->defaultSinkName() == aggregate &&
-                                m_audio->readDefaultOutputID() == manager.activeDeviceID() &&
+                         return m_rig->server->defaultSinkName() == aggregate &&
+                                m_rig->audio->readDefaultOutputID() == manager.activeDeviceID() &&
                                 manager.activeMemberUIDs() == QStringList{kLeft, kRight};
                      },
-                     kGenerousWaitMs),
-                 qPrintable(m_server->defaultSinkName()));
-        QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(group.id));
-        verifySlaves(aggregate, {kLeft, kRight});
-        verifyVolume(kLeft, 0.9);
-        verifyVolume(kRight, 0.72);
-        playToneToDefault(aggregate);
-        verifyPlaying(kLeft);
-        verifyPlaying(kRight);
+                     kWaitMs),
+                 qPrintable(m_rig->server->defaultSinkName()));
+        m_rig->verifySlaves(aggregate, {kLeft, kRight});
+        m_rig->verifyVolume(kLeft, 0.9);
+        m_rig->verifyVolume(kRight, 0.72);
+        m_rig->playToneToDefault(aggregate);
+        m_rig->verifyPlaying(kLeft);
+        m_rig->verifyPlaying(kRight);
     }
 
     void serverStalledDuringARebuildKeepsTheGroup() {
-        GroupManager& manager = launch();
-        const OutputGroup group = makeGroup({kLeft, kRight, kAirPods});
-        manager.setGroups({group});
-        manager.saveGroups();
-        QVERIFY(manager.activate(group));
-        const QString aggregate = GroupManager::aggregateUID(group.id);
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == aggregate; },
-                                kGenerousWaitMs));
+        const OutputGroup group = serverGroup({kLeft, kRight, kAirPods});
+        const QString aggregate = activate(group);
+        QVERIFY(!aggregate.isEmpty());
+        GroupManager& manager = *m_rig->manager;
 
         // The worst moment: the program's first reaction to the member's removal, the published
         // device list, one turn before the group's rebuild. The server stops for a few seconds.
         bool stalled = false;
-        connect(m_audio.get(), &AudioDeviceManager::outputDevicesChanged, this, [&] {
-            if (stalled || m_audio->deviceIDForOutputUID(kRight))
+        connect(m_rig->audio.get(), &AudioDeviceManager::outputDevicesChanged, this, [&] {
+            if (stalled || m_rig->audio->deviceIDForOutputUID(kRight))
                 return;
             stalled = true;
-            m_server->pause();
-            QTimer::singleShot(4000, this, [&] { m_server->resume(); });
+            m_rig->server->pause();
+            QTimer::singleShot(4000, this, [&] { m_rig->server->resume(); });
         });
-        const auto module = m_server->owningModule(kRight);
-        QVERIFY(module);
-        QVERIFY(m_server->pactl({"unload-module", QString::number(module->first)}));
-        QVERIFY(QTest::qWaitFor([&] { return stalled; }, kGenerousWaitMs));
+        QVERIFY(m_rig->unplug(kRight));
+        QVERIFY(QTest::qWaitFor([&] { return stalled; }, kWaitMs));
 
         // A stall is no choice of the user's: the group stays on and stored, and comes back with
         // the members that are left once the server answers, without leftovers.
         QVERIFY2(QTest::qWaitFor(
                      [&] {
                          return manager.activeMemberUIDs() == QStringList{kLeft, kAirPods} &&
-                                m_server->defaultSinkName() == aggregate;
+                                m_rig->server->defaultSinkName() == aggregate;
                      },
-                     kGenerousWaitMs),
+                     kWaitMs),
                  qPrintable(manager.activeMemberUIDs().join(u',') + " | " +
-                            m_server->sinkNames().join(u',')));
+                            m_rig->server->sinkNames().join(u',')));
         QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(group.id));
-        QCOMPARE(m_defaults->stringForKey(SettingsKeys::activeGroup),
+        QCOMPARE(m_rig->defaults->stringForKey(SettingsKeys::activeGroup),
                  std::optional<QString>(OutputGroupCodec::uuidText(group.id)));
-        verifySlaves(aggregate, {kLeft, kAirPods});
+        m_rig->verifySlaves(aggregate, {kLeft, kAirPods});
         QTest::qWait(500);
-        QCOMPARE(m_server->sinkNames().filter(GroupManager::groupUIDPrefix),
+        QCOMPARE(m_rig->server->sinkNames().filter(GroupManager::groupUIDPrefix),
                  QStringList{aggregate});
     }
 
@@ -363,104 +275,32 @@ private slots:
             ownerProcess.kill();
             ownerProcess.waitForFinished();
         }
-        const QString orphan =
-            GroupManager::aggregateUID(QUuid::fromString("0E0C1F1A-58B4-4C35-9A57-1D5A3E0F7C11"));
+        const QString orphan = GroupManager::aggregateUID(QUuid::createUuid());
         QStringList arguments{"load-module", "module-combine-sink", "sink_name=" + orphan,
                               "slaves=studio_left,studio_right"};
         if (owner != "none")
             arguments.append(QString("sink_properties=ondril.owner.pid=%1").arg(ownerPid));
-        QVERIFY(m_server->pactl(arguments));
+        QVERIFY(m_rig->server->pactl(arguments));
         // A combined sink of somebody else's is none of ours.
-        QVERIFY(m_server->pactl(
+        QVERIFY(m_rig->server->pactl(
             {"load-module", "module-combine-sink", "sink_name=party_combined", "slaves=airpods"}));
+
+        AudioDeviceManager& devices = m_rig->devices();
         QVERIFY(QTest::qWaitFor(
             [&] {
-                return m_audio->deviceIDForOutputUID(orphan) &&
-                       m_audio->deviceIDForOutputUID("party_combined");
+                return devices.deviceIDForOutputUID(orphan).has_value() &&
+                       devices.deviceIDForOutputUID("party_combined").has_value();
             },
-            kGenerousWaitMs));
-
-        launch();
-        QVERIFY(QTest::qWaitFor([&] { return m_server->sinkNames().contains(orphan) != removed; },
-                                kGenerousWaitMs));
+            kWaitMs));
+        m_rig->launch();
+        QVERIFY(QTest::qWaitFor(
+            [&] { return m_rig->server->sinkNames().contains(orphan) != removed; }, kWaitMs));
         QTest::qWait(300);
-        QCOMPARE(m_server->sinkNames().contains(orphan), !removed);
-        QVERIFY(m_server->sinkNames().contains("party_combined"));
+        QCOMPARE(m_rig->server->sinkNames().contains(orphan), !removed);
+        QVERIFY(m_rig->server->sinkNames().contains("party_combined"));
         ownerProcess.kill();
         ownerProcess.waitForFinished();
     }
-
-private:
-    GroupManager& launch() {
-        m_manager = std::make_unique<GroupManager>(*m_audio, *m_settings, m_sleepMonitor);
-        QTest::qWait(50); // the queued restore and the first publication
-        return *m_manager;
-    }
-
-    QString outputUIDs() const {
-        QStringList uids;
-        for (const AudioDevice& device : m_audio->outputDevices())
-            uids.append(device.uid);
-        return uids.join(u',');
-    }
-
-    static OutputGroup makeGroup(const QStringList& members, double masterVolume = 0.65) {
-        OutputGroup group;
-        group.id = QUuid::createUuid();
-        group.name = QStringLiteral("Studio Group");
-        group.memberUIDs = members;
-        group.masterUID = members.first();
-        group.masterVolume = masterVolume;
-        return group;
-    }
-
-    void playToneToDefault(const QString& expectedSink) {
-        m_tone = m_server->playTone({}, kToneApplication);
-        QVERIFY(m_tone);
-        QVERIFY2(QTest::qWaitFor(
-                     [&] { return m_server->sinkOfStream(kToneApplication) == expectedSink; },
-                     kGenerousWaitMs),
-                 qPrintable(m_server->sinkOfStream(kToneApplication)));
-    }
-
-    void verifyPlaying(const QString& sink) {
-        const auto level = m_server->recordLevel(sink);
-        QVERIFY2(level, qPrintable(sink));
-        QVERIFY2(*level > kPlayingLevel, qPrintable(sink + ": " + QString::number(*level)));
-    }
-
-    void verifySilent(const QString& sink) {
-        const auto level = m_server->recordLevel(sink);
-        QVERIFY2(level, qPrintable(sink));
-        QVERIFY2(*level < kSilentLevel, qPrintable(sink + ": " + QString::number(*level)));
-    }
-
-    void verifyVolume(const QString& sink, double scalar) {
-        QVERIFY2(QTest::qWaitFor(
-                     [&] { return percentMatches(m_server->sinkVolumePercent(sink), scalar); },
-                     kGenerousWaitMs),
-                 qPrintable(QStringLiteral("%1: %2%, expected %3")
-                                .arg(sink, percentText(m_server->sinkVolumePercent(sink)))
-                                .arg(scalar * 100)));
-    }
-
-    void verifySlaves(const QString& aggregate, const QStringList& members) {
-        const auto module = m_server->owningModule(aggregate);
-        QVERIFY(module);
-        QVERIFY2(module->second.contains("slaves=" + members.join(u',')),
-                 qPrintable(module->second));
-    }
-
-    std::unique_ptr<QTemporaryDir> m_directory;
-    NotificationCenter m_center;
-    SystemSleepMonitor m_sleepMonitor;
-    std::unique_ptr<PrivateSoundServer> m_server;
-    std::unique_ptr<PulseAudioHardware> m_hardware;
-    std::unique_ptr<UserDefaults> m_defaults;
-    std::unique_ptr<AppSettings> m_settings;
-    std::unique_ptr<AudioDeviceManager> m_audio;
-    std::unique_ptr<GroupManager> m_manager;
-    std::unique_ptr<QProcess> m_tone;
 };
 
 QTEST_GUILESS_MAIN(GroupManagerServerTest)

@@ -5,7 +5,6 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -34,6 +33,13 @@ QString sandboxRoot() {
 const char* kPulseScript = "load-module module-native-protocol-unix\n"
                            "load-module module-stream-restore\n"
                            "load-module module-always-sink\n";
+
+// The index pactl prints for a module it loaded.
+std::optional<quint32> moduleIndex(const std::optional<QString>& output) {
+    bool ok = false;
+    const quint32 index = output ? output->trimmed().toUInt(&ok) : 0;
+    return ok ? std::optional<quint32>(index) : std::nullopt;
+}
 
 } // namespace
 
@@ -275,12 +281,16 @@ void PrivateSoundServer::resume() {
         ::kill(pid_t(process->processId()), SIGCONT);
 }
 
+QProcessEnvironment PrivateSoundServer::clientEnvironment() const {
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());
+    return environment;
+}
+
 std::optional<QString> PrivateSoundServer::pactl(const QStringList& arguments,
                                                  int timeoutMs) const {
     QProcess process;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());
-    process.setProcessEnvironment(environment);
+    process.setProcessEnvironment(clientEnvironment());
     process.start(QStringLiteral("pactl"), arguments);
     if (!process.waitForFinished(timeoutMs)) {
         process.kill();
@@ -295,29 +305,19 @@ std::optional<QString> PrivateSoundServer::pactl(const QStringList& arguments,
 std::optional<quint32> PrivateSoundServer::loadNullSink(const QString& name,
                                                         const QString& description) const {
     // Blanks survive on both servers inside double quotes within single quotes.
-    auto output =
+    return moduleIndex(
         pactl({QStringLiteral("load-module"), QStringLiteral("module-null-sink"),
                QStringLiteral("sink_name=") + name,
-               QStringLiteral("sink_properties='device.description=\"%1\"'").arg(description)});
-    if (!output)
-        return std::nullopt;
-    bool ok = false;
-    const quint32 index = output->trimmed().toUInt(&ok);
-    return ok ? std::optional<quint32>(index) : std::nullopt;
+               QStringLiteral("sink_properties='device.description=\"%1\"'").arg(description)}));
 }
 
 std::optional<quint32> PrivateSoundServer::loadRemapSource(const QString& name,
                                                            const QString& description,
                                                            const QString& master) const {
-    auto output =
+    return moduleIndex(
         pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"),
                QStringLiteral("master=") + master, QStringLiteral("source_name=") + name,
-               QStringLiteral("source_properties='device.description=\"%1\"'").arg(description)});
-    if (!output)
-        return std::nullopt;
-    bool ok = false;
-    const quint32 index = output->trimmed().toUInt(&ok);
-    return ok ? std::optional<quint32>(index) : std::nullopt;
+               QStringLiteral("source_properties='device.description=\"%1\"'").arg(description)}));
 }
 
 QString PrivateSoundServer::defaultSinkName() const {
@@ -358,48 +358,48 @@ std::optional<bool> PrivateSoundServer::sinkMute(const QString& sink) const {
     return output->contains(QLatin1String("yes"));
 }
 
+QJsonArray PrivateSoundServer::listJson(const QString& what) const {
+    const auto output =
+        pactl({QStringLiteral("-f"), QStringLiteral("json"), QStringLiteral("list"), what});
+    return output ? QJsonDocument::fromJson(output->toUtf8()).array() : QJsonArray();
+}
+
+// The sink-input an application plays, as pactl lists it; null when it plays none.
+static QJsonValue streamOf(const QJsonArray& inputs, const QString& applicationName) {
+    for (const QJsonValue& input : inputs) {
+        if (input[QLatin1String("properties")][QLatin1String("application.name")].toString() ==
+            applicationName)
+            return input;
+    }
+    return QJsonValue();
+}
+
 QString PrivateSoundServer::sinkOfStream(const QString& applicationName) const {
-    const auto sinks = pactl({QStringLiteral("-f"), QStringLiteral("json"), QStringLiteral("list"),
-                              QStringLiteral("sinks")});
-    const auto inputs = pactl({QStringLiteral("-f"), QStringLiteral("json"), QStringLiteral("list"),
-                               QStringLiteral("sink-inputs")});
-    if (!sinks || !inputs)
+    const QJsonValue input = streamOf(listJson(QStringLiteral("sink-inputs")), applicationName);
+    if (input.isNull())
         return {};
-    QHash<int, QString> sinkNameByIndex;
-    for (const QJsonValue& sink : QJsonDocument::fromJson(sinks->toUtf8()).array())
-        sinkNameByIndex.insert(sink[QLatin1String("index")].toInt(),
-                               sink[QLatin1String("name")].toString());
-    for (const QJsonValue& input : QJsonDocument::fromJson(inputs->toUtf8()).array()) {
-        const QJsonObject properties = input[QLatin1String("properties")].toObject();
-        if (properties.value(QLatin1String("application.name")).toString() == applicationName)
-            return sinkNameByIndex.value(input[QLatin1String("sink")].toInt());
+    for (const QJsonValue& sink : listJson(QStringLiteral("sinks"))) {
+        if (sink[QLatin1String("index")].toInt() == input[QLatin1String("sink")].toInt())
+            return sink[QLatin1String("name")].toString();
     }
     return {};
 }
 
 std::optional<quint32> PrivateSoundServer::streamIndex(const QString& applicationName) const {
-    const auto inputs = pactl({QStringLiteral("-f"), QStringLiteral("json"), QStringLiteral("list"),
-                               QStringLiteral("sink-inputs")});
-    if (!inputs)
+    const QJsonValue input = streamOf(listJson(QStringLiteral("sink-inputs")), applicationName);
+    if (input.isNull())
         return std::nullopt;
-    for (const QJsonValue& input : QJsonDocument::fromJson(inputs->toUtf8()).array()) {
-        const QJsonObject properties = input[QLatin1String("properties")].toObject();
-        if (properties.value(QLatin1String("application.name")).toString() == applicationName)
-            return quint32(input[QLatin1String("index")].toDouble());
-    }
-    return std::nullopt;
+    return quint32(input[QLatin1String("index")].toDouble());
 }
 
 std::optional<std::pair<quint32, QString>>
 PrivateSoundServer::owningModule(const QString& sink) const {
-    const auto sinks = pactl({QStringLiteral("-f"), QStringLiteral("json"), QStringLiteral("list"),
-                              QStringLiteral("sinks")});
     const auto modules =
         pactl({QStringLiteral("list"), QStringLiteral("short"), QStringLiteral("modules")});
-    if (!sinks || !modules)
+    if (!modules)
         return std::nullopt;
     std::optional<quint32> owner;
-    for (const QJsonValue& entry : QJsonDocument::fromJson(sinks->toUtf8()).array()) {
+    for (const QJsonValue& entry : listJson(QStringLiteral("sinks"))) {
         if (entry[QLatin1String("name")].toString() == sink)
             owner = quint32(entry[QLatin1String("owner_module")].toDouble());
     }
@@ -415,9 +415,7 @@ PrivateSoundServer::owningModule(const QString& sink) const {
 
 std::unique_ptr<QProcess> PrivateSoundServer::subscribe() const {
     auto process = std::make_unique<QProcess>();
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());
-    process->setProcessEnvironment(environment);
+    process->setProcessEnvironment(clientEnvironment());
     process->start(QStringLiteral("pactl"), {QStringLiteral("subscribe")});
     process->waitForStarted(3000);
     QThread::msleep(300); // subscribed once the server has taken the request
@@ -434,45 +432,17 @@ std::pair<int, int> PrivateSoundServer::sinkEvents(QProcess& subscription) {
 }
 
 QString PrivateSoundServer::toneFile() const {
-    // 44.1 kHz stereo 16-bit WAV, a 440 Hz sine at half scale.
-    const QString path = m_root + QStringLiteral("/tone.wav");
+    // Raw 44.1 kHz stereo 16-bit samples: 30 s of a 440 Hz sine at half scale.
+    const QString path = m_root + QStringLiteral("/tone.raw");
     if (QFile::exists(path))
         return path;
     constexpr int rate = 44100;
-    constexpr int seconds = 30;
-    constexpr int frames = rate * seconds;
-    QByteArray data;
-    data.resize(frames * 4);
-    auto* samples = reinterpret_cast<std::int16_t*>(data.data());
-    for (int frame = 0; frame < frames; ++frame) {
-        const auto value = std::int16_t(16384 * std::sin(2 * M_PI * 440.0 * frame / rate));
-        samples[2 * frame] = value;
-        samples[2 * frame + 1] = value;
-    }
-    auto put32 = [](QByteArray& out, std::uint32_t v) {
-        for (int i = 0; i < 4; ++i)
-            out.append(char((v >> (8 * i)) & 0xff));
-    };
-    auto put16 = [](QByteArray& out, std::uint16_t v) {
-        out.append(char(v & 0xff));
-        out.append(char(v >> 8));
-    };
-    QByteArray wav("RIFF");
-    put32(wav, 36 + std::uint32_t(data.size()));
-    wav.append("WAVEfmt ");
-    put32(wav, 16);
-    put16(wav, 1);
-    put16(wav, 2);
-    put32(wav, rate);
-    put32(wav, rate * 4);
-    put16(wav, 4);
-    put16(wav, 16);
-    wav.append("data");
-    put32(wav, std::uint32_t(data.size()));
-    wav.append(data);
+    std::vector<std::int16_t> samples(2 * rate * 30);
+    for (std::size_t i = 0; i < samples.size(); ++i)
+        samples[i] = std::int16_t(16384 * std::sin(2 * M_PI * 440.0 * double(i / 2) / rate));
     QFile file(path);
     if (file.open(QIODevice::WriteOnly))
-        file.write(wav);
+        file.write(reinterpret_cast<const char*>(samples.data()), qint64(samples.size() * 2));
     return path;
 }
 
@@ -480,8 +450,7 @@ std::unique_ptr<QProcess> PrivateSoundServer::playTone(const QString& sink,
                                                        const QString& applicationName,
                                                        const QStringList& properties) const {
     auto process = std::make_unique<QProcess>();
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());
+    QProcessEnvironment environment = clientEnvironment();
     environment.insert(QStringLiteral("PULSE_PROP"),
                        QStringLiteral("application.name='%1'").arg(applicationName));
     process->setProcessEnvironment(environment);
@@ -490,7 +459,9 @@ std::unique_ptr<QProcess> PrivateSoundServer::playTone(const QString& sink,
         arguments << QStringLiteral("--device=") + sink;
     for (const QString& property : properties)
         arguments << QStringLiteral("--property=") + property;
-    arguments << QStringLiteral("--client-name=") + applicationName << toneFile();
+    arguments << QStringLiteral("--raw") << QStringLiteral("--format=s16le")
+              << QStringLiteral("--rate=44100") << QStringLiteral("--channels=2")
+              << QStringLiteral("--client-name=") + applicationName << toneFile();
     process->start(QStringLiteral("paplay"), arguments);
     if (!process->waitForStarted(3000))
         return nullptr;
@@ -502,9 +473,7 @@ std::optional<double> PrivateSoundServer::recordLevel(const QString& sink, int m
     const QString recording = m_root + QStringLiteral("/recording.raw");
     QFile::remove(recording);
     QProcess process;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());
-    process.setProcessEnvironment(environment);
+    process.setProcessEnvironment(clientEnvironment());
     process.start(QStringLiteral("parecord"),
                   {QStringLiteral("--device=") + sink + QStringLiteral(".monitor"),
                    QStringLiteral("--raw"), QStringLiteral("--format=s16le"),

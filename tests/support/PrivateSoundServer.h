@@ -1,6 +1,8 @@
 #pragma once
 
+#include <QJsonArray>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 
@@ -93,6 +95,10 @@ private:
     std::unique_ptr<QProcess> spawn(const QString& program, const QStringList& arguments,
                                     const QString& logName);
     QString toneFile() const;
+    // This process's environment, pointed at this server.
+    QProcessEnvironment clientEnvironment() const;
+    // What `pactl -f json list <what>` prints.
+    QJsonArray listJson(const QString& what) const;
 
     Kind m_kind;
     QString m_root;    // this server's directory inside the sandbox

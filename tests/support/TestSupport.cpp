@@ -2,6 +2,7 @@
 
 #include <QCoreApplication>
 #include <QEventLoop>
+#include <QProcess>
 
 namespace TestSupport {
 
@@ -23,6 +24,19 @@ bool spinUntil(const std::function<bool()>& condition, int maxTurns) {
 
 QString helperDirectory() {
     return qEnvironmentVariable("ONDRIL_TEST_HELPER_DIR");
+}
+
+Run runOndril(const QStringList& arguments, const QProcessEnvironment& environment) {
+    QProcess process;
+    process.setProcessEnvironment(environment);
+    process.start(helperDirectory() + QStringLiteral("/ondril"), arguments);
+    Run run;
+    if (!process.waitForFinished(60000))
+        return run;
+    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.out = QString::fromUtf8(process.readAllStandardOutput());
+    run.err = QString::fromUtf8(process.readAllStandardError());
+    return run;
 }
 
 } // namespace TestSupport

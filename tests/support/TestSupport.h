@@ -1,6 +1,8 @@
 #pragma once
 
+#include <QProcessEnvironment>
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 
@@ -17,5 +19,14 @@ bool spinUntil(const std::function<bool()>& condition, int maxTurns = 1000);
 
 // The environment's helper directory (the build directory), where the built `ondril` lies.
 QString helperDirectory();
+
+// What one run of the built `ondril` gave: exit status (-1 when it crashed or hung) and output.
+struct Run {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+Run runOndril(const QStringList& arguments,
+              const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment());
 
 } // namespace TestSupport

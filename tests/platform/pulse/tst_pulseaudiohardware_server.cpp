@@ -1,12 +1,9 @@
-#include "devices/AudioDeviceManager.h"
 #include "platform/AudioBackend.h"
-#include "platform/pulse/PulseAudioHardware.h"
 #include "platform/pulse/PulseConnection.h"
 
-#include "PrivateSoundServer.h"
+#include "ServerRig.h"
 
 #include <QElapsedTimer>
-#include <QFileInfo>
 #include <QUuid>
 #include <QtTest>
 
@@ -15,9 +12,7 @@
 // events must reach listeners, and real audio must go where the routing says.
 namespace {
 
-constexpr int kGenerousWaitMs = 15000;
-constexpr double kPlayingLevel = 0.05;
-constexpr double kSilentLevel = 0.01;
+constexpr int kGenerousWaitMs = ServerRig::generousWaitMs;
 
 const AudioObjectPropertyAddress kDevices{kAudioHardwarePropertyDevices,
                                           kAudioObjectPropertyScopeGlobal, 0};
@@ -94,23 +89,17 @@ class PulseAudioHardwareTest : public QObject {
 
 private slots:
     void init() {
-        QString error;
-        m_server = PrivateSoundServer::startFromEnvironment(error);
-        if (!m_server)
-            QFAIL(qPrintable(error));
-        m_hardware = PulseAudioHardware::connect(5000);
-        QVERIFY2(m_hardware, "no connection to the private server");
+        m_rig = std::make_unique<ServerRig>();
+        const QString error = m_rig->start(QStringLiteral("studio_left"));
+        QVERIFY2(error.isEmpty(), qPrintable(error));
+        m_server = m_rig->server.get();
+        m_hardware = m_rig->hardware.get();
     }
 
-    void cleanup() {
-        m_hardware.reset();
-        m_server.reset();
-    }
+    void cleanup() { m_rig.reset(); }
 
     void managerListsSinksAsOutputsAndRealSourcesAsInputs() {
-        AudioDeviceManager manager(*m_hardware);
-        QVERIFY(
-            QTest::qWaitFor([&] { return manager.outputDevices().size() >= 4; }, kGenerousWaitMs));
+        AudioDeviceManager& manager = m_rig->devices();
         for (const auto& sink : PrivateSoundServer::defaultSinks()) {
             const AudioDevice* device = findByUID(manager.outputDevices(), sink.name);
             QVERIFY2(device, qPrintable(sink.name));
@@ -127,24 +116,6 @@ private slots:
         for (const AudioDevice& device : manager.inputDevices())
             QVERIFY2(!device.uid.endsWith(".monitor"), qPrintable(device.uid));
         QVERIFY(!findByUID(manager.outputDevices(), input.name));
-    }
-
-    void sinksAndSourcesHaveOneBufferInTheirOwnDirectionOnly() {
-        const auto devices = devicesByUID(*m_hardware);
-        const AudioObjectID sink = devices.at("studio_left");
-        const AudioObjectID source = devices.at(PrivateSoundServer::defaultInput().name);
-        QVERIFY(sink != source);
-        auto configuration = [&](AudioObjectID id, AudioObjectPropertyScope scope) {
-            return read<AudioStreamConfiguration>(
-                       *m_hardware, id, {kAudioDevicePropertyStreamConfiguration, scope, 0})
-                .value_or(AudioStreamConfiguration{{99}});
-        };
-        QCOMPARE(configuration(sink, kAudioObjectPropertyScopeOutput).channelsPerBuffer,
-                 std::vector<std::uint32_t>{2});
-        QCOMPARE(configuration(sink, kAudioObjectPropertyScopeInput).totalChannels(), 0u);
-        QCOMPARE(configuration(source, kAudioObjectPropertyScopeInput).channelsPerBuffer,
-                 std::vector<std::uint32_t>{2});
-        QCOMPARE(configuration(source, kAudioObjectPropertyScopeOutput).totalChannels(), 0u);
     }
 
     void defaultWriteReachesTheServerAndReadsBack_data() {
@@ -270,29 +241,6 @@ private slots:
         QVERIFY2(muted->contains("yes"), qPrintable(*muted));
     }
 
-    void sinkLoadedAndUnloadedWithPactlReachesListenerAndManager() {
-        AudioDeviceManager manager(*m_hardware);
-        QVERIFY(
-            QTest::qWaitFor([&] { return manager.outputDevices().size() >= 4; }, kGenerousWaitMs));
-        int deviceListCalls = 0;
-        AudioObjectPropertyListenerToken token = 0;
-        m_hardware->AudioObjectAddPropertyListenerBlock(
-            kAudioObjectSystemObject, kDevices, [&](const auto&) { ++deviceListCalls; }, token);
-        const auto module = m_server->loadNullSink("hotplugged", "Hotplugged Headphones");
-        QVERIFY(module);
-        QVERIFY(QTest::qWaitFor([&] { return findByUID(manager.outputDevices(), "hotplugged"); },
-                                kGenerousWaitMs));
-        QVERIFY(deviceListCalls > 0);
-        QCOMPARE(findByUID(manager.outputDevices(), "hotplugged")->name,
-                 QString("Hotplugged Headphones"));
-
-        const int callsBefore = deviceListCalls;
-        QVERIFY(m_server->pactl({"unload-module", QString::number(*module)}));
-        QVERIFY(QTest::qWaitFor([&] { return !findByUID(manager.outputDevices(), "hotplugged"); },
-                                kGenerousWaitMs));
-        QVERIFY(deviceListCalls > callsBefore);
-    }
-
     void playingStreamFollowsTheNewDefault_data() {
         QTest::addColumn<bool>("pinnedBefore");
         QTest::newRow("new stream") << false;
@@ -325,11 +273,9 @@ private slots:
                      [&] { return m_server->sinkOfStream("ondril-follower") == "studio_right"; },
                      kGenerousWaitMs),
                  qPrintable(m_server->sinkOfStream("ondril-follower")));
-        const auto level = m_server->recordLevel("studio_right");
+        m_rig->verifyPlaying("studio_right");
         tone->kill();
         tone->waitForFinished();
-        QVERIFY(level);
-        QVERIFY2(*level > kPlayingLevel, qPrintable(QString::number(*level)));
 
         auto elsewhere = m_server->playTone({}, "ondril-pinned-elsewhere");
         QVERIFY(elsewhere);
@@ -345,41 +291,6 @@ private slots:
             [&] { return m_server->sinkOfStream("ondril-pinned-elsewhere").isEmpty(); },
             kGenerousWaitMs));
         QCOMPARE(pinnedSink, QString("builtin"));
-    }
-
-    void playingProcessIsListedWithItsBinary() {
-        auto tone = m_server->playTone("builtin", "ondril-process");
-        QVERIFY(tone);
-        const auto pid = std::int32_t(tone->processId());
-        std::optional<AudioObjectID> process;
-        QVERIFY(QTest::qWaitFor(
-            [&] {
-                const auto processes = read<std::vector<AudioObjectID>>(
-                    *m_hardware, kAudioObjectSystemObject,
-                    {kAudioHardwarePropertyProcessObjectList, kAudioObjectPropertyScopeGlobal, 0});
-                for (AudioObjectID id : processes.value_or(std::vector<AudioObjectID>{})) {
-                    if (read<std::int32_t>(
-                            *m_hardware, id,
-                            {kAudioProcessPropertyPID, kAudioObjectPropertyScopeGlobal, 0}) == pid)
-                        process = id;
-                }
-                return process.has_value() &&
-                       read<std::uint32_t>(*m_hardware, *process,
-                                           {kAudioProcessPropertyIsRunningOutput,
-                                            kAudioObjectPropertyScopeGlobal, 0}) == 1u;
-            },
-            kGenerousWaitMs));
-        const QString binary =
-            read<QString>(*m_hardware, *process,
-                          {kAudioProcessPropertyBundleID, kAudioObjectPropertyScopeGlobal, 0})
-                .value_or(QString());
-        // paplay is pacat under another name; the binary is what the process runs.
-        const QString executable =
-            QFileInfo(QFileInfo(QString("/proc/%1/exe").arg(pid)).symLinkTarget()).fileName();
-        tone->kill();
-        tone->waitForFinished();
-        QVERIFY(!executable.isEmpty());
-        QCOMPARE(binary, executable);
     }
 
     void aggregatePlaysToEveryMemberWithTheMasterFirst_data() {
@@ -418,17 +329,11 @@ private slots:
         QVERIFY2(module->second.contains("slaves=studio_right,studio_left"),
                  qPrintable(module->second));
 
-        auto tone = m_server->playTone(uid, "ondril-group-tone");
-        QVERIFY(tone);
-        const auto left = m_server->recordLevel("studio_left");
-        const auto right = m_server->recordLevel("studio_right");
-        const auto outsider = m_server->recordLevel("airpods");
-        tone->kill();
-        tone->waitForFinished();
-        QVERIFY(left && right && outsider);
-        QVERIFY2(*left > kPlayingLevel, qPrintable(QString::number(*left)));
-        QVERIFY2(*right > kPlayingLevel, qPrintable(QString::number(*right)));
-        QVERIFY2(*outsider < kSilentLevel, qPrintable(QString::number(*outsider)));
+        m_rig->tone = m_server->playTone(uid, "ondril-group-tone");
+        QVERIFY(m_rig->tone);
+        m_rig->verifyPlaying("studio_left");
+        m_rig->verifyPlaying("studio_right");
+        m_rig->verifySilent("airpods");
 
         QCOMPARE(m_hardware->AudioHardwareDestroyAggregateDevice(aggregate), kAudioHardwareNoError);
         QVERIFY(devicesByUID(*m_hardware).count(uid) == 0);
@@ -480,9 +385,7 @@ private slots:
     }
 
     void writesToAStalledServerEndWithinTheBound() {
-        AudioDeviceManager manager(*m_hardware);
-        QVERIFY(
-            QTest::qWaitFor([&] { return manager.outputDevices().size() >= 4; }, kGenerousWaitMs));
+        AudioDeviceManager& manager = m_rig->devices();
         const auto devices = devicesByUID(*m_hardware);
         m_server->pause();
         // A group volume on three members, then a device's own volume and the default output:
@@ -610,7 +513,7 @@ private slots:
         const QString expected =
             m_server->kind() == PrivateSoundServer::Kind::PipeWire ? "pipewire" : "pulse";
         QCOMPARE(m_hardware->backendName(), expected);
-        m_hardware.reset();
+        m_rig->hardware.reset();
         m_server->stop();
         const QByteArray path = qgetenv("PATH");
         if (!installed)
@@ -655,8 +558,9 @@ private:
                                 kGenerousWaitMs));
     }
 
-    std::unique_ptr<PrivateSoundServer> m_server;
-    std::unique_ptr<PulseAudioHardware> m_hardware;
+    std::unique_ptr<ServerRig> m_rig;
+    PrivateSoundServer* m_server = nullptr;
+    PulseAudioHardware* m_hardware = nullptr;
 };
 
 QTEST_GUILESS_MAIN(PulseAudioHardwareTest)

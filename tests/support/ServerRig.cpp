@@ -1,0 +1,114 @@
+#include "ServerRig.h"
+
+#include <QtTest>
+
+#include <cmath>
+
+ServerRig::ServerRig() = default;
+
+ServerRig::~ServerRig() {
+    if (tone) {
+        tone->kill();
+        tone->waitForFinished();
+    }
+}
+
+QString ServerRig::start(const QString& defaultSink) {
+    QString error;
+    server = PrivateSoundServer::startFromEnvironment(error);
+    if (!server)
+        return error;
+    if (!server->pactl({QStringLiteral("set-default-sink"), defaultSink}))
+        return QStringLiteral("could not make %1 the default").arg(defaultSink);
+    hardware = PulseAudioHardware::connect(5000);
+    if (!hardware)
+        return QStringLiteral("no connection to the private server");
+    defaults = std::make_unique<UserDefaults>(directory.filePath(QStringLiteral("defaults.json")));
+    settings = std::make_unique<AppSettings>(*defaults, center);
+    return {};
+}
+
+AudioDeviceManager& ServerRig::devices() {
+    if (!audio)
+        audio = std::make_unique<AudioDeviceManager>(*hardware);
+    const QString expected = server->defaultSinkName();
+    const bool listed = QTest::qWaitFor(
+        [&] { return !audio->outputDevices().isEmpty() && defaultOutputUID() == expected; },
+        generousWaitMs);
+    if (!listed)
+        qWarning("the device manager did not list the server's outputs");
+    return *audio;
+}
+
+GroupManager& ServerRig::launch() {
+    manager = std::make_unique<GroupManager>(devices(), *settings, sleepMonitor);
+    QTest::qWait(50); // the queued restore and the first publication
+    return *manager;
+}
+
+quint32 ServerRig::module(const QString& sink) const {
+    const auto owner = server->owningModule(sink);
+    return owner ? owner->first : 0;
+}
+
+bool ServerRig::unplug(const QString& sink) const {
+    return server->pactl({QStringLiteral("unload-module"), QString::number(module(sink))})
+        .has_value();
+}
+
+QString ServerRig::defaultOutputUID() const {
+    return audio->readUID(audio->readDefaultOutputID()).value_or(QString());
+}
+
+void ServerRig::playToneToDefault(const QString& expectedSink, const QString& application) {
+    tone = server->playTone({}, application);
+    QVERIFY(tone);
+    QVERIFY2(QTest::qWaitFor([&] { return server->sinkOfStream(application) == expectedSink; },
+                             generousWaitMs),
+             qPrintable(server->sinkOfStream(application)));
+}
+
+void ServerRig::verifyPlaying(const QString& sink) const {
+    const auto level = server->recordLevel(sink);
+    QVERIFY2(level, qPrintable(sink));
+    QVERIFY2(*level > playingLevel, qPrintable(sink + ": " + QString::number(*level)));
+}
+
+void ServerRig::verifySilent(const QString& sink) const {
+    const auto level = server->recordLevel(sink);
+    QVERIFY2(level, qPrintable(sink));
+    QVERIFY2(*level < silentLevel, qPrintable(sink + ": " + QString::number(*level)));
+}
+
+void ServerRig::verifyVolume(const QString& sink, double scalar) const {
+    // pactl prints rounded percents: one step either way of PulseAudio's rounding.
+    const auto matches = [&] {
+        const std::vector<int> percents = server->sinkVolumePercent(sink);
+        const int expected = int(std::lround(scalar * 100));
+        return !percents.empty() && std::all_of(percents.begin(), percents.end(),
+                                                [&](int p) { return std::abs(p - expected) <= 1; });
+    };
+    if (QTest::qWaitFor(matches, generousWaitMs))
+        return;
+    QStringList percents;
+    for (int percent : server->sinkVolumePercent(sink))
+        percents.append(QString::number(percent));
+    QFAIL(qPrintable(
+        QStringLiteral("%1: %2%, expected %3").arg(sink, percents.join(u'/')).arg(scalar * 100)));
+}
+
+void ServerRig::verifySlaves(const QString& aggregate, const QStringList& members) const {
+    const auto owner = server->owningModule(aggregate);
+    QVERIFY2(owner, qPrintable(aggregate));
+    QVERIFY2(owner->second.contains("slaves=" + members.join(u',')), qPrintable(owner->second));
+}
+
+OutputGroup serverGroup(const QStringList& members, double masterVolume) {
+    OutputGroup group;
+    group.id = QUuid::createUuid();
+    group.name = QStringLiteral("Studio Group");
+    group.memberUIDs = members;
+    group.masterUID = members.first();
+    group.masterVolume = masterVolume;
+    return group;
+}
