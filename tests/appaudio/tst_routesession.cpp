@@ -61,6 +61,20 @@ Buffer out(std::uint32_t channels, std::uint32_t frames) {
 
 const QString bundle = QStringLiteral("org.example.Player");
 
+// A service with the given outputs and one playing process of the player's.
+struct Service : SimulatedAudioHardware {
+    AudioObjectID process = 0;
+
+    explicit Service(const QStringList& outputs = {QStringLiteral("speakers")}) {
+        for (const QString& uid : outputs) {
+            DeviceSpec spec;
+            spec.uid = uid;
+            addDevice(spec);
+        }
+        process = addProcess({4242, bundle, true});
+    }
+};
+
 } // namespace
 
 Q_DECLARE_METATYPE(Buffers)
@@ -187,12 +201,8 @@ void RouteSessionTest::procedureAllocatesNothing() {
 }
 
 void RouteSessionTest::sessionPlaysTheTapThroughItsGain() {
-    SimulatedAudioHardware hardware;
-    SimulatedAudioHardware::DeviceSpec speakers;
-    speakers.uid = QStringLiteral("speakers");
-    hardware.addDevice(speakers);
-    const AudioObjectID process = hardware.addProcess({4242, bundle, true});
-
+    Service hardware;
+    const AudioObjectID process = hardware.process;
     RouteSession session(hardware, bundle, {process}, {QStringLiteral("speakers")});
     session.gain().value = 0.5f;
     QVERIFY(session.start());
@@ -232,14 +242,8 @@ void RouteSessionTest::aggregateLeavesOutOndrilsOwnDevices() {
     QFETCH(int, stacked);
     QFETCH(QList<int>, drift);
 
-    SimulatedAudioHardware hardware;
-    for (const QString& uid : {QStringLiteral("a"), QStringLiteral("b")}) {
-        SimulatedAudioHardware::DeviceSpec spec;
-        spec.uid = uid;
-        hardware.addDevice(spec);
-    }
-    const AudioObjectID process = hardware.addProcess({4242, bundle, true});
-    RouteSession session(hardware, bundle, {process}, destinations);
+    Service hardware({QStringLiteral("a"), QStringLiteral("b")});
+    RouteSession session(hardware, bundle, {hardware.process}, destinations);
     QVERIFY(session.start());
 
     const QVariantMap description = hardware.aggregateDescription(session.aggID());
@@ -276,17 +280,12 @@ void RouteSessionTest::failedStartLogsAndLeavesNothing() {
     QFETCH(bool, failTap);
     QFETCH(QString, message);
 
-    SimulatedAudioHardware hardware;
-    SimulatedAudioHardware::DeviceSpec speakers;
-    speakers.uid = QStringLiteral("speakers");
-    hardware.addDevice(speakers);
-    const AudioObjectID process = hardware.addProcess({4242, bundle, true});
+    Service hardware;
     if (failTap)
         hardware.failNextTapCreation();
     else
         hardware.failNextAggregateCreation();
-
-    RouteSession session(hardware, bundle, {process}, {QStringLiteral("speakers")});
+    RouteSession session(hardware, bundle, {hardware.process}, {QStringLiteral("speakers")});
     QTest::ignoreMessage(QtCriticalMsg, qPrintable(message));
     QVERIFY(!session.start());
     QVERIFY(hardware.processTaps().empty());

@@ -43,15 +43,6 @@ struct ConfigRig : GroupTestRig {
         settle();
     }
 
-    AudioObjectID addInput(const QString& uid, const QString& name) {
-        SimulatedAudioHardware::DeviceSpec spec;
-        spec.uid = uid;
-        spec.name = name;
-        spec.outputChannels = {};
-        spec.inputChannels = {1};
-        return hardware->addDevice(spec);
-    }
-
     // A playing process known to the desktop as `bundleID`.
     void addPlayer(std::int32_t pid = 4100, const QString& bundleID = player) {
         applications.addProcess(pid, {bundleID, std::nullopt, 0});

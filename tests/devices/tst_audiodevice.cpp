@@ -3,143 +3,76 @@
 #include <QtTest>
 
 // The pure string logic around a device: which symbol it shows, and how a stored UID is
-// recognised after the sound system changed its volatile parts.
+// recognised after the sound system changed its volatile parts. Rows read "input|expected".
 class AudioDeviceTest : public QObject {
     Q_OBJECT
 
+    static void addRows(const QList<const char*>& rows) {
+        QTest::addColumn<QString>("input");
+        QTest::addColumn<QString>("expected");
+        for (const char* row : rows)
+            QTest::newRow(row) << QString(row).section(u'|', 0, -2)
+                               << QString(row).section(u'|', -1);
+    }
+
 private slots:
-    void iconFollowsFlagsBeforeName_data();
-    void iconFollowsFlagsBeforeName();
-    void stableKeyNeedsFiveParts_data();
-    void stableKeyNeedsFiveParts();
-    void matchingUIDTakesOnlyAnUnambiguousMatch_data();
-    void matchingUIDTakesOnlyAnUnambiguousMatch();
-    void baseUIDStripsOnlyAChannelList_data();
-    void baseUIDStripsOnlyAChannelList();
+    // Name, then "airplay" or "input" flags; the device's icon and the menu row's shorter table
+    // (no AirPlay, beats, tv or dock).
+    void iconFollowsFlagsBeforeName_data() {
+        addRows({"AirPods Pro|airplay|airplayaudio/airpodspro", "LG Display Mic|input|mic/mic",
+                 "LG Display Mic||display/display", "USB Headphones||airpodspro/airpodspro",
+                 "Beats Monitor||airpodspro/display", "Stvdio Speakers||display/hifispeaker.fill",
+                 "BUILT-IN Output||laptopcomputer/laptopcomputer",
+                 "MacBook Pro Speakers||laptopcomputer/laptopcomputer",
+                 "CalDigit TS4||cable.connector/hifispeaker.fill",
+                 "USB Hub Audio||cable.connector/hifispeaker.fill",
+                 "Scarlett 2i2||hifispeaker.fill/hifispeaker.fill",
+                 "||hifispeaker.fill/hifispeaker.fill"});
+    }
+    void iconFollowsFlagsBeforeName() {
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        AudioDevice device;
+        device.name = input.section(u'|', 0, 0);
+        device.isAirPlay = input.endsWith(QLatin1String("|airplay"));
+        device.isInput = input.endsWith(QLatin1String("|input"));
+        QCOMPARE(device.iconName() + u'/' + AudioDevice::rowIconName(device.name, device.isInput),
+                 expected);
+    }
+
+    void stableKeyNeedsFiveParts_data() {
+        addRows({"a:b:c:d:e|b:c:e", "a:b:c:d|", "a:b:c:d:e:f:g|b:c:g", "::::|::", "plain|"});
+    }
+    void stableKeyNeedsFiveParts() {
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        QCOMPARE(AudioDevice::stableKey(input).value_or(QString()), expected);
+    }
+
+    // The stored UID, the present ones (comma-separated) and the one that matches.
+    void matchingUIDTakesOnlyAnUnambiguousMatch_data() {
+        addRows({"usb:mic:1:2:serial|usb:mic:1:2:serial,bt:mic:1:9:serial|bt:mic:1:9:serial",
+                 "usb:mic:1:2:serial|x:mic:1:3:serial,y:mic:1:4:serial|",
+                 "usb:mic:1:2:serial|usb:mic:1:2:serial|", "usb:mic:1:2:serial|mic:1:serial|",
+                 "a:b:c:d|x:b:c:y:d|", "a:b:c:d:e|x:b:c:d:f|"});
+    }
+    void matchingUIDTakesOnlyAnUnambiguousMatch() {
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        const auto match =
+            AudioDevice::matchingUID(input.section(u'|', 0, 0), input.section(u'|', 1).split(u','));
+        QCOMPARE(match.value_or(QString()), expected);
+    }
+
+    void baseUIDStripsOnlyAChannelList_data() {
+        addRows({"X:1,2|X", "dev:a:3|dev:a", "X:|", "X:1a|", "X|", "X:,|X"});
+    }
+    void baseUIDStripsOnlyAChannelList() {
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        QCOMPARE(AudioDevice::baseUID(input).value_or(QString()), expected);
+    }
 };
-
-// The menu row knows a shorter table than the device's own icon: no AirPlay, beats, tv or dock.
-void AudioDeviceTest::iconFollowsFlagsBeforeName_data() {
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<bool>("isAirPlay");
-    QTest::addColumn<bool>("isInput");
-    QTest::addColumn<QString>("icon");
-    QTest::addColumn<QString>("rowIcon");
-
-    QTest::newRow("airplay beats an airpod name")
-        << "AirPods Pro" << true << false << "airplayaudio"
-        << "airpodspro";
-    QTest::newRow("input beats a display name") << "LG Display Mic" << false << true << "mic"
-                                                << "mic";
-    QTest::newRow("display name on an output") << "LG Display Mic" << false << false << "display"
-                                               << "display";
-    QTest::newRow("headphones") << "USB Headphones" << false << false << "airpodspro"
-                                << "airpodspro";
-    QTest::newRow("beats before display") << "Beats Monitor" << false << false << "airpodspro"
-                                          << "display";
-    QTest::newRow("tv as a bare substring") << "Stvdio Speakers" << false << false << "display"
-                                            << "hifispeaker.fill";
-    QTest::newRow("built-in, any case") << "BUILT-IN Output" << false << false << "laptopcomputer"
-                                        << "laptopcomputer";
-    QTest::newRow("macbook") << "MacBook Pro Speakers" << false << false << "laptopcomputer"
-                             << "laptopcomputer";
-    QTest::newRow("dock") << "CalDigit TS4" << false << false << "cable.connector"
-                          << "hifispeaker.fill";
-    QTest::newRow("hub") << "USB Hub Audio" << false << false << "cable.connector"
-                         << "hifispeaker.fill";
-    QTest::newRow("anything else") << "Scarlett 2i2" << false << false << "hifispeaker.fill"
-                                   << "hifispeaker.fill";
-    QTest::newRow("empty name") << "" << false << false << "hifispeaker.fill"
-                                << "hifispeaker.fill";
-}
-
-void AudioDeviceTest::iconFollowsFlagsBeforeName() {
-    QFETCH(QString, name);
-    QFETCH(bool, isAirPlay);
-    QFETCH(bool, isInput);
-    QFETCH(QString, icon);
-    QFETCH(QString, rowIcon);
-    AudioDevice device;
-    device.name = name;
-    device.isAirPlay = isAirPlay;
-    device.isInput = isInput;
-    QCOMPARE(device.iconName(), icon);
-    QCOMPARE(AudioDevice::rowIconName(name, isInput), rowIcon);
-}
-
-void AudioDeviceTest::stableKeyNeedsFiveParts_data() {
-    QTest::addColumn<QString>("uid");
-    QTest::addColumn<QString>("key"); // "<none>": absent
-
-    QTest::newRow("five parts") << "a:b:c:d:e"
-                                << "b:c:e";
-    QTest::newRow("four parts") << "a:b:c:d"
-                                << "<none>";
-    QTest::newRow("seven parts drop the middle") << "a:b:c:d:e:f:g"
-                                                 << "b:c:g";
-    QTest::newRow("empty parts count") << "::::"
-                                       << "::";
-    QTest::newRow("no colon") << "plain"
-                              << "<none>";
-}
-
-void AudioDeviceTest::stableKeyNeedsFiveParts() {
-    QFETCH(QString, uid);
-    QFETCH(QString, key);
-    QCOMPARE(AudioDevice::stableKey(uid).value_or(QStringLiteral("<none>")), key);
-}
-
-void AudioDeviceTest::matchingUIDTakesOnlyAnUnambiguousMatch_data() {
-    QTest::addColumn<QString>("uid");
-    QTest::addColumn<QStringList>("candidates");
-    QTest::addColumn<QString>("match"); // empty: none
-
-    QTest::newRow("itself and one other")
-        << "usb:mic:1:2:serial" << QStringList{"usb:mic:1:2:serial", "bt:mic:1:9:serial"}
-        << "bt:mic:1:9:serial";
-    QTest::newRow("two others are ambiguous")
-        << "usb:mic:1:2:serial" << QStringList{"x:mic:1:3:serial", "y:mic:1:4:serial"} << "";
-    QTest::newRow("only itself") << "usb:mic:1:2:serial" << QStringList{"usb:mic:1:2:serial"} << "";
-    QTest::newRow("short candidate skipped")
-        << "usb:mic:1:2:serial" << QStringList{"mic:1:serial"} << "";
-    QTest::newRow("short uid has no key") << "a:b:c:d" << QStringList{"x:b:c:y:d"} << "";
-    QTest::newRow("different last part") << "a:b:c:d:e" << QStringList{"x:b:c:d:f"} << "";
-}
-
-void AudioDeviceTest::matchingUIDTakesOnlyAnUnambiguousMatch() {
-    QFETCH(QString, uid);
-    QFETCH(QStringList, candidates);
-    QFETCH(QString, match);
-    const auto result = AudioDevice::matchingUID(uid, candidates);
-    if (match.isEmpty())
-        QVERIFY2(!result.has_value(), qPrintable(result.value_or(QString())));
-    else
-        QCOMPARE(result.value_or(QString()), match);
-}
-
-void AudioDeviceTest::baseUIDStripsOnlyAChannelList_data() {
-    QTest::addColumn<QString>("uid");
-    QTest::addColumn<QString>("base"); // "<none>": absent
-
-    QTest::newRow("channel list") << "X:1,2"
-                                  << "X";
-    QTest::newRow("single channel") << "dev:a:3"
-                                    << "dev:a";
-    QTest::newRow("nothing behind the colon") << "X:"
-                                              << "<none>";
-    QTest::newRow("letter in the list") << "X:1a"
-                                        << "<none>";
-    QTest::newRow("no colon") << "X"
-                              << "<none>";
-    QTest::newRow("only commas") << "X:,"
-                                 << "X";
-}
-
-void AudioDeviceTest::baseUIDStripsOnlyAChannelList() {
-    QFETCH(QString, uid);
-    QFETCH(QString, base);
-    QCOMPARE(AudioDevice::baseUID(uid).value_or(QStringLiteral("<none>")), base);
-}
 
 QTEST_GUILESS_MAIN(AudioDeviceTest)
 #include "tst_audiodevice.moc"

@@ -77,11 +77,18 @@ struct GroupTestRig {
         settle();
     }
 
-    AudioObjectID addOutput(const QString& uid, const QString& name) {
+    AudioObjectID addOutput(const QString& uid, const QString& name, bool input = false) {
         SimulatedAudioHardware::DeviceSpec spec;
         spec.uid = uid;
         spec.name = name;
+        if (input) {
+            spec.outputChannels = {};
+            spec.inputChannels = {1};
+        }
         return hardware->addDevice(spec);
+    }
+    AudioObjectID addInput(const QString& uid, const QString& name) {
+        return addOutput(uid, name, true);
     }
 
     void storeGroups(const QList<OutputGroup>& groups) {

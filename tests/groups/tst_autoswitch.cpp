@@ -33,15 +33,6 @@ struct AutoSwitchRig : GroupTestRig {
         hardware->setDefaultInputDevice(mic);
     }
 
-    AudioObjectID addInput(const QString& uid, const QString& name) {
-        SimulatedAudioHardware::DeviceSpec spec;
-        spec.uid = uid;
-        spec.name = name;
-        spec.outputChannels = {};
-        spec.inputChannels = {1};
-        return hardware->addDevice(spec);
-    }
-
     void unplug(AudioObjectID id) {
         hardware->removeDevice(id);
         settle();
@@ -64,48 +55,19 @@ private slots:
     // The token table, row by row. R needs the headphones and switches to them; S needs the left
     // display and switches to it; the priority list holds the right display.
     void tokenDecidesWhatARunApplies_data() {
-        QTest::addColumn<QString>("before");  // "", "R" or "fallback"
-        QTest::addColumn<QString>("outcome"); // "R", "S", "none" or "off"
-        QTest::addColumn<QString>("applied"); // device that became the default, "" for none
-        QTest::addColumn<QString>("after");   // token afterwards
-        QTest::newRow("absent, rule R") << ""
-                                        << "R"
-                                        << "headphones"
-                                        << "R";
-        QTest::newRow("absent, no rule") << ""
-                                         << "none"
-                                         << ""
-                                         << "fallback";
-        QTest::newRow("R, rule R") << "R"
-                                   << "R"
-                                   << ""
-                                   << "R";
-        QTest::newRow("R, rule S") << "R"
-                                   << "S"
-                                   << "left"
-                                   << "S";
-        QTest::newRow("R, no rule") << "R"
-                                    << "none"
-                                    << "right"
-                                    << "fallback";
-        QTest::newRow("fallback, rule R") << "fallback"
-                                          << "R"
-                                          << "headphones"
-                                          << "R";
-        QTest::newRow("fallback, no rule") << "fallback"
-                                           << "none"
-                                           << ""
-                                           << "fallback";
-        QTest::newRow("R, switch off") << "R"
-                                       << "off"
-                                       << ""
-                                       << "";
+        // Token before ("", "R" or "fallback"), outcome ("R", "S", "none" or "off"), the device
+        // that became the default ("" for none) and the token afterwards.
+        QTest::addColumn<QString>("row");
+        for (const char* row :
+             {"|R|headphones|R", "|none||fallback", "R|R||R", "R|S|left|S", "R|none|right|fallback",
+              "fallback|R|headphones|R", "fallback|none||fallback", "R|off||"})
+            QTest::newRow(row) << QString(row);
     }
     void tokenDecidesWhatARunApplies() {
-        QFETCH(QString, before);
-        QFETCH(QString, outcome);
-        QFETCH(QString, applied);
-        QFETCH(QString, after);
+        QFETCH(QString, row);
+        const QStringList fields = row.split(u'|');
+        const QString &before = fields[0], &outcome = fields[1], &applied = fields[2],
+                      &after = fields[3];
         AutoSwitchRig rig;
         rig.defaults->setBool(false, SettingsKeys::autoSwitchGroups); // quiet while setting up
         GroupManager& manager = rig.launch();

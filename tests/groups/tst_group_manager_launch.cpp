@@ -10,20 +10,6 @@ class TestGroupManagerLaunch : public QObject {
     Q_OBJECT
 
 private slots:
-    void storedGroupsAndPrioritiesLoad() {
-        GroupTestRig rig;
-        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
-        rig.storeGroups({displays});
-        rig.defaults->setStringArray({rig.headphonesUID, rig.speakersUID},
-                                     SettingsKeys::devicePriority);
-        rig.defaults->setStringArray({"mic"}, SettingsKeys::inputPriority);
-        GroupManager& manager = rig.launch();
-        QCOMPARE(manager.groups().size(), 1);
-        QVERIFY(manager.groups().first() == displays);
-        QCOMPARE(manager.devicePriority(), (QStringList{rig.headphonesUID, rig.speakersUID}));
-        QCOMPARE(manager.inputPriority(), QStringList{"mic"});
-    }
-
     void corruptListLoadsEmptyAndStaysUntilTheNextSave() {
         GroupTestRig rig;
         const QByteArray corrupt = R"([{"name":"ok"},{"name":7}])";

@@ -18,34 +18,6 @@ class TestGroupVolume : public QObject {
     }
 
 private slots:
-    void setValuesAreClampedAndSaved_data() {
-        QTest::addColumn<double>("value");
-        QTest::addColumn<double>("stored");
-        QTest::newRow("below zero") << -0.2 << 0.0;
-        QTest::newRow("inside") << 0.3 << 0.3;
-        QTest::newRow("above one") << 1.5 << 1.0;
-    }
-
-    void setValuesAreClampedAndSaved() {
-        QFETCH(double, value);
-        QFETCH(double, stored);
-        GroupTestRig rig;
-        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
-        GroupManager& manager = rig.launchWith({displays});
-        QVERIFY(manager.activate(displays));
-
-        manager.setMasterVolume(displays, value);
-        QCOMPARE(manager.groups().first().masterVolume, stored);
-        QCOMPARE(storedGroup(rig, displays.id).masterVolume, stored);
-        QCOMPARE(rig.volumeOf(rig.left), float(stored));
-
-        manager.setMasterVolume(displays, 1.0);
-        manager.setBalance(displays, rig.rightUID, value);
-        QCOMPARE(storedGroup(rig, displays.id).balance.value(rig.rightUID), stored);
-        QCOMPARE(rig.volumeOf(rig.right), float(stored));
-        QCOMPARE(rig.volumeOf(rig.left), 1.0f);
-    }
-
     void nonFiniteValuesNeverReachTheStoredList() {
         GroupTestRig rig;
         const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
@@ -104,26 +76,17 @@ private slots:
         QCOMPARE(rig.volumeOf(rig.right), 0.8f);
     }
 
-    void muteWritesZeroAndKeepsTheMaster() {
+    void masterSetWhileMutedIsStoredForTheUnmute() {
         GroupTestRig rig;
         const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID}, {}, 0.6);
         GroupManager& manager = rig.launchWith({displays});
         QVERIFY(manager.activate(displays));
-
         manager.toggleGroupMute();
+        manager.setMasterVolume(displays, 0.9);
         QCOMPARE(manager.isMuted(), true);
         QCOMPARE(rig.volumeOf(rig.left), 0.0f);
-        QCOMPARE(rig.volumeOf(rig.right), 0.0f);
-        QCOMPARE(manager.activeGroup()->masterVolume, 0.6);
-        QCOMPARE(rig.audio->isMuted(rig.left),
-                 std::optional<bool>(false)); // mute controls untouched
-
-        manager.setMasterVolume(displays, 0.9); // stores, does not unmute
-        QCOMPARE(manager.isMuted(), true);
-        QCOMPARE(rig.volumeOf(rig.left), 0.0f);
-
+        QCOMPARE(rig.audio->isMuted(rig.left), std::optional<bool>(false)); // controls untouched
         manager.toggleGroupMute();
-        QCOMPARE(manager.isMuted(), false);
         QCOMPARE(rig.volumeOf(rig.left), 0.9f);
     }
 
@@ -196,53 +159,41 @@ private slots:
         }
     }
 
-    void toggleMuteWithAGroupReportsTheMaster() {
-        GroupTestRig rig;
-        const OutputGroup displays = makeGroup("Displays", {rig.leftUID}, {}, 0.3);
-        GroupManager& manager = rig.launchWith({displays});
-        QVERIFY(!manager.stepGroupVolume(0.1)); // no group on: nothing to report
-        QVERIFY(manager.activate(displays));
-        const auto muted = manager.toggleMute();
-        QVERIFY(muted);
-        QCOMPARE(*muted, (VolumeState{0.3, true}));
-        QCOMPARE(*manager.toggleMute(), (VolumeState{0.3, false}));
+    // What the overlay is told: the master with a group on, else the default output's own
+    // volume; nothing when the default output lacks the control asked for.
+    void toggleMuteReports_data() {
+        QTest::addColumn<QString>("output"); // "group", "device", "no mute" or "no volume"
+        QTest::addColumn<double>("volume");  // -1: nothing reported
+        QTest::newRow("group on: its master") << "group" << 0.3;
+        QTest::newRow("no group: the default output") << "device" << 0.25;
+        QTest::newRow("toggle without mute control") << "no mute" << -1.0;
+        QTest::newRow("step without readable volume") << "no volume" << -1.0;
     }
-
-    void toggleMuteWithoutAGroupWorksOnTheDefaultDevice() {
-        GroupTestRig rig;
-        GroupManager& manager = rig.launch();
-        rig.hardware->setDeviceVolume(rig.speakers, 0, 0.25f);
-        settle();
-        const auto muted = manager.toggleMute();
-        QVERIFY(muted);
-        QCOMPARE(muted->muted, true);
-        QCOMPARE(muted->volume, 0.25);
-        QCOMPARE(rig.audio->isMuted(rig.speakers), std::optional<bool>(true));
-        QCOMPARE(manager.toggleMute()->muted, false);
-        QCOMPARE(rig.audio->isMuted(rig.speakers), std::optional<bool>(false));
-    }
-
-    // A default output without the control asked for: nothing to report to the overlay.
-    void withoutTheControlNothingIsReported_data() {
-        QTest::addColumn<bool>("hasMute");
-        QTest::newRow("toggle without mute control") << false;
-        QTest::newRow("step without readable volume") << true;
-    }
-
-    void withoutTheControlNothingIsReported() {
-        QFETCH(bool, hasMute);
+    void toggleMuteReports() {
+        QFETCH(QString, output);
+        QFETCH(double, volume);
         GroupTestRig rig;
         SimulatedAudioHardware::DeviceSpec spec;
         spec.uid = "hdmi:TV:Screen:1:1";
-        spec.name = "TV";
-        if (hasMute)
+        spec.volume = {{0, 0.25f}};
+        if (output == "no volume")
             spec.volume.clear();
-        else
+        if (output == "no mute")
             spec.mute = std::nullopt;
-        const AudioObjectID tv = rig.hardware->addDevice(spec);
-        rig.hardware->setDefaultOutputDevice(tv);
-        GroupManager& manager = rig.launch();
-        QVERIFY(!(hasMute ? manager.stepVolume(0.1) : manager.toggleMute()));
+        rig.hardware->setDefaultOutputDevice(rig.hardware->addDevice(spec));
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID}, {}, 0.3);
+        GroupManager& manager = rig.launchWith({displays});
+        QVERIFY(!manager.stepGroupVolume(0.1)); // no group on: nothing to report
+        if (output == "group")
+            QVERIFY(manager.activate(displays));
+        if (volume < 0) {
+            QVERIFY(!(output == "no volume" ? manager.stepVolume(0.1) : manager.toggleMute()));
+            return;
+        }
+        QCOMPARE(manager.toggleMute(), std::optional(VolumeState{volume, true}));
+        QCOMPARE(manager.toggleMute(), std::optional(VolumeState{volume, false}));
+        if (output == "device")
+            QCOMPARE(rig.audio->isMuted(rig.defaultOutput()), std::optional<bool>(false));
     }
 };
 

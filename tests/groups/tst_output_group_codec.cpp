@@ -1,8 +1,5 @@
 #include "groups/OutputGroupCodec.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QtTest>
 
 using Balance = QMap<QString, double>;
@@ -83,23 +80,6 @@ private slots:
         QVERIFY(!OutputGroupCodec::decode(json));
     }
 
-    void everyKeyIsWrittenWithUpperCaseId() {
-        OutputGroup group;
-        group.id = QUuid::fromString(QStringLiteral("6f9619ff-8b86-d011-b42d-00c04fc964ff"));
-        group.name = QStringLiteral("Both");
-        const auto data = OutputGroupCodec::encode({group});
-        QVERIFY(data);
-        const QJsonObject object = QJsonDocument::fromJson(*data).array().first().toObject();
-        QCOMPARE(object.keys().size(), 7);
-        for (const char* key :
-             {"id", "name", "memberUIDs", "masterUID", "masterVolume", "balance", "deviceNames"})
-            QVERIFY2(object.contains(QLatin1String(key)), key);
-        QCOMPARE(object.value("id").toString(),
-                 QStringLiteral("6F9619FF-8B86-D011-B42D-00C04FC964FF"));
-        QVERIFY(object.value("balance").isObject());
-        QVERIFY(object.value("memberUIDs").isArray());
-    }
-
     void roundTripKeepsEveryField() {
         OutputGroup group;
         group.id = QUuid::createUuid();
@@ -116,15 +96,8 @@ private slots:
         QVERIFY(data);
         const auto decoded = OutputGroupCodec::decode(*data);
         QVERIFY(decoded);
-        QCOMPARE(decoded->size(), 2);
-        QVERIFY(decoded->at(0) == group);
-        QVERIFY(decoded->at(1) == other);
-        QCOMPARE(qHash(decoded->at(0)), qHash(group));
-    }
-
-    void unwritableNumberWritesNothing() {
-        OutputGroup group;
-        group.id = QUuid::createUuid();
+        QCOMPARE(*decoded, (QList<OutputGroup>{group, other}));
+        // A number JSON cannot hold writes nothing.
         group.masterVolume = std::numeric_limits<double>::quiet_NaN();
         QVERIFY(!OutputGroupCodec::encode({group}));
     }

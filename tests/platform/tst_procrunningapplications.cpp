@@ -42,16 +42,14 @@ void ProcRunningApplicationsTest::cgroupScope_data() {
 
     const QString slice =
         QStringLiteral("0::/user.slice/user-1000.slice/user@1000.service/app.slice/");
-    QTest::newRow("launcher scope") << slice + "app-gnome-org.gnome.Terminal-1234.scope"
-                                    << "org.gnome.Terminal";
-    QTest::newRow("flatpak") << slice + "app-flatpak-org.mozilla.firefox-5678.scope"
-                             << "org.mozilla.firefox";
-    QTest::newRow("no launcher") << slice + "app-org.kde.konsole-99.scope"
-                                 << "org.kde.konsole";
-    QTest::newRow("escaped dash") << slice + "app-gnome-firefox\\x2desr-12.scope"
-                                  << "firefox-esr";
-    QTest::newRow("service") << slice + "app-org.example.Bar@abc.service"
-                             << "org.example.Bar";
+    const QList<std::pair<const char*, const char*>> scopes{
+        {"app-gnome-org.gnome.Terminal-1234.scope", "org.gnome.Terminal"},
+        {"app-flatpak-org.mozilla.firefox-5678.scope", "org.mozilla.firefox"},
+        {"app-org.kde.konsole-99.scope", "org.kde.konsole"},
+        {"app-gnome-firefox\\x2desr-12.scope", "firefox-esr"},
+        {"app-org.example.Bar@abc.service", "org.example.Bar"}};
+    for (const auto& [scope, id] : scopes)
+        QTest::newRow(scope) << slice + scope << id;
     QTest::newRow("a login session") << QStringLiteral("0::/user.slice/session-2.scope") << "";
     QTest::newRow("a system service") << QStringLiteral("0::/system.slice/cron.service") << "";
 }

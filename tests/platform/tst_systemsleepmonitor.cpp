@@ -52,14 +52,6 @@ private slots:
         QDBusConnection::disconnectFromBus("impostor");
         QDBusConnection::disconnectFromBus("logind");
     }
-
-    void withoutABusTheMonitorStaysSilent() {
-        SystemSleepMonitor monitor;
-        QDBusConnection none =
-            QDBusConnection::connectToBus(QStringLiteral("unix:path=/nonexistent/bus"), "none");
-        QVERIFY(!monitor.start(none));
-        QDBusConnection::disconnectFromBus("none");
-    }
 };
 
 QTEST_GUILESS_MAIN(TestSystemSleepMonitor)

@@ -161,18 +161,6 @@ private slots:
         QCOMPARE(*stored, value);
     }
 
-    void readOfTheWrongTypeGivesAbsent() {
-        UserDefaults defaults(m_path);
-        QVERIFY(defaults.setObject(QVariantList{QStringLiteral("a"), 1.0}, QStringLiteral("list")));
-        QVERIFY(defaults.setString(QStringLiteral("true"), QStringLiteral("text")));
-        QVERIFY(defaults.setData("abc", QStringLiteral("blob")));
-        QCOMPARE(defaults.stringArrayForKey(QStringLiteral("list")), std::nullopt);
-        QCOMPARE(defaults.storedBoolForKey(QStringLiteral("text")), std::nullopt);
-        QCOMPARE(defaults.dataForKey(QStringLiteral("text")), std::nullopt);
-        QCOMPARE(defaults.stringForKey(QStringLiteral("blob")), std::nullopt);
-        QCOMPARE(defaults.stringDictionaryForKey(QStringLiteral("list")), std::nullopt);
-    }
-
     void changesByOthersAreSeenByTheNextRead() {
         UserDefaults mine(m_path);
         UserDefaults theirs(m_path);

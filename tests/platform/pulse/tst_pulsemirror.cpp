@@ -91,12 +91,9 @@ private slots:
         QTest::addColumn<QString>("reported");
         QTest::addColumn<QString>("expected");
         QTest::addColumn<bool>("announced");
-        QTest::newRow("PipeWire placeholder") << "@DEFAULT_SINK@"
-                                              << "studio" << false;
-        QTest::newRow("real name") << "airpods"
-                                   << "airpods" << true;
-        QTest::newRow("same name") << "studio"
-                                   << "studio" << false;
+        QTest::newRow("PipeWire placeholder") << QString("@DEFAULT_SINK@") << "studio" << false;
+        QTest::newRow("real name") << QString("airpods") << "airpods" << true;
+        QTest::newRow("same name") << QString("studio") << "studio" << false;
     }
     void placeholderDefaultNameKeepsTheOldDefault() {
         QFETCH(QString, reported);
