@@ -1,4 +1,5 @@
 #include "../groups/GroupTestRig.h"
+#include "platform/simulated/SimulatedSoundLibrary.h"
 #include "ui/panel/MenuBarController.h"
 #include "ui/panel/PanelController.h"
 
@@ -16,6 +17,7 @@ private:
     OutputGroup m_displays;
     AudioObjectID m_microphone = 0;
     AudioObjectID m_lineIn = 0;
+    SimulatedSoundLibrary* m_sounds = nullptr;
 
     QQuickView* view() const { return m_panel->window(); }
 
@@ -77,7 +79,18 @@ private:
         return std::nullopt;
     }
 
+    QString lastSoundDevice() const {
+        return m_sounds->played().isEmpty() ? QString() : m_sounds->played().last().deviceUID;
+    }
+
 private slots:
+    void initTestCase() {
+        auto sounds = std::make_unique<SimulatedSoundLibrary>();
+        sounds->addSound(QStringLiteral("Pop"));
+        m_sounds = sounds.get();
+        SoundLibrary::install(std::move(sounds));
+    }
+
     void init() {
         m_rig = std::make_unique<GroupTestRig>();
         m_microphone = addInput(QStringLiteral("usb:Acme:Mic:1:1"), QStringLiteral("Microphone"));
@@ -112,6 +125,7 @@ private slots:
     void choosingAnOutputOrAnInputMakesItTheDefault() {
         click("outputRow_Headphones");
         QCOMPARE(m_rig->defaultOutput(), m_rig->headphones);
+        QCOMPARE(lastSoundDevice(), m_rig->headphonesUID);
         QCOMPARE(item("outputRow_Headphones")->property("selected").toBool(), true);
         QCOMPARE(item("outputRow_Speakers")->property("selected").toBool(), false);
 
@@ -125,8 +139,9 @@ private slots:
         QCOMPARE(m_rig->manager->activeGroupIDText(), m_displays.idText());
         QVERIFY(shows("masterSlider"));
         const auto aggregate = m_rig->manager->activeDeviceID();
+        QCOMPARE(lastSoundDevice(), GroupManager::aggregateUID(m_displays.id));
         // Ondril's own aggregate never shows as an output, and no output row is current.
-        QVERIFY(!m_rig->audio->readUID(*aggregate)->isEmpty());
+        QVERIFY(!shows("outputRow_" + m_displays.name));
         for (const char* name : {"outputRow_Speakers", "outputRow_Headphones"})
             QCOMPARE(item(name)->property("selected").toBool(), false);
 
@@ -135,6 +150,10 @@ private slots:
         QVERIFY(!shows("masterSlider"));
         click("groupRow_Displays");
         QVERIFY(shows("masterSlider"));
+
+        click("trash");
+        QVERIFY(m_rig->manager->groups().isEmpty());
+        QVERIFY(!item("groupRow_Displays"));
     }
 
     void openGroupControlsWriteTheGroup() {
