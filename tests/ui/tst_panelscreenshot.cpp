@@ -26,11 +26,14 @@ private slots:
         microphone.uid = QStringLiteral("builtin:Ondril:LineIn:0:1");
         microphone.name = QStringLiteral("Line In");
         rig.hardware->addDevice(microphone);
-        OutputGroup studio = makeGroup("Studio", {rig.leftUID, rig.rightUID}, {}, 0.72);
-        studio.balance.insert(rig.rightUID, 0.85);
+        const QString studioLeft = QStringLiteral("usb:Acme:StudioLeft:8:1,2");
+        const QString studioRight = QStringLiteral("usb:Acme:StudioRight:9:1,2");
+        rig.addOutput(studioLeft, QStringLiteral("Studio Display Left"));
+        rig.addOutput(studioRight, QStringLiteral("Studio Display Right"));
+        OutputGroup studio = makeGroup("Studio", {studioLeft, studioRight}, {}, 0.72);
+        studio.balance.insert(studioRight, 0.85);
         rig.launchWith({studio, makeGroup("Whole House", {rig.speakersUID, rig.headphonesUID})});
-        rig.settings->setCustomName(rig.leftUID, QStringLiteral("Studio Display Left"));
-        rig.settings->setCustomName(rig.rightUID, QStringLiteral("Studio Display Right"));
+        rig.settings->setCustomName(rig.headphonesUID, QStringLiteral("Desk Headphones"));
         QVERIFY(rig.manager->activate(rig.manager->groups().first()));
 
         PanelController panel(*rig.manager, *rig.audio, *rig.settings);
@@ -48,8 +51,8 @@ private slots:
                 colours.insert(image.pixel(x, y));
         QVERIFY2(colours.size() > 50, qPrintable(QString::number(colours.size())));
 
-        const QString directory = qEnvironmentVariable("ONDRIL_SCREENSHOT_DIR",
-                                                       QCoreApplication::applicationDirPath());
+        const QString directory =
+            qEnvironmentVariable("ONDRIL_SCREENSHOT_DIR", QCoreApplication::applicationDirPath());
         QDir().mkpath(directory);
         const QString scheme = Appearance::shared().isDark() ? "dark" : "light";
         QVERIFY(image.save(directory + "/panel-" + scheme + ".png"));

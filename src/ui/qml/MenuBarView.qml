@@ -187,6 +187,6 @@ Item {
         width: 320
         source: menuBar.screen === "newGroup" ? "NewGroupView.qml" : ""
         onStatusChanged: if (status === Loader.Error)
-                             menuBar.closeNewGroup()
+                             Qt.callLater(menuBar.closeNewGroup)
     }
 }

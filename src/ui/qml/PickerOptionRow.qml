@@ -8,7 +8,7 @@ PressScaleButtonStyle {
     property string name
     property string subtitle
     property bool selected: false
-    property var colors: Appearance.palette
+    property var palette: Appearance.palette
     property real trailingPadding: 8
 
     width: parent ? parent.width : 0
@@ -20,7 +20,7 @@ PressScaleButtonStyle {
     Rectangle {
         anchors.fill: parent
         radius: 8
-        color: option.hovered ? option.colors.rowHover : "transparent"
+        color: option.hovered ? option.palette.rowHover : "transparent"
         Behavior on color {
             ColorAnimation { duration: Appearance.hoverDuration; easing.type: Easing.OutQuad }
         }
@@ -37,7 +37,7 @@ PressScaleButtonStyle {
             anchors.verticalCenter: parent.verticalCenter
             chosen: option.selected
             pressed: option.pressed
-            palette: option.colors
+            palette: option.palette
         }
         Column {
             width: content.width - 18 - content.spacing
@@ -46,14 +46,14 @@ PressScaleButtonStyle {
                 width: parent.width
                 text: option.name
                 size: 12.5
-                color: option.colors.textPrimary
+                color: option.palette.textPrimary
             }
             PanelLabel {
                 visible: option.subtitle !== ""
                 width: parent.width
                 text: option.subtitle
                 size: 10.5
-                color: option.colors.textSecondary
+                color: option.palette.textSecondary
             }
         }
     }
