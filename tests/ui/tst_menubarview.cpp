@@ -158,6 +158,7 @@ private slots:
 
     void openGroupControlsWriteTheGroup() {
         click("groupRow_Displays");
+        QCOMPARE(item("percent")->property("text").toString(), QStringLiteral("100%"));
         dragPastTheEnd("masterSlider", +1);
         QCOMPARE(stored(m_displays.id)->masterVolume, 1.0);
         dragPastTheEnd("balanceSlider", -1);

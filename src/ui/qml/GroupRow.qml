@@ -12,7 +12,7 @@ Item {
     property bool isActive: false
     property bool isOpen: false
     property var palette: Appearance.palette
-    readonly property bool hover: rowPointer.containsMouse
+    readonly property bool hover: rowHover.hovered
     readonly property bool deleteHover: trashPointer.containsMouse
 
     signal select()
@@ -32,10 +32,13 @@ Item {
         }
     }
 
+    // The row stays lit while the pointer is over its trash or chevron.
+    HoverHandler {
+        id: rowHover
+    }
+
     MouseArea {
-        id: rowPointer
         anchors.fill: parent
-        hoverEnabled: true
         acceptedButtons: Qt.LeftButton | Qt.RightButton
         onClicked: mouse => {
             if (mouse.button === Qt.RightButton)
