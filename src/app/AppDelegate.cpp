@@ -1,7 +1,9 @@
 #include "app/AppDelegate.h"
 
 #include "app/AppSettings.h"
+#include "app/InstanceChannel.h"
 #include "appaudio/AppAudioManager.h"
+#include "appaudio/LevelMeter.h"
 #include "configs/ConfigManager.h"
 #include "control/VolumeKeyMonitor.h"
 #include "devices/AudioDeviceManager.h"
@@ -29,7 +31,8 @@ AppDelegate::AppDelegate(bool headless, QObject* parent)
             [] { AppAudioManager::shared().stopAllSessions(); });
     if (!m_headless)
         m_panelController =
-            std::make_unique<PanelController>(AudioDeviceManager::shared(), AppSettings::shared());
+            std::make_unique<PanelController>(GroupManager::shared(), AudioDeviceManager::shared(),
+                                              AppSettings::shared(), &LevelMeter::shared());
     // Launch finishes before the queued restore of the active group runs, so that what a restored
     // group needs (the volume-key monitor) is in place.
     applicationDidFinishLaunching();
@@ -54,11 +57,20 @@ void AppDelegate::applicationDidFinishLaunching() {
 
     // Hot keys and the rest attach here as they come.
 
-    if (qEnvironmentVariable("ONDRIL_AUTOSHOW") == QLatin1String("1")) {
-        QTimer::singleShot(600, this, [this] {
-            // No click to open under: the corner where a top bar's tray area usually sits.
-            const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
-            m_panelController->show(QPoint(area.right(), area.top()));
-        });
-    }
+    if (qEnvironmentVariable("ONDRIL_AUTOSHOW") == QLatin1String("1"))
+        QTimer::singleShot(600, this, &AppDelegate::showPanelInTrayCorner);
+}
+
+void AppDelegate::listenTo(InstanceChannel& channel) {
+    // A second launch, or a launcher's Activate, brings the panel up unless it is open already.
+    connect(&channel, &InstanceChannel::activated, this, [this] {
+        if (m_panelController && !m_panelController->isVisible())
+            showPanelInTrayCorner();
+    });
+}
+
+void AppDelegate::showPanelInTrayCorner() {
+    // No click to open under: the corner where a top bar's tray area usually sits.
+    const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
+    m_panelController->show(QPoint(area.right(), area.top()));
 }

@@ -4,6 +4,7 @@
 
 #include <memory>
 
+class InstanceChannel;
 class PanelController;
 class StatusItemController;
 
@@ -19,8 +20,12 @@ public:
     explicit AppDelegate(bool headless = false, QObject* parent = nullptr);
     ~AppDelegate() override;
 
+    // Opens the panel when the instance is activated from outside.
+    void listenTo(InstanceChannel& channel);
+
 private:
     void applicationDidFinishLaunching();
+    void showPanelInTrayCorner();
 
     bool m_headless = false;
     // Neither exists when headless.

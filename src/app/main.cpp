@@ -156,6 +156,7 @@ int runInstance(int argc, char* argv[], const Invocation& invocation, bool headl
     if (!installAudioBackend(invocation.backend))
         return 1;
     AppDelegate delegate(headless);
+    delegate.listenTo(channel);
     return app->exec();
 }
 // ---------------------------------------------------------------------------------------------

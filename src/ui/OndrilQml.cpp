@@ -1,7 +1,9 @@
 #include "ui/OndrilQml.h"
 
 #include "ui/Appearance.h"
+#include "ui/IconCatalogue.h"
 #include "ui/SliderGeometry.h"
+#include "ui/SymbolImageProvider.h"
 
 #include <QQmlEngine>
 
@@ -22,6 +24,13 @@ void registerTypes() {
         return true;
     }();
     Q_UNUSED(registered);
+}
+
+void prepareEngine(QQmlEngine& engine) {
+    registerTypes();
+    IconCatalogue::installFallbackTheme();
+    if (!engine.imageProvider(SymbolImageProvider::providerID))
+        engine.addImageProvider(SymbolImageProvider::providerID, new SymbolImageProvider);
 }
 
 QUrl viewUrl(const QString& fileName) {

@@ -2,11 +2,15 @@
 
 #include <QUrl>
 
+class QQmlEngine;
+
 // Makes Ondril's C++ side known to QML as the module "Ondril" (Appearance, SliderGeometry), once
 // per process. The views themselves lie under qrc:/ondril/ui/.
 namespace OndrilQml {
 
 void registerTypes();
+// What every engine that shows Ondril's views needs beside the module: the symbol images.
+void prepareEngine(QQmlEngine& engine);
 QUrl viewUrl(const QString& fileName);
 
 } // namespace OndrilQml

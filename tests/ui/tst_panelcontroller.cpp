@@ -18,7 +18,8 @@ private slots:
     void init() {
         m_rig = std::make_unique<GroupTestRig>();
         m_rig->launch();
-        m_panel = std::make_unique<PanelController>(*m_rig->audio, *m_rig->settings);
+        m_panel =
+            std::make_unique<PanelController>(*m_rig->manager, *m_rig->audio, *m_rig->settings);
     }
 
     void cleanup() {

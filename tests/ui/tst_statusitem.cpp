@@ -85,7 +85,8 @@ private slots:
         m_rig = std::make_unique<GroupTestRig>();
         m_rig->launchWith({makeGroup(QStringLiteral("Both Displays"),
                                      {GroupTestRig::leftUID, GroupTestRig::rightUID})});
-        m_panel = std::make_unique<PanelController>(*m_rig->audio, *m_rig->settings);
+        m_panel =
+            std::make_unique<PanelController>(*m_rig->manager, *m_rig->audio, *m_rig->settings);
         m_tray = std::make_unique<StatusItemController>(*m_rig->manager, *m_rig->settings, *m_panel,
                                                         QDBusConnection::sessionBus());
         m_quits = 0;

@@ -2,8 +2,11 @@
 
 #include "app/AppSettings.h"
 #include "app/NotificationCenter.h"
+#include "appaudio/LevelMeter.h"
 #include "devices/AudioDeviceManager.h"
+#include "groups/GroupManager.h"
 #include "ui/OndrilQml.h"
+#include "ui/panel/MenuBarController.h"
 
 #include <QGuiApplication>
 #include <QKeyEvent>
@@ -12,12 +15,15 @@
 #include <QQuickView>
 #include <QScreen>
 
-PanelController::PanelController(AudioDeviceManager& audio, AppSettings& settings, QObject* parent)
+PanelController::PanelController(GroupManager& groups, AudioDeviceManager& audio,
+                                 AppSettings& settings, LevelMeter* meter, QObject* parent)
     : QObject(parent)
     , m_audio(audio)
-    , m_settings(settings) {
-    OndrilQml::registerTypes();
+    , m_settings(settings)
+    , m_meter(meter)
+    , m_menuBar(std::make_unique<MenuBarController>(groups, audio, settings, meter)) {
     m_window = std::make_unique<QQuickView>();
+    OndrilQml::prepareEngine(*m_window->engine());
     m_window->setFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
     m_window->setColor(Qt::transparent);
     m_window->setTitle(QStringLiteral("Ondril"));
@@ -25,6 +31,8 @@ PanelController::PanelController(AudioDeviceManager& audio, AppSettings& setting
     m_window->resize(int(PanelPlacement::windowWidth),
                      int(m_contentHeight + 2 * PanelPlacement::margin));
     m_window->rootContext()->setContextProperty(QStringLiteral("panelController"), this);
+    m_window->rootContext()->setContextProperty(QStringLiteral("menuBar"), m_menuBar.get());
+    m_window->rootContext()->setContextProperty(QStringLiteral("groupManager"), &groups);
     m_window->setSource(OndrilQml::viewUrl(QStringLiteral("MenuBarView.qml")));
     if (QQuickItem* root = m_window->rootObject()) {
         connect(root, SIGNAL(heightReported(double)), this, SLOT(onHeightReported(double)));
@@ -71,7 +79,9 @@ std::optional<PanelPlacement::Placement> PanelController::reposition(QPoint unde
 
 void PanelController::show(QPoint under) {
     m_audio.refresh();
-    // Level metering and the per-app meters attach here once they exist.
+    if (m_meter)
+        m_meter->start();
+    m_menuBar->appear();
     m_placement = reposition(under);
     if (m_placement)
         m_window->setGeometry(m_placement->window.toRect());
@@ -85,6 +95,8 @@ void PanelController::show(QPoint under) {
 void PanelController::hide() {
     if (!isVisible())
         return;
+    if (m_meter)
+        m_meter->stop();
     m_window->hide();
     m_lastCloseAt.start();
     emit hidden();
@@ -117,6 +129,10 @@ void PanelController::onActiveChanged() {
 bool PanelController::eventFilter(QObject* watched, QEvent* event) {
     if (watched == m_window.get() && event->type() == QEvent::KeyPress &&
         static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape) {
+        // A text field being edited takes Escape itself: it ends the edit, not the panel.
+        const QQuickItem* focus = m_window->activeFocusItem();
+        if (focus && focus->inherits("QQuickTextInput"))
+            return false;
         hide(); // also when pinned
         return true;
     }

@@ -11,6 +11,9 @@
 
 class AppSettings;
 class AudioDeviceManager;
+class GroupManager;
+class LevelMeter;
+class MenuBarController;
 class QQuickView;
 
 // Owns the panel: a frameless, translucent, always-on-top tool window made once, hosting
@@ -23,7 +26,9 @@ class PanelController : public QObject {
 public:
     static constexpr int reopenGuardMs = 200;
 
-    PanelController(AudioDeviceManager& audio, AppSettings& settings, QObject* parent = nullptr);
+    // The meter, when given, runs only while the panel is open.
+    PanelController(GroupManager& groups, AudioDeviceManager& audio, AppSettings& settings,
+                    LevelMeter* meter = nullptr, QObject* parent = nullptr);
     ~PanelController() override;
 
     // Opens the panel at the tray icon's click point. Does not test whether it is open already.
@@ -40,6 +45,7 @@ public:
     static bool mayReopen(std::optional<qint64> msSinceLastClose);
 
     QQuickView* window() const { return m_window.get(); }
+    MenuBarController& menuBar() const { return *m_menuBar; }
 
 signals:
     void shown();
@@ -57,6 +63,8 @@ private:
 
     AudioDeviceManager& m_audio;
     AppSettings& m_settings;
+    LevelMeter* m_meter;
+    std::unique_ptr<MenuBarController> m_menuBar;
     std::unique_ptr<QQuickView> m_window;
     std::optional<PanelPlacement::Placement> m_placement;
     QElapsedTimer m_lastCloseAt; // invalid until the first close

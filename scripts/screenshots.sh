@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Renders the panel on the simulated audio service, in light and in dark, to
+# docs/screenshots/panel-light.png and panel-dark.png: a group open, several outputs, two inputs.
+# Usage: scripts/screenshots.sh [build-dir]   (default: build; builds the renderer first)
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${1:-$root/build}
+cmake --build "$build" --target tst_panelscreenshot
+for scheme in light dark; do
+    ONDRIL_APPEARANCE=$scheme ONDRIL_SCREENSHOT_DIR="$root/docs/screenshots" \
+        "$root/scripts/test-env.sh" "$build/tests/tst_panelscreenshot" -silent
+done
+ls -l "$root/docs/screenshots"

@@ -1,0 +1,211 @@
+#include "../groups/GroupTestRig.h"
+#include "platform/simulated/SimulatedSoundLibrary.h"
+#include "ui/panel/MenuBarController.h"
+#include "ui/panel/PanelController.h"
+
+#include <QQuickItem>
+#include <QQuickView>
+#include <QTest>
+
+// The panel's main screen on the simulated service: what its rows show and what a tap does.
+class TestMenuBarView : public QObject {
+    Q_OBJECT
+
+private:
+    std::unique_ptr<GroupTestRig> m_rig;
+    std::unique_ptr<PanelController> m_panel;
+    OutputGroup m_displays;
+    AudioObjectID m_microphone = 0;
+    AudioObjectID m_lineIn = 0;
+    SimulatedSoundLibrary* m_sounds = nullptr;
+
+    QQuickView* view() const { return m_panel->window(); }
+
+    // Along the visual tree: rows made by a Repeater are not its QObject children.
+    QQuickItem* item(const QString& name, QQuickItem* from = nullptr) const {
+        from = from ? from : view()->rootObject();
+        for (QQuickItem* child : from->childItems()) {
+            if (child->objectName() == name)
+                return child;
+            if (QQuickItem* found = item(name, child))
+                return found;
+        }
+        return nullptr;
+    }
+    bool shows(const QString& name) const {
+        const QQuickItem* found = item(name);
+        return found && found->isVisible() && found->height() > 0;
+    }
+    void click(const QString& name, Qt::MouseButton button = Qt::LeftButton) {
+        QQuickItem* target = item(name);
+        QVERIFY2(target, qPrintable(name));
+        const QPointF centre = target->mapToScene(QPointF(target->width(), target->height()) / 2);
+        QTest::mouseClick(view(), button, {}, centre.toPoint());
+        settle();
+    }
+    void openPanel() {
+        m_panel =
+            std::make_unique<PanelController>(*m_rig->manager, *m_rig->audio, *m_rig->settings);
+        m_panel->show(QPoint(1200, 10));
+        QVERIFY(view()->rootObject());
+        QVERIFY(QTest::qWaitForWindowExposed(view()));
+        settle();
+    }
+    // Presses inside the slider and drags well beyond its right (+1) or left (-1) end.
+    void dragPastTheEnd(const QString& name, int direction) {
+        QQuickItem* slider = item(name);
+        QVERIFY(slider);
+        const qreal y = slider->height() / 2;
+        const QPointF inside = slider->mapToScene(QPointF(slider->width() / 2, y));
+        const QPointF beyond =
+            slider->mapToScene(QPointF(direction > 0 ? slider->width() + 30 : -30, y));
+        QTest::mousePress(view(), Qt::LeftButton, {}, inside.toPoint());
+        QTest::mouseMove(view(), beyond.toPoint());
+        QTest::mouseRelease(view(), Qt::LeftButton, {}, beyond.toPoint());
+        settle();
+    }
+    AudioObjectID addInput(const QString& uid, const QString& name) {
+        SimulatedAudioHardware::DeviceSpec spec;
+        spec.uid = uid;
+        spec.name = name;
+        spec.outputChannels = {};
+        spec.inputChannels = {1};
+        return m_rig->hardware->addDevice(spec);
+    }
+    std::optional<OutputGroup> stored(const QUuid& id) const {
+        for (const OutputGroup& group : m_rig->manager->groups())
+            if (group.id == id)
+                return group;
+        return std::nullopt;
+    }
+
+    QString lastSoundDevice() const {
+        return m_sounds->played().isEmpty() ? QString() : m_sounds->played().last().deviceUID;
+    }
+
+private slots:
+    void initTestCase() {
+        auto sounds = std::make_unique<SimulatedSoundLibrary>();
+        sounds->addSound(QStringLiteral("Pop"));
+        m_sounds = sounds.get();
+        SoundLibrary::install(std::move(sounds));
+    }
+
+    void init() {
+        m_rig = std::make_unique<GroupTestRig>();
+        m_microphone = addInput(QStringLiteral("usb:Acme:Mic:1:1"), QStringLiteral("Microphone"));
+        m_lineIn = addInput(QStringLiteral("builtin:Ondril:LineIn:0:1"), QStringLiteral("Line In"));
+        m_rig->hardware->setDefaultInputDevice(m_microphone);
+        m_displays = makeGroup("Displays", {m_rig->leftUID, m_rig->rightUID});
+        m_rig->launchWith({m_displays});
+        openPanel();
+    }
+    void cleanup() {
+        m_panel.reset();
+        m_rig.reset();
+    }
+
+    void rowsFollowTheDeviceList() {
+        QVERIFY(shows("outputRow_Headphones"));
+        m_rig->addOutput(QStringLiteral("usb:Acme:Dock:9:1,2"), QStringLiteral("Dock"));
+        settle();
+        QVERIFY(shows("outputRow_Dock"));
+
+        m_rig->settings->setHiddenDevices({m_rig->headphonesUID});
+        settle();
+        QVERIFY(!shows("outputRow_Headphones"));
+
+        // Without a shown input the input card goes.
+        m_rig->settings->setHiddenInputDevices(
+            {QStringLiteral("usb:Acme:Mic:1:1"), QStringLiteral("builtin:Ondril:LineIn:0:1")});
+        settle();
+        QVERIFY(!shows("inputCard"));
+    }
+
+    void choosingAnOutputOrAnInputMakesItTheDefault() {
+        click("outputRow_Headphones");
+        QCOMPARE(m_rig->defaultOutput(), m_rig->headphones);
+        QCOMPARE(lastSoundDevice(), m_rig->headphonesUID);
+        QCOMPARE(item("outputRow_Headphones")->property("selected").toBool(), true);
+        QCOMPARE(item("outputRow_Speakers")->property("selected").toBool(), false);
+
+        click("inputRow_Line In");
+        QCOMPARE(m_rig->audio->readDefaultInputID(), m_lineIn);
+        QTRY_COMPARE(item("inputRow_Line In")->property("selected").toBool(), true);
+    }
+
+    void groupRowTapActivatesThenTogglesTheDisclosure() {
+        click("groupRow_Displays");
+        QCOMPARE(m_rig->manager->activeGroupIDText(), m_displays.idText());
+        QVERIFY(shows("masterSlider"));
+        const auto aggregate = m_rig->manager->activeDeviceID();
+        QCOMPARE(lastSoundDevice(), GroupManager::aggregateUID(m_displays.id));
+        // Ondril's own aggregate never shows as an output, and no output row is current.
+        QVERIFY(!shows("outputRow_" + m_displays.name));
+        for (const char* name : {"outputRow_Speakers", "outputRow_Headphones"})
+            QCOMPARE(item(name)->property("selected").toBool(), false);
+
+        click("groupRow_Displays");
+        QCOMPARE(m_rig->manager->activeDeviceID(), aggregate); // not activated again
+        QVERIFY(!shows("masterSlider"));
+        click("groupRow_Displays");
+        QVERIFY(shows("masterSlider"));
+
+        click("trash");
+        QVERIFY(m_rig->manager->groups().isEmpty());
+        QVERIFY(!item("groupRow_Displays"));
+    }
+
+    void openGroupControlsWriteTheGroup() {
+        click("groupRow_Displays");
+        QCOMPARE(item("percent")->property("text").toString(), QStringLiteral("100%"));
+        dragPastTheEnd("masterSlider", +1);
+        QCOMPARE(stored(m_displays.id)->masterVolume, 1.0);
+        dragPastTheEnd("balanceSlider", -1);
+        QCOMPARE(stored(m_displays.id)->balance.value(m_rig->leftUID, -1), 0.0);
+        QTRY_COMPARE(item("percent")->property("text").toString(), QStringLiteral("0%"));
+
+        click("muteButton");
+        QVERIFY(m_rig->manager->isMuted());
+    }
+
+    void renaming_data() {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<Qt::Key>("key");
+        QTest::addColumn<QString>("shown");
+        QTest::newRow("Return saves") << "Desk" << Qt::Key_Return << "Desk";
+        QTest::newRow("Escape keeps the old name") << "Desk" << Qt::Key_Escape << "Old";
+        QTest::newRow("blanks clear the custom name") << "   " << Qt::Key_Return << "Left Display";
+    }
+    void renaming() {
+        QFETCH(QString, typed);
+        QFETCH(Qt::Key, key);
+        QFETCH(QString, shown);
+        m_rig->settings->setCustomName(m_rig->leftUID, QStringLiteral("Old"));
+        click("groupRow_Displays");
+        QCOMPARE(item("memberName")->property("text").toString(), QStringLiteral("Old"));
+
+        QQuickItem* name = item("memberName");
+        const QPoint centre = name->mapToScene(QPointF(10, name->height() / 2)).toPoint();
+        QTest::mouseDClick(view(), Qt::LeftButton, {}, centre);
+        QTRY_VERIFY(item("renameField")->hasActiveFocus());
+        item("renameField")->setProperty("text", typed);
+        QTest::keyClick(view(), key);
+        settle();
+        QVERIFY(m_panel->isVisible()); // Escape in the field ends the edit, not the panel
+        QTRY_COMPARE(item("memberName")->property("text").toString(), shown);
+    }
+
+    void collapsedSectionSurvivesARestart() {
+        QVERIFY(shows("outputRows"));
+        click("sectionHeader_output");
+        QVERIFY(!shows("outputRows"));
+        openPanel();
+        QVERIFY(!shows("outputRows"));
+        QCOMPARE(m_rig->defaults->stringArrayForKey(SettingsKeys::collapsedSections),
+                 QStringList{MenuBarController::outputSection});
+    }
+};
+
+QTEST_MAIN(TestMenuBarView)
+#include "tst_menubarview.moc"
