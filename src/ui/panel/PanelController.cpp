@@ -2,8 +2,11 @@
 
 #include "app/AppSettings.h"
 #include "app/NotificationCenter.h"
+#include "appaudio/AppAudioManager.h"
+#include "appaudio/LevelMeter.h"
 #include "devices/AudioDeviceManager.h"
 #include "ui/OndrilQml.h"
+#include "ui/panel/AppsCardModel.h"
 
 #include <QGuiApplication>
 #include <QKeyEvent>
@@ -12,10 +15,16 @@
 #include <QQuickView>
 #include <QScreen>
 
-PanelController::PanelController(AudioDeviceManager& audio, AppSettings& settings, QObject* parent)
+PanelController::PanelController(AudioDeviceManager& audio, GroupManager& groups,
+                                 AppSettings& settings, AppAudioManager& appAudio,
+                                 LevelMeter& meter, RunningApplications& applications,
+                                 QObject* parent)
     : QObject(parent)
     , m_audio(audio)
-    , m_settings(settings) {
+    , m_settings(settings)
+    , m_appAudio(appAudio)
+    , m_meter(meter)
+    , m_appsCard(new AppsCardModel(appAudio, audio, groups, settings, applications, this)) {
     OndrilQml::registerTypes();
     m_window = std::make_unique<QQuickView>();
     m_window->setFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
@@ -25,6 +34,7 @@ PanelController::PanelController(AudioDeviceManager& audio, AppSettings& setting
     m_window->resize(int(PanelPlacement::windowWidth),
                      int(m_contentHeight + 2 * PanelPlacement::margin));
     m_window->rootContext()->setContextProperty(QStringLiteral("panelController"), this);
+    m_window->rootContext()->setContextProperty(QStringLiteral("appsCard"), m_appsCard);
     m_window->setSource(OndrilQml::viewUrl(QStringLiteral("MenuBarView.qml")));
     if (QQuickItem* root = m_window->rootObject()) {
         connect(root, SIGNAL(heightReported(double)), this, SLOT(onHeightReported(double)));
@@ -71,7 +81,10 @@ std::optional<PanelPlacement::Placement> PanelController::reposition(QPoint unde
 
 void PanelController::show(QPoint under) {
     m_audio.refresh();
-    // Level metering and the per-app meters attach here once they exist.
+    m_appAudio.setPanelOpen(true);
+    m_appAudio.refresh();
+    m_meter.start();
+    m_appAudio.startMetering();
     m_placement = reposition(under);
     if (m_placement)
         m_window->setGeometry(m_placement->window.toRect());
@@ -85,6 +98,11 @@ void PanelController::show(QPoint under) {
 void PanelController::hide() {
     if (!isVisible())
         return;
+    m_meter.stop();
+    m_appAudio.stopMetering();
+    m_appAudio.setPanelOpen(false);
+    // Nothing listens for play state while the panel is closed; the next refresh listens again.
+    m_appAudio.removeOutputListeners();
     m_window->hide();
     m_lastCloseAt.start();
     emit hidden();
