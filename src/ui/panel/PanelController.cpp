@@ -5,6 +5,7 @@
 #include "appaudio/AppAudioManager.h"
 #include "appaudio/LevelMeter.h"
 #include "devices/AudioDeviceManager.h"
+#include "ui/IconCatalogue.h"
 #include "ui/OndrilQml.h"
 #include "ui/panel/AppsCardModel.h"
 
@@ -26,6 +27,7 @@ PanelController::PanelController(AudioDeviceManager& audio, GroupManager& groups
     , m_meter(meter)
     , m_appsCard(new AppsCardModel(appAudio, audio, groups, settings, applications, this)) {
     OndrilQml::registerTypes();
+    IconCatalogue::installFallbackTheme(); // the views draw their symbols from the icon theme
     m_window = std::make_unique<QQuickView>();
     m_window->setFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
     m_window->setColor(Qt::transparent);
