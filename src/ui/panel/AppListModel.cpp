@@ -1,5 +1,7 @@
 #include "ui/panel/AppListModel.h"
 
+#include <algorithm>
+
 AppListModel::AppListModel(std::function<QString(const QString&)> iconName, QObject* parent)
     : QAbstractListModel(parent)
     , m_iconName(std::move(iconName)) {}

@@ -11,6 +11,7 @@
 
 #include <QSet>
 
+#include <algorithm>
 #include <cmath>
 
 AppsCardModel::AppsCardModel(AppAudioManager& manager, AudioDeviceManager& audio,
