@@ -1,9 +1,12 @@
 #include "app/AppSettings.h"
 #include "app/NotificationCenter.h"
+#include "appaudio/AppAudioManager.h"
+#include "appaudio/LevelMeter.h"
 #include "devices/AudioDeviceManager.h"
 #include "groups/GroupManager.h"
 #include "platform/UserDefaults.h"
 #include "platform/simulated/SimulatedAudioHardware.h"
+#include "platform/simulated/SimulatedRunningApplications.h"
 #include "platform/tray/StatusNotifierItem.h"
 #include "ui/StatusItemController.h"
 #include "ui/panel/PanelController.h"
@@ -58,6 +61,9 @@ struct Stack {
     AppSettings settings{defaults, center};
     AudioDeviceManager audio{hardware};
     GroupManager groups{audio, settings};
+    SimulatedRunningApplications applications;
+    AppAudioManager apps{audio, groups, settings, applications};
+    LevelMeter meter{audio};
 };
 
 void BM_StartToTrayRegistration(benchmark::State& state) {
@@ -65,7 +71,8 @@ void BM_StartToTrayRegistration(benchmark::State& state) {
     for (auto _ : state) {
         QElapsedTimer timer;
         timer.start();
-        PanelController panel(stack.audio, stack.settings);
+        PanelController panel(stack.audio, stack.groups, stack.settings, stack.apps, stack.meter,
+                              stack.applications);
         StatusItemController tray(stack.groups, stack.settings, panel,
                                   QDBusConnection::sessionBus());
         tray.start();
@@ -84,7 +91,8 @@ BENCHMARK(BM_StartToTrayRegistration)
 
 void BM_ActivationToFirstFrame(benchmark::State& state) {
     Stack stack;
-    PanelController panel(stack.audio, stack.settings);
+    PanelController panel(stack.audio, stack.groups, stack.settings, stack.apps, stack.meter,
+                          stack.applications);
     StatusItemController tray(stack.groups, stack.settings, panel, QDBusConnection::sessionBus());
     tray.start();
     waitFor(&tray, &StatusItemController::registered);

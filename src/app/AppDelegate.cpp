@@ -8,6 +8,7 @@
 #include "control/VolumeKeyMonitor.h"
 #include "devices/AudioDeviceManager.h"
 #include "groups/GroupManager.h"
+#include "platform/RunningApplications.h"
 #include "ui/StatusItemController.h"
 #include "ui/panel/PanelController.h"
 
@@ -30,9 +31,9 @@ AppDelegate::AppDelegate(bool headless, QObject* parent)
     connect(qApp, &QCoreApplication::aboutToQuit, this,
             [] { AppAudioManager::shared().stopAllSessions(); });
     if (!m_headless)
-        m_panelController =
-            std::make_unique<PanelController>(GroupManager::shared(), AudioDeviceManager::shared(),
-                                              AppSettings::shared(), &LevelMeter::shared());
+        m_panelController = std::make_unique<PanelController>(
+            AudioDeviceManager::shared(), GroupManager::shared(), AppSettings::shared(),
+            AppAudioManager::shared(), LevelMeter::shared(), RunningApplications::shared());
     // Launch finishes before the queued restore of the active group runs, so that what a restored
     // group needs (the volume-key monitor) is in place.
     applicationDidFinishLaunching();

@@ -1,9 +1,13 @@
 #include "ui/OndrilQml.h"
 
+#include "appaudio/AppAudioManager.h"
 #include "ui/Appearance.h"
 #include "ui/IconCatalogue.h"
 #include "ui/SliderGeometry.h"
 #include "ui/SymbolImageProvider.h"
+#include "ui/Symbols.h"
+#include "ui/panel/AppListModel.h"
+#include "ui/panel/AppsCardModel.h"
 
 #include <QQmlEngine>
 
@@ -21,6 +25,15 @@ void registerTypes() {
         qmlRegisterSingletonType<SliderGeometry>(
             "Ondril", 1, 0, "SliderGeometry",
             [](QQmlEngine*, QJSEngine*) -> QObject* { return new SliderGeometry; });
+        qmlRegisterSingletonType<Symbols>(
+            "Ondril", 1, 0, "Symbols",
+            [](QQmlEngine*, QJSEngine*) -> QObject* { return new Symbols; });
+        // Made by the panel and handed to the views as they stand.
+        const QString madeByThePanel = QStringLiteral("made by the panel");
+        qmlRegisterUncreatableType<AppsCardModel>("Ondril", 1, 0, "AppsCardModel", madeByThePanel);
+        qmlRegisterUncreatableType<AppListModel>("Ondril", 1, 0, "AppListModel", madeByThePanel);
+        qmlRegisterUncreatableType<AppAudioManager>("Ondril", 1, 0, "AppAudioManager",
+                                                    madeByThePanel);
         return true;
     }();
     Q_UNUSED(registered);

@@ -4,8 +4,9 @@
 
 class QQmlEngine;
 
-// Makes Ondril's C++ side known to QML as the module "Ondril" (Appearance, SliderGeometry), once
-// per process. The views themselves lie under qrc:/ondril/ui/.
+// Makes Ondril's C++ side known to QML as the module "Ondril" (Appearance, SliderGeometry, Symbols,
+// and the types the panel hands to its views), once per process. The views themselves lie under
+// qrc:/ondril/ui/.
 namespace OndrilQml {
 
 void registerTypes();

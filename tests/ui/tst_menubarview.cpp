@@ -1,4 +1,4 @@
-#include "../groups/GroupTestRig.h"
+#include "PanelTestRig.h"
 #include "platform/simulated/SimulatedSoundLibrary.h"
 #include "ui/panel/MenuBarController.h"
 #include "ui/panel/PanelController.h"
@@ -12,14 +12,13 @@ class TestMenuBarView : public QObject {
     Q_OBJECT
 
 private:
-    std::unique_ptr<GroupTestRig> m_rig;
-    std::unique_ptr<PanelController> m_panel;
+    std::unique_ptr<PanelTestRig> m_rig;
     OutputGroup m_displays;
     AudioObjectID m_microphone = 0;
     AudioObjectID m_lineIn = 0;
     SimulatedSoundLibrary* m_sounds = nullptr;
 
-    QQuickView* view() const { return m_panel->window(); }
+    QQuickView* view() const { return m_rig->panel->window(); }
 
     // Along the visual tree: rows made by a Repeater are not its QObject children.
     QQuickItem* item(const QString& name, QQuickItem* from = nullptr) const {
@@ -44,9 +43,8 @@ private:
         settle();
     }
     void openPanel() {
-        m_panel =
-            std::make_unique<PanelController>(*m_rig->manager, *m_rig->audio, *m_rig->settings);
-        m_panel->show(QPoint(1200, 10));
+        m_rig->reopenPanel();
+        m_rig->panel->show(QPoint(1200, 10));
         QVERIFY(view()->rootObject());
         QVERIFY(QTest::qWaitForWindowExposed(view()));
         settle();
@@ -63,14 +61,6 @@ private:
         QTest::mouseMove(view(), beyond.toPoint());
         QTest::mouseRelease(view(), Qt::LeftButton, {}, beyond.toPoint());
         settle();
-    }
-    AudioObjectID addInput(const QString& uid, const QString& name) {
-        SimulatedAudioHardware::DeviceSpec spec;
-        spec.uid = uid;
-        spec.name = name;
-        spec.outputChannels = {};
-        spec.inputChannels = {1};
-        return m_rig->hardware->addDevice(spec);
     }
     std::optional<OutputGroup> stored(const QUuid& id) const {
         for (const OutputGroup& group : m_rig->manager->groups())
@@ -92,18 +82,16 @@ private slots:
     }
 
     void init() {
-        m_rig = std::make_unique<GroupTestRig>();
-        m_microphone = addInput(QStringLiteral("usb:Acme:Mic:1:1"), QStringLiteral("Microphone"));
-        m_lineIn = addInput(QStringLiteral("builtin:Ondril:LineIn:0:1"), QStringLiteral("Line In"));
+        m_displays = makeGroup("Displays", {GroupTestRig::leftUID, GroupTestRig::rightUID});
+        m_rig = std::make_unique<PanelTestRig>(QList<OutputGroup>{m_displays});
+        m_microphone =
+            m_rig->addInput(QStringLiteral("usb:Acme:Mic:1:1"), QStringLiteral("Microphone"));
+        m_lineIn =
+            m_rig->addInput(QStringLiteral("builtin:Ondril:LineIn:0:1"), QStringLiteral("Line In"));
         m_rig->hardware->setDefaultInputDevice(m_microphone);
-        m_displays = makeGroup("Displays", {m_rig->leftUID, m_rig->rightUID});
-        m_rig->launchWith({m_displays});
         openPanel();
     }
-    void cleanup() {
-        m_panel.reset();
-        m_rig.reset();
-    }
+    void cleanup() { m_rig.reset(); }
 
     void rowsFollowTheDeviceList() {
         QVERIFY(shows("outputRow_Headphones"));
@@ -192,7 +180,7 @@ private slots:
         item("renameField")->setProperty("text", typed);
         QTest::keyClick(view(), key);
         settle();
-        QVERIFY(m_panel->isVisible()); // Escape in the field ends the edit, not the panel
+        QVERIFY(m_rig->panel->isVisible()); // Escape in the field ends the edit, not the panel
         QTRY_COMPARE(item("memberName")->property("text").toString(), shown);
     }
 

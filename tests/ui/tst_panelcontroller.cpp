@@ -1,5 +1,4 @@
-#include "../groups/GroupTestRig.h"
-#include "ui/panel/PanelController.h"
+#include "PanelTestRig.h"
 
 #include <QQuickView>
 #include <QTest>
@@ -9,23 +8,18 @@ class TestPanelController : public QObject {
     Q_OBJECT
 
 private:
-    std::unique_ptr<GroupTestRig> m_rig;
-    std::unique_ptr<PanelController> m_panel;
+    std::unique_ptr<PanelTestRig> m_rig;
+    PanelController* m_panel = nullptr;
 
     QWindow* panelWindow() const { return m_panel->window(); }
 
 private slots:
     void init() {
-        m_rig = std::make_unique<GroupTestRig>();
-        m_rig->launch();
-        m_panel =
-            std::make_unique<PanelController>(*m_rig->manager, *m_rig->audio, *m_rig->settings);
+        m_rig = std::make_unique<PanelTestRig>();
+        m_panel = m_rig->panel.get();
     }
 
-    void cleanup() {
-        m_panel.reset();
-        m_rig.reset();
-    }
+    void cleanup() { m_rig.reset(); }
 
     void clickAwayClosesUnlessPinned_data() {
         QTest::addColumn<bool>("pinned");

@@ -1,4 +1,4 @@
-#include "../groups/GroupTestRig.h"
+#include "PanelTestRig.h"
 #include "ui/Appearance.h"
 #include "ui/panel/PanelController.h"
 
@@ -16,27 +16,24 @@ class TestPanelScreenshot : public QObject {
 
 private slots:
     void rendersThePanel() {
-        GroupTestRig rig;
-        SimulatedAudioHardware::DeviceSpec microphone;
-        microphone.uid = QStringLiteral("usb:Acme:Microphone:7:1");
-        microphone.name = QStringLiteral("USB Microphone");
-        microphone.outputChannels = {};
-        microphone.inputChannels = {1};
-        rig.hardware->setDefaultInputDevice(rig.hardware->addDevice(microphone));
-        microphone.uid = QStringLiteral("builtin:Ondril:LineIn:0:1");
-        microphone.name = QStringLiteral("Line In");
-        rig.hardware->addDevice(microphone);
         const QString studioLeft = QStringLiteral("usb:Acme:StudioLeft:8:1,2");
         const QString studioRight = QStringLiteral("usb:Acme:StudioRight:9:1,2");
-        rig.addOutput(studioLeft, QStringLiteral("Studio Display Left"));
-        rig.addOutput(studioRight, QStringLiteral("Studio Display Right"));
         OutputGroup studio = makeGroup("Studio", {studioLeft, studioRight}, {}, 0.72);
         studio.balance.insert(studioRight, 0.85);
-        rig.launchWith({studio, makeGroup("Whole House", {rig.speakersUID, rig.headphonesUID})});
+        PanelTestRig rig({studio, makeGroup("Whole House", {GroupTestRig::speakersUID,
+                                                            GroupTestRig::headphonesUID})});
+        rig.hardware->setDefaultInputDevice(rig.addInput(QStringLiteral("usb:Acme:Microphone:7:1"),
+                                                         QStringLiteral("USB Microphone")));
+        rig.addInput(QStringLiteral("builtin:Ondril:LineIn:0:1"), QStringLiteral("Line In"));
+        rig.addOutput(studioLeft, QStringLiteral("Studio Display Left"));
+        rig.addOutput(studioRight, QStringLiteral("Studio Display Right"));
         rig.settings->setCustomName(rig.headphonesUID, QStringLiteral("Desk Headphones"));
         QVERIFY(rig.manager->activate(rig.manager->groups().first()));
+        rig.addApp(4101, QStringLiteral("org.example.Player"), QStringLiteral("Player"));
+        rig.addApp(4102, QStringLiteral("org.example.Browser"), QStringLiteral("Browser"));
+        rig.apps->markPermissionGranted();
 
-        PanelController panel(*rig.manager, *rig.audio, *rig.settings);
+        PanelController& panel = *rig.panel;
         panel.show(QPoint(1200, 10));
         QVERIFY(QTest::qWaitForWindowExposed(panel.window()));
         settle();

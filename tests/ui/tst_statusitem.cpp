@@ -1,8 +1,7 @@
-#include "../groups/GroupTestRig.h"
+#include "PanelTestRig.h"
 #include "platform/tray/StatusNotifierItem.h"
 #include "platform/tray/StatusNotifierTypes.h"
 #include "ui/StatusItemController.h"
-#include "ui/panel/PanelController.h"
 
 #include <QDBusMessage>
 #include <QDBusPendingCall>
@@ -62,8 +61,8 @@ class TestStatusItem : public QObject {
     Q_OBJECT
 
 private:
-    std::unique_ptr<GroupTestRig> m_rig;
-    std::unique_ptr<PanelController> m_panel;
+    std::unique_ptr<PanelTestRig> m_rig;
+    PanelController* m_panel = nullptr;
     std::unique_ptr<StatusItemController> m_tray;
     TestWatcher m_watcher;
     int m_quits = 0;
@@ -82,11 +81,9 @@ private slots:
     }
 
     void init() {
-        m_rig = std::make_unique<GroupTestRig>();
-        m_rig->launchWith({makeGroup(QStringLiteral("Both Displays"),
-                                     {GroupTestRig::leftUID, GroupTestRig::rightUID})});
-        m_panel =
-            std::make_unique<PanelController>(*m_rig->manager, *m_rig->audio, *m_rig->settings);
+        m_rig = std::make_unique<PanelTestRig>(QList<OutputGroup>{makeGroup(
+            QStringLiteral("Both Displays"), {GroupTestRig::leftUID, GroupTestRig::rightUID})});
+        m_panel = m_rig->panel.get();
         m_tray = std::make_unique<StatusItemController>(*m_rig->manager, *m_rig->settings, *m_panel,
                                                         QDBusConnection::sessionBus());
         m_quits = 0;
@@ -99,7 +96,6 @@ private slots:
 
     void cleanup() {
         m_tray.reset();
-        m_panel.reset();
         m_rig.reset();
     }
 

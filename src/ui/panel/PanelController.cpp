@@ -2,10 +2,12 @@
 
 #include "app/AppSettings.h"
 #include "app/NotificationCenter.h"
+#include "appaudio/AppAudioManager.h"
 #include "appaudio/LevelMeter.h"
 #include "devices/AudioDeviceManager.h"
-#include "groups/GroupManager.h"
+#include "ui/IconCatalogue.h"
 #include "ui/OndrilQml.h"
+#include "ui/panel/AppsCardModel.h"
 #include "ui/panel/MenuBarController.h"
 
 #include <QGuiApplication>
@@ -15,13 +17,17 @@
 #include <QQuickView>
 #include <QScreen>
 
-PanelController::PanelController(GroupManager& groups, AudioDeviceManager& audio,
-                                 AppSettings& settings, LevelMeter* meter, QObject* parent)
+PanelController::PanelController(AudioDeviceManager& audio, GroupManager& groups,
+                                 AppSettings& settings, AppAudioManager& appAudio,
+                                 LevelMeter& meter, RunningApplications& applications,
+                                 QObject* parent)
     : QObject(parent)
     , m_audio(audio)
     , m_settings(settings)
+    , m_appAudio(appAudio)
     , m_meter(meter)
-    , m_menuBar(std::make_unique<MenuBarController>(groups, audio, settings, meter)) {
+    , m_appsCard(new AppsCardModel(appAudio, audio, groups, settings, applications, this))
+    , m_menuBar(std::make_unique<MenuBarController>(groups, audio, settings, &meter)) {
     m_window = std::make_unique<QQuickView>();
     OndrilQml::prepareEngine(*m_window->engine());
     m_window->setFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
@@ -33,6 +39,7 @@ PanelController::PanelController(GroupManager& groups, AudioDeviceManager& audio
     m_window->rootContext()->setContextProperty(QStringLiteral("panelController"), this);
     m_window->rootContext()->setContextProperty(QStringLiteral("menuBar"), m_menuBar.get());
     m_window->rootContext()->setContextProperty(QStringLiteral("groupManager"), &groups);
+    m_window->rootContext()->setContextProperty(QStringLiteral("appsCard"), m_appsCard);
     m_window->setSource(OndrilQml::viewUrl(QStringLiteral("MenuBarView.qml")));
     if (QQuickItem* root = m_window->rootObject()) {
         connect(root, SIGNAL(heightReported(double)), this, SLOT(onHeightReported(double)));
@@ -79,8 +86,10 @@ std::optional<PanelPlacement::Placement> PanelController::reposition(QPoint unde
 
 void PanelController::show(QPoint under) {
     m_audio.refresh();
-    if (m_meter)
-        m_meter->start();
+    m_appAudio.setPanelOpen(true);
+    m_appAudio.refresh();
+    m_meter.start();
+    m_appAudio.startMetering();
     m_menuBar->appear();
     m_placement = reposition(under);
     if (m_placement)
@@ -95,8 +104,11 @@ void PanelController::show(QPoint under) {
 void PanelController::hide() {
     if (!isVisible())
         return;
-    if (m_meter)
-        m_meter->stop();
+    m_meter.stop();
+    m_appAudio.stopMetering();
+    m_appAudio.setPanelOpen(false);
+    // Nothing listens for play state while the panel is closed; the next refresh listens again.
+    m_appAudio.removeOutputListeners();
     m_window->hide();
     m_lastCloseAt.start();
     emit hidden();

@@ -9,26 +9,31 @@
 #include <memory>
 #include <optional>
 
+class AppAudioManager;
 class AppSettings;
+class AppsCardModel;
 class AudioDeviceManager;
 class GroupManager;
 class LevelMeter;
 class MenuBarController;
 class QQuickView;
+class RunningApplications;
 
 // Owns the panel: a frameless, translucent, always-on-top tool window made once, hosting
 // MenuBarView. It opens at the tray's click point, follows its content's height with the tray
 // side's edge fixed, and closes on click-away (the window losing activation, unless
 // "ondril.pinPanel"), on Escape, on "ondril.closePanel" and on a second click of the tray icon.
+// The meters run only while it is open: the level meter, and the app audio manager's levels and
+// play-state listeners.
 class PanelController : public QObject {
     Q_OBJECT
 
 public:
     static constexpr int reopenGuardMs = 200;
 
-    // The meter, when given, runs only while the panel is open.
-    PanelController(GroupManager& groups, AudioDeviceManager& audio, AppSettings& settings,
-                    LevelMeter* meter = nullptr, QObject* parent = nullptr);
+    PanelController(AudioDeviceManager& audio, GroupManager& groups, AppSettings& settings,
+                    AppAudioManager& appAudio, LevelMeter& meter, RunningApplications& applications,
+                    QObject* parent = nullptr);
     ~PanelController() override;
 
     // Opens the panel at the tray icon's click point. Does not test whether it is open already.
@@ -63,7 +68,9 @@ private:
 
     AudioDeviceManager& m_audio;
     AppSettings& m_settings;
-    LevelMeter* m_meter;
+    AppAudioManager& m_appAudio;
+    LevelMeter& m_meter;
+    AppsCardModel* m_appsCard;
     std::unique_ptr<MenuBarController> m_menuBar;
     std::unique_ptr<QQuickView> m_window;
     std::optional<PanelPlacement::Placement> m_placement;

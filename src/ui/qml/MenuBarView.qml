@@ -174,8 +174,14 @@ Item {
             }
         }
 
-        // The apps card goes here, last in the stack: AppsCard, shown while
-        // appAudio.isSupported.
+        // Last in the stack; it hides itself where per-app audio is not supported. Its collapsed
+        // state is kept with the other sections'.
+        AppsCard {
+            objectName: "appsCard"
+            collapsed: menuBar.collapsed.indexOf("apps") >= 0
+            onCollapsedChanged: if (collapsed !== menuBar.isCollapsed("apps"))
+                                    menuBar.toggleSection("apps")
+        }
     }
 
     // The new-group screen, while `menuBar.screen` is "newGroup"; it closes with

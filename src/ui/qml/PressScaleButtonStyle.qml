@@ -10,6 +10,11 @@ T.AbstractButton {
     property real pressScale: 0.97
 
     padding: 0
+    // Templates size a button from nothing: it takes the size of its content and padding.
+    implicitWidth: Math.max(implicitBackgroundWidth + leftInset + rightInset,
+                            implicitContentWidth + leftPadding + rightPadding)
+    implicitHeight: Math.max(implicitBackgroundHeight + topInset + bottomInset,
+                             implicitContentHeight + topPadding + bottomPadding)
     background: null
     hoverEnabled: true
     scale: pressed ? pressScale : 1
