@@ -5,7 +5,6 @@
 #include "ui/IconCatalogue.h"
 #include "ui/SliderGeometry.h"
 #include "ui/SymbolImageProvider.h"
-#include "ui/Symbols.h"
 #include "ui/panel/AppListModel.h"
 #include "ui/panel/AppsCardModel.h"
 
@@ -25,9 +24,6 @@ void registerTypes() {
         qmlRegisterSingletonType<SliderGeometry>(
             "Ondril", 1, 0, "SliderGeometry",
             [](QQmlEngine*, QJSEngine*) -> QObject* { return new SliderGeometry; });
-        qmlRegisterSingletonType<Symbols>(
-            "Ondril", 1, 0, "Symbols",
-            [](QQmlEngine*, QJSEngine*) -> QObject* { return new Symbols; });
         // Made by the panel and handed to the views as they stand.
         const QString madeByThePanel = QStringLiteral("made by the panel");
         qmlRegisterUncreatableType<AppsCardModel>("Ondril", 1, 0, "AppsCardModel", madeByThePanel);

@@ -4,7 +4,7 @@
 
 class QQmlEngine;
 
-// Makes Ondril's C++ side known to QML as the module "Ondril" (Appearance, SliderGeometry, Symbols,
+// Makes Ondril's C++ side known to QML as the module "Ondril" (Appearance, SliderGeometry,
 // and the types the panel hands to its views), once per process. The views themselves lie under
 // qrc:/ondril/ui/.
 namespace OndrilQml {

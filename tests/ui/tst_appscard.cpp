@@ -63,6 +63,7 @@ private slots:
         m_model = std::make_unique<AppsCardModel>(*m_rig->apps, *m_rig->audio, *m_rig->manager,
                                                   *m_rig->settings, m_rig->applications);
         m_view = std::make_unique<QQuickView>();
+        OndrilQml::prepareEngine(*m_view->engine());
         m_view->rootContext()->setContextProperty(QStringLiteral("appsCard"), m_model.get());
         m_view->setResizeMode(QQuickView::SizeRootObjectToView);
         m_view->setSource(OndrilQml::viewUrl(QStringLiteral("AppsCard.qml")));

@@ -49,13 +49,13 @@ PressScaleButtonStyle {
                 color: option.palette.textSecondary
             }
         }
-        SymbolIcon {
+        Symbol {
             id: check
             anchors.right: parent.right
             anchors.verticalCenter: parent.verticalCenter
             visible: option.selected
             symbol: "checkmark"
-            pointSize: 10
+            size: 10
             tint: option.palette.accent
         }
     }

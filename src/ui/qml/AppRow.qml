@@ -57,11 +57,11 @@ Item {
                     height: 22
                     sourceSize: Qt.size(22, 22)
                 }
-                SymbolIcon {
+                Symbol {
                     anchors.centerIn: parent
                     visible: !appIcon.visible
                     symbol: "app.fill"
-                    pointSize: 11
+                    size: 11
                     tint: row.palette.textTertiary
                 }
             }
@@ -125,9 +125,9 @@ Item {
                             objectName: "favouriteButton"
                             pressScale: 1
                             opacity: pressed ? 0.6 : 1
-                            contentItem: SymbolIcon {
+                            contentItem: Symbol {
                                 symbol: row.favourite ? "star.fill" : "star"
-                                pointSize: 12
+                                size: 12
                                 tint: row.favourite ? row.palette.accent : row.palette.textTertiary
                                 scale: row.favourite ? 1.08 : 1
                                 Behavior on scale {
@@ -143,9 +143,9 @@ Item {
                             objectName: "muteButton"
                             pressScale: 1
                             opacity: pressed ? 0.6 : 1
-                            contentItem: SymbolIcon {
+                            contentItem: Symbol {
                                 symbol: row.muted ? "speaker.slash.fill" : "speaker.wave.2"
-                                pointSize: 12
+                                size: 12
                                 tint: row.palette.textSecondary
                             }
                             onClicked: row.manager.setMuted(row.bundleID, !row.muted)
@@ -211,10 +211,10 @@ Item {
                                 font.pointSize: 10.5 * row.pt
                                 color: row.palette.textSecondary
                             }
-                            SymbolIcon {
+                            Symbol {
                                 anchors.verticalCenter: parent.verticalCenter
                                 symbol: "chevron.down"
-                                pointSize: 8
+                                size: 8
                                 tint: row.palette.textSecondary
                                 rotation: row.openPicker === "output" ? 180 : 0
                                 Behavior on rotation {

@@ -103,10 +103,10 @@ Item {
                 anchors.verticalCenter: parent.verticalCenter
                 width: 18
                 height: 18
-                SymbolIcon {
+                Symbol {
                     anchors.centerIn: parent
                     symbol: "chevron.down"
-                    pointSize: 9
+                    size: 9
                     tint: section.palette.textTertiary
                     rotation: section.collapsed ? -90 : 0
                     Behavior on rotation {

@@ -21,10 +21,10 @@ Item {
         width: prompt.width - 32
         spacing: 8
 
-        SymbolIcon {
+        Symbol {
             anchors.horizontalCenter: parent.horizontalCenter
             symbol: "slider.horizontal.3"
-            pointSize: 22
+            size: 22
             tint: prompt.palette.textSecondary
         }
         Column {
@@ -82,11 +82,11 @@ Item {
                     height: 14
                     anchors.verticalCenter: parent.verticalCenter
                 }
-                SymbolIcon {
+                Symbol {
                     visible: !enable.waiting
                     anchors.verticalCenter: parent.verticalCenter
                     symbol: "waveform"
-                    pointSize: 11
+                    size: 11
                     tint: "white"
                 }
                 Text {
