@@ -2,6 +2,7 @@
 
 #include "platform/AudioHardware.h"
 #include "platform/pulse/PulseConnection.h"
+#include "platform/pulse/PulseStreamHomes.h"
 
 #include <pulse/volume.h>
 
@@ -21,9 +22,11 @@ QString sinkNameOf(const PulseMirror& mirror, std::uint32_t index) {
 
 } // namespace
 
-PulseStreamRouter::PulseStreamRouter(PulseConnection& connection, AudioHardware& hardware)
+PulseStreamRouter::PulseStreamRouter(PulseConnection& connection, AudioHardware& hardware,
+                                     PulseStreamHomes& homes)
     : m_connection(connection)
-    , m_hardware(hardware) {}
+    , m_hardware(hardware)
+    , m_homes(homes) {}
 
 PulseStreamRouter::~PulseStreamRouter() {
     stop();
@@ -109,7 +112,8 @@ void PulseStreamRouter::takeNewStreams() {
         return taken;
     });
     for (const Taken& stream : found) {
-        m_originalSinks[stream.index] = stream.sink;
+        m_homes.take(stream.index, stream.sink, this);
+        m_originalSinks[stream.index] = m_homes.home(stream.index);
         m_connection.moveSinkInput(stream.index, m_target);
         writeGain(stream.index, stream.channels);
     }
@@ -128,6 +132,9 @@ void PulseStreamRouter::stop() {
         });
     QStringList backToDefault; // restore entries of the streams that now follow the default
     for (const auto& [index, original] : m_originalSinks) {
+        if (!m_homes.holds(index, this))
+            continue; // handed over to a tap, which lets it go itself
+        m_homes.forget(index);
         const auto stream = streams.find(index);
         if (stream == streams.end())
             continue;
