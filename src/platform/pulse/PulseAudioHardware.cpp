@@ -658,7 +658,7 @@ OSStatus PulseAudioHardware::createTapAggregate(const QVariantMap& description,
     outDeviceID =
         m_ids.idFor(Kind::TapAggregate, description.value(kAudioAggregateDeviceUIDKey).toString());
     m_tapAggregates[outDeviceID] =
-        std::make_unique<PulseTapAggregate>(tap->first, tap->second->monitorName(), destinations);
+        std::make_unique<PulseTapAggregate>(tap->first, tap->second->sinkName(), destinations);
     return kAudioHardwareNoError;
 }
 

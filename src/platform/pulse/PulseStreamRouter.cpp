@@ -114,8 +114,9 @@ void PulseStreamRouter::takeNewStreams() {
     for (const Taken& stream : found) {
         m_homes.take(stream.index, stream.sink, this);
         m_originalSinks[stream.index] = m_homes.home(stream.index);
-        m_connection.moveSinkInput(stream.index, m_target);
+        // The gain first, so that the stream is never heard at its old volume on the target.
         writeGain(stream.index, stream.channels);
+        m_connection.moveSinkInput(stream.index, m_target);
     }
 }
 

@@ -32,7 +32,7 @@ public:
     // Loads the sink and waits for it (at most the connection's bound).
     OSStatus create();
     const QUuid& uuid() const { return m_uuid; }
-    QString monitorName() const { return m_sinkName + QStringLiteral(".monitor"); }
+    const QString& sinkName() const { return m_sinkName; }
     // Takes the processes' streams now and whenever new ones appear.
     void engage();
 

@@ -3,6 +3,7 @@
 #include "platform/pulse/PulseConnection.h"
 
 #include <pulse/context.h>
+#include <pulse/introspect.h>
 #include <pulse/proplist.h>
 #include <pulse/stream.h>
 #include <pulse/thread-mainloop.h>
@@ -52,10 +53,10 @@ std::uint32_t bytesOf(std::uint32_t milliseconds) {
 
 } // namespace
 
-PulseTapAggregate::PulseTapAggregate(AudioObjectID tapID, const QString& monitorSource,
+PulseTapAggregate::PulseTapAggregate(AudioObjectID tapID, const QString& tapSink,
                                      const QStringList& destinationSinks)
     : m_tapID(tapID)
-    , m_monitorSource(monitorSource)
+    , m_tapSink(tapSink)
     , m_destinationSinks(destinationSinks) {}
 
 PulseTapAggregate::~PulseTapAggregate() {
@@ -79,7 +80,21 @@ OSStatus PulseTapAggregate::start() {
         stop();
         return kAudioHardwareNotRunningError;
     }
+    restartTapClock();
     return kAudioHardwareNoError;
+}
+
+// A null sink nobody asked for low latency renders up to 2 s ahead as soon as it exists, and its
+// monitor then stays silent for that long even once the record stream asks for 10 ms. Resuming
+// from a suspend starts its clock afresh, at the latency asked for now.
+void PulseTapAggregate::restartTapClock() {
+    const QByteArray sink = m_tapSink.toUtf8();
+    pa_threaded_mainloop_lock(m_mainloop);
+    for (int suspend : {1, 0})
+        if (pa_operation* operation = pa_context_suspend_sink_by_name(m_context, sink.constData(),
+                                                                      suspend, nullptr, nullptr))
+            pa_operation_unref(operation);
+    pa_threaded_mainloop_unlock(m_mainloop);
 }
 
 bool PulseTapAggregate::connectStreams() {
@@ -93,7 +108,9 @@ bool PulseTapAggregate::connectStreams() {
             break;
         }
         m_playback.push_back(stream);
-        const pa_buffer_attr attributes{std::uint32_t(-1), bytesOf(kTargetMs), std::uint32_t(-1),
+        // Playback starts with the first fragment (0 would never start it): a switch into boost
+        // is then silent for little more than one fragment.
+        const pa_buffer_attr attributes{std::uint32_t(-1), bytesOf(kTargetMs), bytesOf(kFragmentMs),
                                         std::uint32_t(-1), std::uint32_t(-1)};
         connected = connected &&
                     pa_stream_connect_playback(
@@ -108,7 +125,8 @@ bool PulseTapAggregate::connectStreams() {
         const pa_buffer_attr attributes{std::uint32_t(-1), std::uint32_t(-1), std::uint32_t(-1),
                                         std::uint32_t(-1), bytesOf(kFragmentMs)};
         connected = pa_stream_connect_record(
-                        m_record, m_monitorSource.toUtf8().constData(), &attributes,
+                        m_record, (m_tapSink + QStringLiteral(".monitor")).toUtf8().constData(),
+                        &attributes,
                         pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE)) == 0;
     }
     pa_threaded_mainloop_unlock(m_mainloop);

@@ -26,7 +26,8 @@ public:
     static constexpr std::uint32_t kFragmentMs = 10;
     static constexpr std::uint32_t kTargetMs = 30;
 
-    PulseTapAggregate(AudioObjectID tapID, const QString& monitorSource,
+    // Reads the monitor of `tapSink`.
+    PulseTapAggregate(AudioObjectID tapID, const QString& tapSink,
                       const QStringList& destinationSinks);
     ~PulseTapAggregate();
     PulseTapAggregate(const PulseTapAggregate&) = delete;
@@ -50,9 +51,10 @@ private:
     // Main thread.
     bool connectStreams();
     bool waitUntilReady();
+    void restartTapClock();
 
     const AudioObjectID m_tapID;
-    const QString m_monitorSource;
+    const QString m_tapSink;
     const QStringList m_destinationSinks;
     AudioDeviceIOBlock m_block;
     pa_threaded_mainloop* m_mainloop = nullptr;
