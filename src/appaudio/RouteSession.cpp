@@ -70,19 +70,26 @@ RouteSession::~RouteSession() {
 
 bool RouteSession::start() {
     // Ondril's own aggregates cannot be sub-devices of another.
-    QStringList destinations;
+    m_destinations.clear();
     for (const QString& uid : m_destinationUIDs)
         if (!uid.startsWith(GroupManager::groupUIDPrefix))
-            destinations.append(uid);
-    if (destinations.isEmpty())
+            m_destinations.append(uid);
+    if (m_destinations.isEmpty())
         return false;
 
-    if (auto router = m_hardware.makeAppStreamRouter()) {
-        m_router = std::move(router);
-        return m_router->start(m_bundleID, pids(), destinations,
-                               m_gain->value.load(std::memory_order_relaxed));
-    }
+    m_router = m_hardware.makeAppStreamRouter();
+    const bool boost = m_gain->boost.load(std::memory_order_relaxed);
+    m_running = m_router && !boost ? startRouted() : startTapped();
+    return m_running;
+}
 
+bool RouteSession::startRouted() {
+    m_routed = m_router->start(m_bundleID, pids(), m_destinations,
+                               m_gain->value.load(std::memory_order_relaxed));
+    return m_routed;
+}
+
+bool RouteSession::startTapped() {
     CATapDescription tap;
     tap.processes = m_processObjects;
     tap.isMixdown = true;
@@ -96,18 +103,18 @@ bool RouteSession::start() {
     if (status != kAudioHardwareNoError || tapID == kAudioObjectUnknown) {
         qCCritical(lcRouteSession, "process tap failed (%d) for %s", int(status),
                    qUtf8Printable(m_bundleID));
-        stop();
+        stopTapped();
         return false;
     }
     m_tapID = tapID;
 
     AudioObjectID aggID = kAudioObjectUnknown;
     status = m_hardware.AudioHardwareCreateAggregateDevice(
-        aggregateDescription(m_bundleID, destinations, tap.uuid), aggID);
+        aggregateDescription(m_bundleID, m_destinations, tap.uuid), aggID);
     if (status != kAudioHardwareNoError || aggID == kAudioObjectUnknown) {
         qCCritical(lcRouteSession, "aggregate create failed (%d) for %s", int(status),
                    qUtf8Printable(m_bundleID));
-        stop();
+        stopTapped();
         return false;
     }
     m_aggID = aggID;
@@ -121,7 +128,7 @@ bool RouteSession::start() {
     if (status != kAudioHardwareNoError || procID == 0) {
         qCCritical(lcRouteSession, "IOProc create failed (%d) for %s", int(status),
                    qUtf8Printable(m_bundleID));
-        stop();
+        stopTapped();
         return false;
     }
     m_procID = procID;
@@ -133,8 +140,36 @@ bool RouteSession::start() {
 void RouteSession::setGain(float value, bool boost) {
     m_gain->value.store(value, std::memory_order_relaxed);
     m_gain->boost.store(boost, std::memory_order_relaxed);
-    if (m_router)
+    if (!m_running || !m_router)
+        return;
+    if (boost && m_routed)
+        switchToTapped();
+    else if (!boost && !m_routed)
+        switchToRouted();
+    else if (m_routed)
         m_router->setGain(value);
+}
+
+// The tapped path runs before the tap takes the streams from the router, which then lets go only
+// of what it still holds: the application is never heard twice, and silent for no longer than
+// the path's latency. Should the tapped path fail, the router keeps playing at unity.
+void RouteSession::switchToTapped() {
+    if (!startTapped()) {
+        stopTapped();
+        m_router->setGain(m_gain->value.load(std::memory_order_relaxed));
+        return;
+    }
+    m_router->stop();
+    m_routed = false;
+}
+
+// The procedure stops first, dropping what it had queued, so that nothing plays twice; the
+// router then takes the streams out of the tap, which lets go only of what it still holds.
+void RouteSession::switchToRouted() {
+    if (m_procID && m_aggID != kAudioObjectUnknown)
+        m_hardware.AudioDeviceStop(m_aggID, *m_procID);
+    startRouted();
+    stopTapped();
 }
 
 std::vector<std::int32_t> RouteSession::pids() const {
@@ -153,10 +188,15 @@ std::vector<std::int32_t> RouteSession::pids() const {
 }
 
 void RouteSession::stop() {
-    if (m_router) {
+    m_running = false;
+    if (m_routed)
         m_router->stop();
-        m_router.reset();
-    }
+    m_routed = false;
+    m_router.reset();
+    stopTapped();
+}
+
+void RouteSession::stopTapped() {
     // The procedure first, then the aggregate that runs it, then the tap it reads.
     if (m_procID) {
         if (m_aggID != kAudioObjectUnknown) {

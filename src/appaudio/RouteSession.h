@@ -16,10 +16,11 @@ Q_DECLARE_LOGGING_CATEGORY(lcRouteSession)
 // Takes one application's audio away from where it was going and plays it, with a gain, to a list
 // of outputs: a process tap that captures the application and mutes its normal output, a private
 // aggregate with the tap as input and the destinations as output, and an IO procedure that copies
-// input to output on the real-time thread. On a service that offers an AppStreamRouter instead
-// (a sound server whose own stream controls do the job), the router plays the application's
-// streams with the gain and no audio passes through Ondril. No policy: AppAudioManager decides
-// when one exists.
+// input to output on the real-time thread. On a service that also offers an AppStreamRouter (a
+// sound server whose own stream controls do the job), the router plays the application's
+// streams while no limiter is needed, and no audio passes through Ondril; a boost runs through
+// the tap, and a gain that crosses unity while the session runs switches between the two. No
+// policy: AppAudioManager decides when one exists.
 class RouteSession {
 public:
     static inline const QString uidPrefix = QStringLiteral("com.kestrivane.ondril.group.app.");
@@ -54,6 +55,11 @@ public:
 
 private:
     std::vector<std::int32_t> pids() const; // of the process objects
+    bool startTapped();
+    void stopTapped();
+    bool startRouted();
+    void switchToTapped();
+    void switchToRouted();
 
     AudioHardware& m_hardware;
     const QString m_bundleID;
@@ -62,6 +68,9 @@ private:
     AudioObjectID m_tapID = kAudioObjectUnknown;
     AudioObjectID m_aggID = kAudioObjectUnknown;
     std::optional<AudioDeviceIOProcID> m_procID;
-    std::unique_ptr<AppStreamRouter> m_router;
+    QStringList m_destinations; // without Ondril's own aggregates, once started
+    bool m_running = false;
+    std::unique_ptr<AppStreamRouter> m_router; // when the service offers one
+    bool m_routed = false;                     // the router plays the streams
     const std::shared_ptr<GainBox> m_gain = std::make_shared<GainBox>();
 };

@@ -78,7 +78,7 @@ public:
     virtual OSStatus AudioDeviceStart(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
     virtual OSStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) = 0;
 
-    // Per-app audio through the service's own stream controls, for a service whose process taps
-    // cannot do it; nullptr where they can.
+    // Per-app audio through the service's own stream controls, for sessions that need no limiter,
+    // so that no audio passes through Ondril; nullptr where taps serve every session.
     virtual std::unique_ptr<AppStreamRouter> makeAppStreamRouter() { return nullptr; }
 };

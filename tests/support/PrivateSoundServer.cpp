@@ -477,8 +477,10 @@ std::optional<double> PrivateSoundServer::recordLevel(const QString& sink, int m
     process.start(QStringLiteral("parecord"),
                   {QStringLiteral("--device=") + sink + QStringLiteral(".monitor"),
                    QStringLiteral("--raw"), QStringLiteral("--format=s16le"),
-                   QStringLiteral("--channels=1"), QStringLiteral("--rate=44100"),
-                   QStringLiteral("--latency-msec=20"), recording});
+                   // One channel as it is: PipeWire mixes stereo down to mono at -3 dB, and
+                   // clips what is louder than full scale then.
+                   QStringLiteral("--channels=1"), QStringLiteral("--channel-map=front-left"),
+                   QStringLiteral("--rate=44100"), QStringLiteral("--latency-msec=20"), recording});
     if (!process.waitForStarted(3000))
         return std::nullopt;
     // Count from the first bytes on: connecting can take longer than the window itself.

@@ -3,6 +3,8 @@
 #include "platform/pulse/PulseConnection.h"
 #include "platform/pulse/PulseModuleArguments.h"
 #include "platform/pulse/PulseStreamRouter.h"
+#include "platform/pulse/PulseTap.h"
+#include "platform/pulse/PulseTapAggregate.h"
 
 #include <pulse/volume.h>
 
@@ -65,6 +67,7 @@ std::unique_ptr<PulseAudioHardware> PulseAudioHardware::connect(int timeoutMs, A
     if (!connection->open(timeoutMs) && absent == Absent::Fail)
         return nullptr;
     PulseStreamRouter::clearLeftovers(*connection); // per-app audio
+    PulseTap::clearLeftovers(*connection);
     return std::unique_ptr<PulseAudioHardware>(new PulseAudioHardware(std::move(connection)));
 }
 
@@ -74,7 +77,11 @@ PulseAudioHardware::PulseAudioHardware(std::unique_ptr<PulseConnection> connecti
                      &PulseAudioHardware::deliver);
 }
 
-PulseAudioHardware::~PulseAudioHardware() = default;
+PulseAudioHardware::~PulseAudioHardware() {
+    // Aggregates read the taps: they go first.
+    m_tapAggregates.clear();
+    m_taps.clear();
+}
 
 QString PulseAudioHardware::backendName() const {
     return isPipeWire() ? QStringLiteral("pipewire") : QStringLiteral("pulse");
@@ -123,7 +130,8 @@ OSStatus PulseAudioHardware::AudioObjectGetPropertyData(AudioObjectID objectID,
             auto [sinks, sources] = m_connection->readMirror([](const PulseMirror& mirror) {
                 QStringList sinkNames, sourceNames;
                 for (const auto* sink : mirror.sinksInServerOrder())
-                    if (!sink->name.startsWith(PulseStreamRouter::sinkPrefix)) // per-app audio
+                    if (!sink->name.startsWith(PulseStreamRouter::sinkPrefix) && // per-app audio
+                        !sink->name.startsWith(PulseTap::sinkPrefix))
                         sinkNames.append(sink->name);
                 for (const auto* source : mirror.sourcesInServerOrder())
                     sourceNames.append(source->name);
@@ -236,7 +244,7 @@ OSStatus PulseAudioHardware::readDevice(const PulseRecords::Device& device, Kind
 // --- Per-app audio ---
 
 std::unique_ptr<AppStreamRouter> PulseAudioHardware::makeAppStreamRouter() {
-    return std::make_unique<PulseStreamRouter>(*m_connection, *this);
+    return std::make_unique<PulseStreamRouter>(*m_connection, *this, m_homes);
 }
 
 std::optional<ProcRunningApplications::StreamIdentity>
@@ -456,6 +464,8 @@ void PulseAudioHardware::deliver(const PulseMirror::Notices& notices) {
 
 OSStatus PulseAudioHardware::AudioHardwareCreateAggregateDevice(const QVariantMap& description,
                                                                 AudioObjectID& outDeviceID) {
+    if (!description.value(kAudioAggregateDeviceTapListKey).toList().isEmpty())
+        return createTapAggregate(description, outDeviceID);
     const QString uid = description.value(kAudioAggregateDeviceUIDKey).toString();
     const QString name = description.value(kAudioAggregateDeviceNameKey).toString();
     const QString master = description.value(kAudioAggregateDeviceMainSubDeviceKey).toString();
@@ -535,6 +545,8 @@ QString PulseAudioHardware::standInSink(const QString& leaving) const {
 }
 
 OSStatus PulseAudioHardware::AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID) {
+    if (m_tapAggregates.erase(deviceID))
+        return kAudioHardwareNoError;
     const auto name = nameOf(deviceID, Kind::Sink);
     if (!name)
         return kAudioHardwareBadDeviceError;
@@ -602,28 +614,96 @@ void PulseAudioHardware::removeAbandonedAggregates() {
     }
 }
 
-OSStatus PulseAudioHardware::AudioHardwareCreateProcessTap(const CATapDescription&,
-                                                           AudioObjectID&) {
-    return kAudioHardwareUnsupportedOperationError;
+OSStatus PulseAudioHardware::AudioHardwareCreateProcessTap(const CATapDescription& description,
+                                                           AudioObjectID& outTapID) {
+    // Only what per-app sessions ask for: a stereo mixdown of processes, muted while tapped.
+    if (!description.isMixdown || description.uuid.isNull() ||
+        description.muteBehavior != CATapMuteBehavior::CATapMutedWhenTapped)
+        return kAudioHardwareUnsupportedOperationError;
+    std::vector<std::int32_t> pids;
+    for (AudioObjectID process : description.processes)
+        if (const auto object = m_ids.lookup(process); object && object->first == Kind::Process)
+            pids.push_back(object->second.toInt());
+    auto tap = std::make_unique<PulseTap>(*m_connection, *this, m_homes, description.uuid, pids);
+    if (const OSStatus status = tap->create(); status != kAudioHardwareNoError)
+        return status; // the tap's destruction unloads what did load
+    outTapID = m_ids.idFor(Kind::Tap, description.uuid.toString());
+    m_taps[outTapID] = std::move(tap);
+    return kAudioHardwareNoError;
 }
 
-OSStatus PulseAudioHardware::AudioHardwareDestroyProcessTap(AudioObjectID) {
-    return kAudioHardwareUnsupportedOperationError;
+OSStatus PulseAudioHardware::AudioHardwareDestroyProcessTap(AudioObjectID tapID) {
+    return m_taps.erase(tapID) ? kAudioHardwareNoError : kAudioHardwareBadObjectError;
 }
 
-OSStatus PulseAudioHardware::AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID&, AudioObjectID,
-                                                                AudioDeviceIOBlock) {
-    return kAudioHardwareUnsupportedOperationError;
+// A private aggregate of one tap and its destinations: every destination gets a playback stream
+// of its own, so "stacked" and the clock master need nothing further.
+OSStatus PulseAudioHardware::createTapAggregate(const QVariantMap& description,
+                                                AudioObjectID& outDeviceID) {
+    const QVariantList taps = description.value(kAudioAggregateDeviceTapListKey).toList();
+    const QUuid tapUUID(taps.first().toMap().value(kAudioSubTapUIDKey).toString());
+    const auto tap = std::find_if(m_taps.begin(), m_taps.end(), [&](const auto& entry) {
+        return entry.second->uuid() == tapUUID;
+    });
+    QStringList destinations;
+    for (const QVariant& subdevice :
+         description.value(kAudioAggregateDeviceSubDeviceListKey).toList())
+        destinations.append(subdevice.toMap().value(kAudioSubDeviceUIDKey).toString());
+    const bool present = m_connection->readMirror([&](const PulseMirror& mirror) {
+        return std::all_of(destinations.begin(), destinations.end(),
+                           [&](const QString& sink) { return mirror.sink(sink) != nullptr; });
+    });
+    if (taps.size() != 1 || tap == m_taps.end() || destinations.isEmpty() || !present)
+        return kAudioHardwareBadDeviceError;
+    outDeviceID =
+        m_ids.idFor(Kind::TapAggregate, description.value(kAudioAggregateDeviceUIDKey).toString());
+    m_tapAggregates[outDeviceID] =
+        std::make_unique<PulseTapAggregate>(tap->first, tap->second->sinkName(), destinations);
+    return kAudioHardwareNoError;
 }
 
-OSStatus PulseAudioHardware::AudioDeviceDestroyIOProcID(AudioObjectID, AudioDeviceIOProcID) {
-    return kAudioHardwareUnsupportedOperationError;
+OSStatus PulseAudioHardware::AudioDeviceCreateIOProcIDWithBlock(AudioDeviceIOProcID& outProcID,
+                                                                AudioObjectID deviceID,
+                                                                AudioDeviceIOBlock block) {
+    const auto aggregate = m_tapAggregates.find(deviceID);
+    if (aggregate == m_tapAggregates.end())
+        return kAudioHardwareBadDeviceError;
+    if (aggregate->second->hasBlock())
+        return kAudioHardwareIllegalOperationError;
+    aggregate->second->setBlock(std::move(block));
+    outProcID = 1; // one procedure per aggregate
+    return kAudioHardwareNoError;
 }
 
-OSStatus PulseAudioHardware::AudioDeviceStart(AudioObjectID, AudioDeviceIOProcID) {
-    return kAudioHardwareUnsupportedOperationError;
+OSStatus PulseAudioHardware::AudioDeviceDestroyIOProcID(AudioObjectID deviceID,
+                                                        AudioDeviceIOProcID) {
+    const auto aggregate = m_tapAggregates.find(deviceID);
+    if (aggregate == m_tapAggregates.end())
+        return kAudioHardwareBadDeviceError;
+    aggregate->second->stop();
+    aggregate->second->setBlock({});
+    return kAudioHardwareNoError;
 }
 
-OSStatus PulseAudioHardware::AudioDeviceStop(AudioObjectID, AudioDeviceIOProcID) {
-    return kAudioHardwareUnsupportedOperationError;
+// The streams run before the tap takes the application's audio, so that the switch from the
+// server's own controls leaves no gap longer than the path's latency.
+OSStatus PulseAudioHardware::AudioDeviceStart(AudioObjectID deviceID, AudioDeviceIOProcID) {
+    const auto aggregate = m_tapAggregates.find(deviceID);
+    if (aggregate == m_tapAggregates.end())
+        return kAudioHardwareBadDeviceError;
+    const auto tap = m_taps.find(aggregate->second->tapID());
+    if (tap == m_taps.end())
+        return kAudioHardwareBadObjectError;
+    if (const OSStatus status = aggregate->second->start(); status != kAudioHardwareNoError)
+        return status;
+    tap->second->engage();
+    return kAudioHardwareNoError;
+}
+
+OSStatus PulseAudioHardware::AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID) {
+    const auto aggregate = m_tapAggregates.find(deviceID);
+    if (aggregate == m_tapAggregates.end())
+        return kAudioHardwareBadDeviceError;
+    aggregate->second->stop();
+    return kAudioHardwareNoError;
 }

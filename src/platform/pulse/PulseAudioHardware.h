@@ -4,6 +4,7 @@
 #include "platform/linux/ProcRunningApplications.h"
 #include "platform/pulse/PulseMirror.h"
 #include "platform/pulse/PulseObjectIds.h"
+#include "platform/pulse/PulseStreamHomes.h"
 
 #include <QSet>
 
@@ -11,6 +12,8 @@
 #include <memory>
 
 class PulseConnection;
+class PulseTap;
+class PulseTapAggregate;
 
 // The audio service realised on a PulseAudio or PipeWire (pipewire-pulse) server through libpulse.
 // Output devices are sinks, input devices are non-monitor sources, aggregates are
@@ -52,8 +55,9 @@ public:
     OSStatus AudioHardwareCreateAggregateDevice(const QVariantMap& description,
                                                 AudioObjectID& outDeviceID) override;
     OSStatus AudioHardwareDestroyAggregateDevice(AudioObjectID deviceID) override;
-    // Taps and IO procedures are not realised on the sound server: they answer
-    // kAudioHardwareUnsupportedOperationError; per-app sessions use makeAppStreamRouter().
+    // A tap is a private null sink its processes' streams move into once an aggregate reads it;
+    // an aggregate that names a tap is no combined sink but a PulseTapAggregate, whose IO block
+    // runs on a connection of its own.
     OSStatus AudioHardwareCreateProcessTap(const CATapDescription& description,
                                            AudioObjectID& outTapID) override;
     OSStatus AudioHardwareDestroyProcessTap(AudioObjectID tapID) override;
@@ -66,7 +70,7 @@ public:
     OSStatus AudioDeviceStop(AudioObjectID deviceID, AudioDeviceIOProcID procID) override;
 
     // --- Per-app audio ---
-    // Sessions with the server's own stream controls: taps are not realised here.
+    // Sessions with the server's own stream controls, for gains the server can play as they are.
     std::unique_ptr<AppStreamRouter> makeAppStreamRouter() override;
     // What the playback streams of `pid` say of their application: the first stream with an
     // application.id, else the first with any identity; nullopt when the pid plays nothing.
@@ -98,10 +102,14 @@ private:
     void deliver(const PulseMirror::Notices& notices);
     // Unloads the combined sinks whose creation or removal timed out, once the server shows them.
     void removeAbandonedAggregates();
+    OSStatus createTapAggregate(const QVariantMap& description, AudioObjectID& outDeviceID);
 
     std::unique_ptr<PulseConnection> m_connection;
     mutable PulseObjectIds m_ids; // handing out an id on first sight is not a change of state
     std::map<AudioObjectPropertyListenerToken, Listener> m_listeners;
     AudioObjectPropertyListenerToken m_nextToken = 1;
     QSet<QString> m_abandoned; // UIDs of combined sinks that must not outlive a stall
+    PulseStreamHomes m_homes;  // shared by the stream routers and the taps
+    std::map<AudioObjectID, std::unique_ptr<PulseTap>> m_taps;
+    std::map<AudioObjectID, std::unique_ptr<PulseTapAggregate>> m_tapAggregates;
 };

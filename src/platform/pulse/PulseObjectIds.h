@@ -14,7 +14,7 @@
 // across reconnections; ids are never reused. Main thread only.
 class PulseObjectIds {
 public:
-    enum class Kind { Sink, Source, Process };
+    enum class Kind { Sink, Source, Process, Tap, TapAggregate };
     static constexpr AudioObjectID kFirstID = 100;
 
     AudioObjectID idFor(Kind kind, const QString& name);

@@ -2,6 +2,7 @@
 
 #include "platform/AudioHardware.h"
 #include "platform/pulse/PulseConnection.h"
+#include "platform/pulse/PulseStreamHomes.h"
 
 #include <pulse/volume.h>
 
@@ -21,9 +22,11 @@ QString sinkNameOf(const PulseMirror& mirror, std::uint32_t index) {
 
 } // namespace
 
-PulseStreamRouter::PulseStreamRouter(PulseConnection& connection, AudioHardware& hardware)
+PulseStreamRouter::PulseStreamRouter(PulseConnection& connection, AudioHardware& hardware,
+                                     PulseStreamHomes& homes)
     : m_connection(connection)
-    , m_hardware(hardware) {}
+    , m_hardware(hardware)
+    , m_homes(homes) {}
 
 PulseStreamRouter::~PulseStreamRouter() {
     stop();
@@ -109,9 +112,11 @@ void PulseStreamRouter::takeNewStreams() {
         return taken;
     });
     for (const Taken& stream : found) {
-        m_originalSinks[stream.index] = stream.sink;
-        m_connection.moveSinkInput(stream.index, m_target);
+        m_homes.take(stream.index, stream.sink, this);
+        m_originalSinks[stream.index] = m_homes.home(stream.index);
+        // The gain first, so that the stream is never heard at its old volume on the target.
         writeGain(stream.index, stream.channels);
+        m_connection.moveSinkInput(stream.index, m_target);
     }
 }
 
@@ -128,6 +133,9 @@ void PulseStreamRouter::stop() {
         });
     QStringList backToDefault; // restore entries of the streams that now follow the default
     for (const auto& [index, original] : m_originalSinks) {
+        if (!m_homes.holds(index, this))
+            continue; // handed over to a tap, which lets it go itself
+        m_homes.forget(index);
         const auto stream = streams.find(index);
         if (stream == streams.end())
             continue;

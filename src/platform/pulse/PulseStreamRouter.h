@@ -12,6 +12,7 @@ Q_DECLARE_LOGGING_CATEGORY(lcPulseStreamRouter)
 
 class AudioHardware;
 class PulseConnection;
+class PulseStreamHomes;
 
 // One application's sink-inputs on a PulseAudio or PipeWire server: stream volume and mute for
 // the gain, a move to the destination, or to a private module-combine-sink named
@@ -22,8 +23,10 @@ class PulseStreamRouter : public AppStreamRouter {
 public:
     static inline const QString sinkPrefix = QStringLiteral("com.kestrivane.ondril.group.app.");
 
-    // `hardware` makes the combined sink and delivers the server's stream events.
-    PulseStreamRouter(PulseConnection& connection, AudioHardware& hardware);
+    // `hardware` makes the combined sink and delivers the server's stream events; `homes` keeps
+    // where each stream played before Ondril, across a hand-over to a tap and back.
+    PulseStreamRouter(PulseConnection& connection, AudioHardware& hardware,
+                      PulseStreamHomes& homes);
     ~PulseStreamRouter() override;
     PulseStreamRouter(const PulseStreamRouter&) = delete;
     PulseStreamRouter& operator=(const PulseStreamRouter&) = delete;
@@ -42,6 +45,7 @@ private:
 
     PulseConnection& m_connection;
     AudioHardware& m_hardware;
+    PulseStreamHomes& m_homes;
     std::vector<std::int32_t> m_pids;
     QString m_target; // the sink the streams play to
     std::optional<AudioObjectID> m_combined;

@@ -1,0 +1,167 @@
+#include "platform/pulse/PulseTap.h"
+
+#include "platform/AudioHardware.h"
+#include "platform/pulse/PulseConnection.h"
+#include "platform/pulse/PulseStreamHomes.h"
+
+#include <pulse/volume.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <unistd.h>
+
+namespace {
+
+QString sinkNameOf(const PulseMirror& mirror, std::uint32_t index) {
+    for (const auto* sink : mirror.sinksInServerOrder())
+        if (sink->index == index)
+            return sink->name;
+    return {};
+}
+
+bool isRunning(std::int32_t pid) {
+    return pid > 0 && (::kill(pid, 0) == 0 || errno == EPERM);
+}
+
+void playAtUnity(PulseConnection& connection, std::uint32_t index, std::uint32_t channels) {
+    connection.setSinkInputVolume(index, std::vector<std::uint32_t>(channels, PA_VOLUME_NORM));
+    connection.setSinkInputMute(index, false);
+}
+
+} // namespace
+
+PulseTap::PulseTap(PulseConnection& connection, AudioHardware& hardware, PulseStreamHomes& homes,
+                   const QUuid& uuid, std::vector<std::int32_t> pids)
+    : m_connection(connection)
+    , m_hardware(hardware)
+    , m_homes(homes)
+    , m_uuid(uuid)
+    , m_sinkName(sinkPrefix + uuid.toString(QUuid::WithoutBraces))
+    , m_pids(std::move(pids)) {}
+
+PulseTap::~PulseTap() {
+    release();
+}
+
+OSStatus PulseTap::create() {
+    // One property only, so that the line needs no quoting on either server.
+    const QString argument = QStringLiteral("sink_name=%1 format=float32le rate=48000 channels=2 "
+                                            "sink_properties=%2=%3")
+                                 .arg(m_sinkName, QLatin1String(PulseRecords::kOwnerPidProperty))
+                                 .arg(::getpid());
+    std::uint32_t module = PulseRecords::kInvalidIndex;
+    OSStatus status = m_connection.loadModule(QStringLiteral("module-null-sink"), argument, module);
+    if (status != kAudioHardwareNoError)
+        return status;
+    m_module = module;
+    // PipeWire answers the load before the sink exists.
+    return m_connection.waitForMirror(
+        [this](const PulseMirror& mirror) { return mirror.sink(m_sinkName) != nullptr; });
+}
+
+void PulseTap::engage() {
+    if (m_listener)
+        return;
+    AudioObjectPropertyListenerToken token = 0;
+    if (m_hardware.AudioObjectAddPropertyListenerBlock(
+            kAudioObjectSystemObject,
+            {kAudioHardwarePropertyProcessObjectList, kAudioObjectPropertyScopeGlobal,
+             kAudioObjectPropertyElementMain},
+            [this](const auto&) { takeNewStreams(); }, token) == kAudioHardwareNoError)
+        m_listener = token;
+    takeNewStreams();
+}
+
+void PulseTap::takeNewStreams() {
+    struct Found {
+        std::uint32_t index;
+        std::uint32_t channels;
+        QString sink;
+    };
+    const auto found = m_connection.readMirror([this](const PulseMirror& mirror) {
+        std::vector<Found> found;
+        const auto* tapSink = mirror.sink(m_sinkName);
+        if (!tapSink)
+            return found;
+        for (const auto& [index, stream] : mirror.streams()) {
+            // A stream taken once and moved away since belongs to whoever moved it.
+            if (stream.sink == PulseRecords::kInvalidIndex || stream.sink == tapSink->index ||
+                m_taken.count(index) ||
+                std::find(m_pids.begin(), m_pids.end(), stream.pid) == m_pids.end())
+                continue;
+            found.push_back({index, stream.channels, sinkNameOf(mirror, stream.sink)});
+        }
+        return found;
+    });
+    for (const Found& stream : found) {
+        m_homes.take(stream.index, stream.sink, this);
+        m_taken.insert(stream.index);
+        m_connection.moveSinkInput(stream.index, m_sinkName);
+        // The gain is applied on the way out of the tap.
+        playAtUnity(m_connection, stream.index, stream.channels);
+    }
+}
+
+void PulseTap::release() {
+    if (m_listener) {
+        m_hardware.AudioObjectRemovePropertyListenerBlock(*m_listener);
+        m_listener.reset();
+    }
+    const auto [streams, defaultSink] = m_connection.readMirror([](const PulseMirror& mirror) {
+        return std::make_pair(mirror.streams(), mirror.server().defaultSink);
+    });
+    QStringList backToDefault;
+    for (std::uint32_t index : m_taken) {
+        if (!m_homes.holds(index, this))
+            continue; // handed over to a stream router, which lets it go itself
+        const auto stream = streams.find(index);
+        if (stream != streams.end()) {
+            const QString home = m_homes.home(index);
+            const bool homePresent = m_connection.readMirror(
+                [&home](const PulseMirror& mirror) { return mirror.sink(home) != nullptr; });
+            const QString sink = homePresent ? home : defaultSink;
+            if (!sink.isEmpty())
+                m_connection.moveSinkInput(index, sink);
+            if (sink == defaultSink && !stream->second.restoreID.isEmpty())
+                backToDefault.append(stream->second.restoreID);
+            playAtUnity(m_connection, index, stream->second.channels);
+        }
+        m_homes.forget(index);
+    }
+    m_taken.clear();
+    m_connection.unpinRestoredSinkInputs(defaultSink, backToDefault);
+    if (m_module) {
+        m_connection.unloadModule(*m_module);
+        m_connection.waitForMirror(
+            [this](const PulseMirror& mirror) { return !mirror.sink(m_sinkName); });
+        m_module.reset();
+    }
+}
+
+void PulseTap::clearLeftovers(PulseConnection& connection) {
+    struct Leftover {
+        std::uint32_t module;
+        std::vector<std::uint32_t> streams;
+    };
+    const auto [leftovers, defaultSink] = connection.readMirror([](const PulseMirror& mirror) {
+        std::vector<Leftover> leftovers;
+        for (const auto* sink : mirror.sinksInServerOrder()) {
+            if (!sink->name.startsWith(sinkPrefix) ||
+                sink->ownerModule == PulseRecords::kInvalidIndex || isRunning(sink->ownerPid))
+                continue;
+            Leftover leftover{sink->ownerModule, {}};
+            for (const auto& [index, stream] : mirror.streams())
+                if (stream.sink == sink->index)
+                    leftover.streams.push_back(index);
+            leftovers.push_back(leftover);
+        }
+        return std::make_pair(leftovers, mirror.server().defaultSink);
+    });
+    // The tap kept the streams at unity: on the default they play as without Ondril.
+    for (const Leftover& leftover : leftovers) {
+        for (std::uint32_t stream : leftover.streams)
+            connection.moveSinkInput(stream, defaultSink);
+        connection.unloadModule(leftover.module);
+    }
+}

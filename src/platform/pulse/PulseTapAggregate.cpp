@@ -1,0 +1,230 @@
+#include "platform/pulse/PulseTapAggregate.h"
+
+#include "platform/pulse/PulseConnection.h"
+
+#include <pulse/context.h>
+#include <pulse/introspect.h>
+#include <pulse/proplist.h>
+#include <pulse/stream.h>
+#include <pulse/thread-mainloop.h>
+
+#include <QElapsedTimer>
+#include <QThread>
+
+#include <algorithm>
+
+namespace {
+
+// Larger than any fragment either server hands out for a 10 ms request.
+constexpr std::size_t kChunkFrames = 16384;
+
+const pa_sample_spec kSpec{PA_SAMPLE_FLOAT32LE, PulseTapAggregate::kRate,
+                           PulseTapAggregate::kChannels};
+
+enum class Readiness { Pending, Ready, Failed };
+
+Readiness readinessOf(pa_context* context) {
+    switch (pa_context_get_state(context)) {
+    case PA_CONTEXT_READY:
+        return Readiness::Ready;
+    case PA_CONTEXT_FAILED:
+    case PA_CONTEXT_TERMINATED:
+        return Readiness::Failed;
+    default:
+        return Readiness::Pending;
+    }
+}
+
+Readiness readinessOf(pa_stream* stream) {
+    switch (pa_stream_get_state(stream)) {
+    case PA_STREAM_READY:
+        return Readiness::Ready;
+    case PA_STREAM_FAILED:
+    case PA_STREAM_TERMINATED:
+        return Readiness::Failed;
+    default:
+        return Readiness::Pending;
+    }
+}
+
+std::uint32_t bytesOf(std::uint32_t milliseconds) {
+    return std::uint32_t(pa_usec_to_bytes(pa_usec_t(milliseconds) * 1000, &kSpec));
+}
+
+} // namespace
+
+PulseTapAggregate::PulseTapAggregate(AudioObjectID tapID, const QString& tapSink,
+                                     const QStringList& destinationSinks)
+    : m_tapID(tapID)
+    , m_tapSink(tapSink)
+    , m_destinationSinks(destinationSinks) {}
+
+PulseTapAggregate::~PulseTapAggregate() {
+    stop();
+}
+
+OSStatus PulseTapAggregate::start() {
+    if (!m_block || m_mainloop)
+        return kAudioHardwareIllegalOperationError;
+    m_output.assign(kChunkFrames * kChannels, 0.0f);
+    m_sampleTime = 0;
+    m_mainloop = pa_threaded_mainloop_new();
+    pa_proplist* properties = pa_proplist_new();
+    pa_proplist_sets(properties, PA_PROP_APPLICATION_NAME, "Ondril");
+    m_context = pa_context_new_with_proplist(pa_threaded_mainloop_get_api(m_mainloop), "Ondril",
+                                             properties);
+    pa_proplist_free(properties);
+    if (pa_context_connect(m_context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0 ||
+        pa_threaded_mainloop_start(m_mainloop) < 0 || !waitUntilReady() || !connectStreams() ||
+        !waitUntilReady()) {
+        stop();
+        return kAudioHardwareNotRunningError;
+    }
+    restartTapClock();
+    return kAudioHardwareNoError;
+}
+
+// A null sink nobody asked for low latency renders up to 2 s ahead as soon as it exists, and its
+// monitor then stays silent for that long even once the record stream asks for 10 ms. Resuming
+// from a suspend starts its clock afresh, at the latency asked for now.
+void PulseTapAggregate::restartTapClock() {
+    const QByteArray sink = m_tapSink.toUtf8();
+    pa_threaded_mainloop_lock(m_mainloop);
+    for (int suspend : {1, 0})
+        if (pa_operation* operation = pa_context_suspend_sink_by_name(m_context, sink.constData(),
+                                                                      suspend, nullptr, nullptr))
+            pa_operation_unref(operation);
+    pa_threaded_mainloop_unlock(m_mainloop);
+}
+
+bool PulseTapAggregate::connectStreams() {
+    pa_threaded_mainloop_lock(m_mainloop);
+    bool connected = true;
+    // Playback first: the first captured fragment finds the destinations there.
+    for (const QString& sink : m_destinationSinks) {
+        pa_stream* stream = pa_stream_new(m_context, "Ondril boost", &kSpec, nullptr);
+        if (!stream) {
+            connected = false;
+            break;
+        }
+        m_playback.push_back(stream);
+        // Playback starts with the first fragment (0 would never start it): a switch into boost
+        // is then silent for little more than one fragment.
+        const pa_buffer_attr attributes{std::uint32_t(-1), bytesOf(kTargetMs), bytesOf(kFragmentMs),
+                                        std::uint32_t(-1), std::uint32_t(-1)};
+        connected = connected &&
+                    pa_stream_connect_playback(
+                        stream, sink.toUtf8().constData(), &attributes,
+                        pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
+                                          PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_DONT_MOVE),
+                        nullptr, nullptr) == 0;
+    }
+    m_record = connected ? pa_stream_new(m_context, "Ondril tap", &kSpec, nullptr) : nullptr;
+    if (m_record) {
+        pa_stream_set_read_callback(m_record, &PulseTapAggregate::captured, this);
+        const pa_buffer_attr attributes{std::uint32_t(-1), std::uint32_t(-1), std::uint32_t(-1),
+                                        std::uint32_t(-1), bytesOf(kFragmentMs)};
+        connected = pa_stream_connect_record(
+                        m_record, (m_tapSink + QStringLiteral(".monitor")).toUtf8().constData(),
+                        &attributes,
+                        pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_DONT_MOVE)) == 0;
+    }
+    pa_threaded_mainloop_unlock(m_mainloop);
+    return connected && m_record;
+}
+
+// Polls the context's and the streams' states under the loop's lock, at most the connection's
+// bound: the main thread never waits longer for one action.
+bool PulseTapAggregate::waitUntilReady() {
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < PulseConnection::kOperationTimeoutMs) {
+        pa_threaded_mainloop_lock(m_mainloop);
+        Readiness readiness = readinessOf(m_context);
+        std::vector<pa_stream*> streams = m_playback;
+        if (m_record)
+            streams.push_back(m_record);
+        for (pa_stream* stream : streams)
+            if (readiness == Readiness::Ready)
+                readiness = readinessOf(stream);
+        pa_threaded_mainloop_unlock(m_mainloop);
+        if (readiness != Readiness::Pending)
+            return readiness == Readiness::Ready;
+        QThread::msleep(2);
+    }
+    return false;
+}
+
+void PulseTapAggregate::stop() {
+    if (!m_mainloop)
+        return;
+    pa_threaded_mainloop_lock(m_mainloop);
+    if (m_record) {
+        pa_stream_set_read_callback(m_record, nullptr, nullptr);
+        pa_stream_disconnect(m_record);
+        pa_stream_unref(m_record);
+        m_record = nullptr;
+    }
+    for (pa_stream* stream : m_playback) {
+        pa_stream_disconnect(stream);
+        pa_stream_unref(stream);
+    }
+    m_playback.clear();
+    if (m_context) {
+        pa_context_disconnect(m_context);
+        pa_context_unref(m_context);
+        m_context = nullptr;
+    }
+    pa_threaded_mainloop_unlock(m_mainloop);
+    pa_threaded_mainloop_stop(m_mainloop);
+    pa_threaded_mainloop_free(m_mainloop);
+    m_mainloop = nullptr;
+}
+
+void PulseTapAggregate::captured(pa_stream* stream, std::size_t, void* userdata) {
+    auto* self = static_cast<PulseTapAggregate*>(userdata);
+    while (pa_stream_readable_size(stream) > 0) {
+        const void* data = nullptr;
+        std::size_t bytes = 0;
+        if (pa_stream_peek(stream, &data, &bytes) < 0 || bytes == 0)
+            return;
+        // No data with a length is a hole in the capture: nothing to play.
+        if (data && !self->playbackOverfull())
+            self->play(static_cast<const float*>(data), bytes / (sizeof(float) * kChannels));
+        pa_stream_drop(stream);
+    }
+}
+
+void PulseTapAggregate::play(const float* frames, std::size_t frameCount) {
+    while (frameCount > 0) {
+        const std::size_t chunk = std::min(frameCount, kChunkFrames);
+        const auto bytes = std::uint32_t(chunk * kChannels * sizeof(float));
+        AudioBuffer input{kChannels, bytes, const_cast<float*>(frames)};
+        AudioBuffer output{kChannels, bytes, m_output.data()};
+        const AudioBufferList inputList{1, &input};
+        AudioBufferList outputList{1, &output};
+        m_block(AudioTimeStamp{m_sampleTime, 0}, inputList, outputList);
+        // libpulse copies the chunk into its own shared-memory pool.
+        for (pa_stream* destination : m_playback)
+            if (pa_stream_get_state(destination) == PA_STREAM_READY)
+                pa_stream_write(destination, m_output.data(), bytes, nullptr, 0, PA_SEEK_RELATIVE);
+        m_sampleTime += double(chunk);
+        frames += chunk * kChannels;
+        frameCount -= chunk;
+    }
+}
+
+// What a destination holds beyond the sink's own latency, from the interpolated timing.
+bool PulseTapAggregate::playbackOverfull() const {
+    for (pa_stream* destination : m_playback) {
+        const pa_timing_info* timing = pa_stream_get_timing_info(destination);
+        pa_usec_t latency = 0;
+        int negative = 0;
+        if (!timing || pa_stream_get_latency(destination, &latency, &negative) < 0 || negative)
+            continue;
+        const pa_usec_t buffered = latency > timing->sink_usec ? latency - timing->sink_usec : 0;
+        if (buffered > 2 * pa_usec_t(kTargetMs) * 1000)
+            return true;
+    }
+    return false;
+}

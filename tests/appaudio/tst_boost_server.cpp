@@ -1,0 +1,207 @@
+#include "app/AppSettings.h"
+#include "app/NotificationCenter.h"
+#include "appaudio/AppAudioManager.h"
+#include "appaudio/AppAudioPrefs.h"
+#include "devices/AudioDeviceManager.h"
+#include "groups/GroupManager.h"
+#include "platform/SystemSleepMonitor.h"
+#include "platform/UserDefaults.h"
+#include "platform/linux/ProcRunningApplications.h"
+#include "platform/pulse/PulseAudioHardware.h"
+
+#include "PrivateSoundServer.h"
+#include "TestSupport.h"
+
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <csignal>
+
+// Boost on a real private server: a gain above unity runs the application's audio through
+// Ondril's own path and its limiter, heard on the destinations' monitors, and whatever ends the
+// session (the slider, the application, Ondril's quit or death) leaves the application playing as
+// before. The tone is a 0.5 sine, 0.354 RMS; through the limiter at gain g its RMS is that of
+// tanh(g * 0.5 * sin).
+namespace {
+
+constexpr int kWaitMs = 20000;
+constexpr double kTolerance = 0.01;
+const QString player = QStringLiteral("org.example.Player");
+const QStringList sinks{QStringLiteral("studio_left"), QStringLiteral("studio_right"),
+                        QStringLiteral("airpods")}; // the default first
+const QStringList playerProperties{QStringLiteral("application.id=") + player,
+                                   QStringLiteral("application.name=Player")};
+
+} // namespace
+
+class BoostServerTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void init() {
+        qputenv("XDG_CONFIG_HOME", m_config.path().toUtf8());
+        QString error;
+        m_server = PrivateSoundServer::startFromEnvironment(error);
+        if (!m_server)
+            QFAIL(qPrintable(error));
+        QCOMPARE(m_server->defaultSinkName(), sinks.first());
+    }
+
+    void cleanup() {
+        m_apps.reset();
+        m_groups.reset();
+        m_audio.reset();
+        m_hardware.reset();
+        m_server.reset();
+    }
+
+    void boostIsHeardThroughTheLimiter_data() {
+        QTest::addColumn<QStringList>("routes");
+        QTest::addColumn<QList<double>>("volumes"); // slider positions in turn, the last one heard
+        QTest::addColumn<QList<double>>("levels");  // RMS per sink of `sinks`
+        QTest::newRow("volume 2") << QStringList{} << QList{2.0} << QList{0.575, 0.0, 0.0};
+        QTest::newRow("volume 4 is limited, not clipped")
+            << QStringList{} << QList{4.0} << QList{0.802, 0.0, 0.0};
+        QTest::newRow("two sinks")
+            << QStringList{"studio_right", "airpods"} << QList{2.0} << QList{0.0, 0.575, 0.575};
+        QTest::newRow("into boost while playing")
+            << QStringList{} << QList{0.8, 2.0} << QList{0.575, 0.0, 0.0};
+        QTest::newRow("out of boost while playing")
+            << QStringList{"studio_right"} << QList{2.0, 0.5} << QList{0.0, 0.177, 0.0};
+    }
+
+    void boostIsHeardThroughTheLimiter() {
+        QFETCH(QStringList, routes);
+        QFETCH(QList<double>, volumes);
+        QFETCH(QList<double>, levels);
+        startManager();
+        auto tone = startPlayer();
+        QVERIFY(tone);
+        m_apps->setRoutes(player, routes);
+        const RouteSession* session = nullptr;
+        for (double volume : volumes) {
+            m_apps->setVolume(player, volume);
+            QVERIFY(m_apps->session(player));
+            QVERIFY(!session || m_apps->session(player) == session); // the slider path
+            session = m_apps->session(player);
+        }
+        QTest::qWait(300); // what was queued before the last change drains
+        for (qsizetype i = 0; i < sinks.size(); ++i) {
+            const auto level = m_server->recordLevel(sinks[i]);
+            QVERIFY(level);
+            QVERIFY2(std::abs(*level - levels[i]) < kTolerance,
+                     qPrintable(QStringLiteral("%1: %2").arg(sinks[i]).arg(*level)));
+        }
+
+        // The application quits: its session goes, and so does every sink Ondril made for it.
+        tone->kill();
+        tone->waitForFinished();
+        QVERIFY(QTest::qWaitFor([&] { return !m_apps->session(player); }, kWaitMs));
+        QVERIFY(QTest::qWaitFor([&] { return privateSinks().isEmpty(); }, kWaitMs));
+    }
+
+    void theAppPlaysAsBeforeAfterOndrilEnds_data() {
+        QTest::addColumn<int>("signal");
+        QTest::newRow("quit") << SIGTERM;
+        QTest::newRow("killed, then started again") << SIGKILL;
+    }
+
+    void theAppPlaysAsBeforeAfterOndrilEnds() {
+        QFETCH(int, signal);
+        storePlayerVolume(2.0);
+        auto tone = m_server->playTone({}, QStringLiteral("Player"), playerProperties);
+        QVERIFY(tone);
+        auto ondril = startOndril();
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                const auto level = m_server->recordLevel(sinks.first(), 300);
+                return level && std::abs(*level - 0.575) < kTolerance;
+            },
+            kWaitMs));
+
+        ::kill(pid_t(ondril->processId()), signal);
+        QVERIFY(ondril->waitForFinished(10000));
+        if (signal == SIGKILL) {
+            // Left in the tap until the next start clears it.
+            storePlayerVolume(1.0);
+            ondril = startOndril();
+            QVERIFY(QTest::qWaitFor([&] { return privateSinks().isEmpty(); }, kWaitMs));
+        }
+        QVERIFY(QTest::qWaitFor([&] { return privateSinks().isEmpty(); }, kWaitMs));
+        QCOMPARE(m_server->sinkOfStream(QStringLiteral("Player")), sinks.first());
+        QTest::qWait(300);
+        const auto level = m_server->recordLevel(sinks.first());
+        QVERIFY(level && std::abs(*level - 0.354) < kTolerance);
+        ondril->terminate();
+        ondril->waitForFinished(10000);
+    }
+
+private:
+    void startManager() {
+        m_hardware = PulseAudioHardware::connect(5000);
+        QVERIFY2(m_hardware, "no connection to the private server");
+        m_applications.setStreamIdentities(
+            [this](std::int32_t pid) { return m_hardware->streamIdentity(pid); });
+        m_defaults = std::make_unique<UserDefaults>(m_directory.filePath("defaults.json"));
+        m_settings = std::make_unique<AppSettings>(*m_defaults, m_center);
+        m_audio = std::make_unique<AudioDeviceManager>(*m_hardware);
+        m_groups = std::make_unique<GroupManager>(*m_audio, *m_settings, m_sleepMonitor);
+        m_apps =
+            std::make_unique<AppAudioManager>(*m_audio, *m_groups, *m_settings, m_applications);
+    }
+
+    // The test app on the default sink, once the server lists it as a process.
+    std::unique_ptr<QProcess> startPlayer() {
+        auto tone = m_server->playTone({}, QStringLiteral("Player"), playerProperties);
+        const bool listed =
+            tone &&
+            QTest::qWaitFor(
+                [&] {
+                    AudioPropertyValue value;
+                    m_hardware->AudioObjectGetPropertyData(kAudioObjectSystemObject,
+                                                           {kAudioHardwarePropertyProcessObjectList,
+                                                            kAudioObjectPropertyScopeGlobal, 0},
+                                                           value);
+                    const auto* objects = std::get_if<std::vector<AudioObjectID>>(&value);
+                    return objects && !objects->empty();
+                },
+                kWaitMs);
+        return listed ? std::move(tone) : nullptr;
+    }
+
+    std::unique_ptr<QProcess> startOndril() const {
+        auto ondril = std::make_unique<QProcess>();
+        ondril->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        ondril->start(TestSupport::helperDirectory() + QStringLiteral("/ondril"),
+                      {QStringLiteral("--headless"), QStringLiteral("--backend=pulse")});
+        return ondril;
+    }
+
+    static void storePlayerVolume(double volume) {
+        AppAudioPrefs prefs;
+        prefs.volume = volume;
+        UserDefaults defaults(UserDefaults::standardFilePath());
+        QVERIFY(
+            defaults.setData(AppAudioPrefs::encodeAll({{player, prefs}}), SettingsKeys::appPrefs));
+    }
+
+    QStringList privateSinks() const {
+        return m_server->sinkNames().filter(QRegularExpression("^com\\.kestrivane\\.ondril\\."));
+    }
+
+    QTemporaryDir m_config;
+    std::unique_ptr<PrivateSoundServer> m_server;
+    std::unique_ptr<PulseAudioHardware> m_hardware;
+    ProcRunningApplications m_applications;
+    QTemporaryDir m_directory;
+    std::unique_ptr<UserDefaults> m_defaults;
+    NotificationCenter m_center;
+    std::unique_ptr<AppSettings> m_settings;
+    SystemSleepMonitor m_sleepMonitor;
+    std::unique_ptr<AudioDeviceManager> m_audio;
+    std::unique_ptr<GroupManager> m_groups;
+    std::unique_ptr<AppAudioManager> m_apps;
+};
+
+QTEST_GUILESS_MAIN(BoostServerTest)
+#include "tst_boost_server.moc"
