@@ -5,6 +5,7 @@
 #include "appaudio/AppAudioManager.h"
 #include "appaudio/LevelMeter.h"
 #include "devices/AudioDeviceManager.h"
+#include "groups/GroupManager.h"
 #include "ui/IconCatalogue.h"
 #include "ui/OndrilQml.h"
 #include "ui/panel/AppsCardModel.h"
