@@ -137,6 +137,12 @@ void RouteSession::setGain(float value, bool boost) {
         m_router->setGain(value);
 }
 
+void RouteSession::setMetered(bool metered) {
+    if (m_router)
+        m_router->meter(metered ? std::shared_ptr<std::atomic<float>>(m_gain, &m_gain->peak)
+                                : nullptr);
+}
+
 std::vector<std::int32_t> RouteSession::pids() const {
     std::vector<std::int32_t> pids;
     for (AudioObjectID object : m_processObjects) {

@@ -36,6 +36,9 @@ public:
     GainBox& gain() const { return *m_gain; }
     // `value` 0 is silence; `boost` puts the gain through the limiter.
     void setGain(float value, bool boost);
+    // Whether anyone reads `gain().peak`: a session on the server's own controls measures its
+    // streams only then. The procedure of a tapped session raises it anyway.
+    void setMetered(bool metered);
     AudioObjectID tapID() const { return m_tapID; }
     AudioObjectID aggID() const { return m_aggID; }
 

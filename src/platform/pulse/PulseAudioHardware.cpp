@@ -2,6 +2,8 @@
 
 #include "platform/pulse/PulseConnection.h"
 #include "platform/pulse/PulseModuleArguments.h"
+#include "platform/pulse/PulseOutputPeakMonitor.h"
+#include "platform/pulse/PulseSoundLibrary.h"
 #include "platform/pulse/PulseStreamRouter.h"
 
 #include <pulse/volume.h>
@@ -237,6 +239,14 @@ OSStatus PulseAudioHardware::readDevice(const PulseRecords::Device& device, Kind
 
 std::unique_ptr<AppStreamRouter> PulseAudioHardware::makeAppStreamRouter() {
     return std::make_unique<PulseStreamRouter>(*m_connection, *this);
+}
+
+std::unique_ptr<OutputPeakMonitor> PulseAudioHardware::makeOutputPeakMonitor() {
+    return std::make_unique<PulseOutputPeakMonitor>(*m_connection, *this);
+}
+
+std::unique_ptr<SoundLibrary> PulseAudioHardware::makeSoundLibrary() {
+    return std::make_unique<PulseSoundLibrary>(*m_connection);
 }
 
 std::optional<ProcRunningApplications::StreamIdentity>
