@@ -129,8 +129,10 @@ void PulseStreamRouter::refreshMeters() {
         m_connection.readMirror([](const PulseMirror& mirror) { return mirror.streams(); });
     std::erase_if(m_meters, [&](const auto& meter) { return !streams.count(meter.first); });
     for (const auto& [index, sink] : m_originalSinks) {
+        if (!streams.count(index))
+            continue;
         auto& meter = m_meters[index];
-        if (streams.count(index) && !(meter && meter->isAlive()))
+        if (!meter || !meter->isAlive())
             // No source named: the server takes the monitor of the sink the stream plays to.
             meter = std::make_unique<PulsePeakStream>(m_connection, QString(), index, m_peak);
     }
