@@ -397,8 +397,10 @@ void AppAudioManager::reconcile(const QString& bundleID) {
         std::make_unique<RouteSession>(m_audio.hardware(), bundleID, objects, destinations);
     writeGain(*session, record);
     // A session that does not start is dropped, which stops it; the next reconcile tries again.
-    if (session->start())
-        m_sessions[bundleID] = std::move(session);
+    if (!session->start())
+        return;
+    session->setMetered(m_meterTimer != nullptr);
+    m_sessions[bundleID] = std::move(session);
 }
 
 void AppAudioManager::endSession(const QString& bundleID) {
@@ -523,11 +525,15 @@ void AppAudioManager::startMetering() {
     m_meterTimer->setInterval(meterIntervalMs);
     connect(m_meterTimer, &QTimer::timeout, this, &AppAudioManager::meterTick);
     m_meterTimer->start();
+    for (const auto& [bundleID, session] : m_sessions)
+        session->setMetered(true);
 }
 
 void AppAudioManager::stopMetering() {
     delete m_meterTimer;
     m_meterTimer = nullptr;
+    for (const auto& [bundleID, session] : m_sessions)
+        session->setMetered(false);
     if (!m_levels.isEmpty())
         setLevels({});
 }

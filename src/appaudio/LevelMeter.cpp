@@ -64,6 +64,8 @@ std::optional<QString> LevelMeter::chooseMaster() const {
 
 bool LevelMeter::setup() {
     AudioHardware& hardware = m_audio.hardware();
+    if ((m_monitor = hardware.makeOutputPeakMonitor()))
+        return m_monitor->start(std::shared_ptr<std::atomic<float>>(m_box, &m_box->peak));
     CATapDescription tap;
     tap.isExclusive = true; // every process, none excluded
     tap.name = QStringLiteral("Ondril level meter");
@@ -112,6 +114,10 @@ bool LevelMeter::setup() {
 
 void LevelMeter::teardown() {
     AudioHardware& hardware = m_audio.hardware();
+    if (m_monitor) {
+        m_monitor->stop();
+        m_monitor.reset();
+    }
     if (m_aggID != kAudioObjectUnknown && m_procID) {
         hardware.AudioDeviceStop(m_aggID, *m_procID);
         hardware.AudioDeviceDestroyIOProcID(m_aggID, *m_procID);

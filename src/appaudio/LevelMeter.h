@@ -13,7 +13,9 @@ class QTimer;
 
 // Measures what the whole system plays, as one smoothed level in 0...1 for the panel's level
 // strip: a tap of every process that mutes nothing, a private aggregate that reads it and a
-// procedure that only looks at the input. Runs only while the panel is open.
+// procedure that only looks at the input; on a service that offers an OutputPeakMonitor instead
+// (a sound server's monitor of the default output), that raises the peak. Runs only while the
+// panel is open.
 class LevelMeter : public QObject {
     Q_OBJECT
     Q_PROPERTY(double outputLevel READ outputLevel NOTIFY outputLevelChanged)
@@ -56,6 +58,7 @@ private:
     AudioObjectID m_tapID = kAudioObjectUnknown;
     AudioObjectID m_aggID = kAudioObjectUnknown;
     std::optional<AudioDeviceIOProcID> m_procID;
+    std::unique_ptr<OutputPeakMonitor> m_monitor;
     QTimer* m_timer = nullptr;
     bool m_running = false;
     double m_outputLevel = 0.0;

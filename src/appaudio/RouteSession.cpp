@@ -86,6 +86,8 @@ bool RouteSession::start() {
 bool RouteSession::startRouted() {
     m_routed = m_router->start(m_bundleID, pids(), m_destinations,
                                m_gain->value.load(std::memory_order_relaxed));
+    if (m_routed && m_metered)
+        applyMeter();
     return m_routed;
 }
 
@@ -170,6 +172,17 @@ void RouteSession::switchToRouted() {
         m_hardware.AudioDeviceStop(m_aggID, *m_procID);
     startRouted();
     stopTapped();
+}
+
+void RouteSession::setMetered(bool metered) {
+    m_metered = metered;
+    if (m_router)
+        applyMeter();
+}
+
+void RouteSession::applyMeter() {
+    m_router->meter(m_metered ? std::shared_ptr<std::atomic<float>>(m_gain, &m_gain->peak)
+                              : nullptr);
 }
 
 std::vector<std::int32_t> RouteSession::pids() const {

@@ -37,6 +37,9 @@ public:
     GainBox& gain() const { return *m_gain; }
     // `value` 0 is silence; `boost` puts the gain through the limiter.
     void setGain(float value, bool boost);
+    // Whether anyone reads `gain().peak`: a session on the server's own controls measures its
+    // streams only then. The procedure of a tapped session raises it anyway.
+    void setMetered(bool metered);
     AudioObjectID tapID() const { return m_tapID; }
     AudioObjectID aggID() const { return m_aggID; }
 
@@ -58,6 +61,7 @@ private:
     bool startTapped();
     void stopTapped();
     bool startRouted();
+    void applyMeter();
     void switchToTapped();
     void switchToRouted();
 
@@ -72,5 +76,6 @@ private:
     bool m_running = false;
     std::unique_ptr<AppStreamRouter> m_router; // when the service offers one
     bool m_routed = false;                     // the router plays the streams
+    bool m_metered = false;                    // applied to the router whenever it plays
     const std::shared_ptr<GainBox> m_gain = std::make_shared<GainBox>();
 };

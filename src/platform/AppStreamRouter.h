@@ -3,7 +3,9 @@
 #include <QString>
 #include <QStringList>
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 // One application's playback done with the sound server's own controls: its streams get the gain
@@ -19,5 +21,8 @@ public:
                        const QStringList& destinationUIDs, float gain) = 0;
     // Linear gain; 0 mutes. The server's controls go no higher than unity.
     virtual void setGain(float gain) = 0;
+    // While `peak` is set, each block the application's streams play raises it to its largest
+    // absolute sample, from the service's own thread with relaxed atomics only; nullptr stops.
+    virtual void meter(std::shared_ptr<std::atomic<float>> peak) = 0;
     virtual void stop() = 0; // safe in any state, any number of times
 };

@@ -46,6 +46,7 @@ std::unique_ptr<AudioHardware> connectToServer(PulseAudioHardware::Absent absent
             return server ? server->streamIdentity(pid) : std::nullopt;
         });
     RunningApplications::install(std::move(applications));
+    SoundLibrary::install(pulse->makeSoundLibrary());
     return pulse;
 }
 } // namespace

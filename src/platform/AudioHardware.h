@@ -2,6 +2,7 @@
 
 #include "platform/AppStreamRouter.h"
 #include "platform/AudioHardwareTypes.h"
+#include "platform/OutputPeakMonitor.h"
 
 #include <QObject>
 
@@ -81,4 +82,7 @@ public:
     // Per-app audio through the service's own stream controls, for sessions that need no limiter,
     // so that no audio passes through Ondril; nullptr where taps serve every session.
     virtual std::unique_ptr<AppStreamRouter> makeAppStreamRouter() { return nullptr; }
+    // The level of what the system plays, for a service whose process taps cannot tap every
+    // process; nullptr where they can.
+    virtual std::unique_ptr<OutputPeakMonitor> makeOutputPeakMonitor() { return nullptr; }
 };

@@ -2,6 +2,8 @@
 
 #include "platform/pulse/PulseConnection.h"
 #include "platform/pulse/PulseModuleArguments.h"
+#include "platform/pulse/PulseOutputPeakMonitor.h"
+#include "platform/pulse/PulseSoundLibrary.h"
 #include "platform/pulse/PulseStreamRouter.h"
 #include "platform/pulse/PulseTap.h"
 #include "platform/pulse/PulseTapAggregate.h"
@@ -245,6 +247,14 @@ OSStatus PulseAudioHardware::readDevice(const PulseRecords::Device& device, Kind
 
 std::unique_ptr<AppStreamRouter> PulseAudioHardware::makeAppStreamRouter() {
     return std::make_unique<PulseStreamRouter>(*m_connection, *this, m_homes);
+}
+
+std::unique_ptr<OutputPeakMonitor> PulseAudioHardware::makeOutputPeakMonitor() {
+    return std::make_unique<PulseOutputPeakMonitor>(*m_connection, *this);
+}
+
+std::unique_ptr<SoundLibrary> PulseAudioHardware::makeSoundLibrary() {
+    return std::make_unique<PulseSoundLibrary>(*m_connection);
 }
 
 std::optional<ProcRunningApplications::StreamIdentity>

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "platform/AudioHardware.h"
+#include "platform/SoundLibrary.h"
 #include "platform/linux/ProcRunningApplications.h"
 #include "platform/pulse/PulseMirror.h"
 #include "platform/pulse/PulseObjectIds.h"
@@ -72,6 +73,10 @@ public:
     // --- Per-app audio ---
     // Sessions with the server's own stream controls, for gains the server can play as they are.
     std::unique_ptr<AppStreamRouter> makeAppStreamRouter() override;
+    // The default sink's monitor, for the system-wide level.
+    std::unique_ptr<OutputPeakMonitor> makeOutputPeakMonitor() override;
+    // The server's sample cache; it must not outlive this object.
+    std::unique_ptr<SoundLibrary> makeSoundLibrary();
     // What the playback streams of `pid` say of their application: the first stream with an
     // application.id, else the first with any identity; nullopt when the pid plays nothing.
     std::optional<ProcRunningApplications::StreamIdentity> streamIdentity(std::int32_t pid) const;

@@ -388,6 +388,14 @@ void PulseConnection::post(PulseMirror::Notices notices) {
         Qt::QueuedConnection);
 }
 
+void PulseConnection::withContext(const std::function<void(pa_context*)>& use) {
+    if (!m_mainloop)
+        return use(nullptr);
+    pa_threaded_mainloop_lock(m_mainloop);
+    use(isReady() ? m_context : nullptr);
+    pa_threaded_mainloop_unlock(m_mainloop);
+}
+
 OSStatus PulseConnection::runOperation(const std::function<pa_operation*(Request*)>& issue,
                                        std::uint32_t* outIndex, std::shared_ptr<Pending> pending) {
     // After one timeout the next writes fail at once, so that a stalled server costs one user

@@ -78,6 +78,9 @@ public:
     OSStatus unloadModule(std::uint32_t index);
     // Takes a sink out of the mirror at once, after the caller removed it on the server.
     void forgetSink(const QString& name);
+    // Runs `use` under the mainloop lock with the context, or nullptr while there is no ready
+    // one, for streams of the caller's own; their callbacks run on the mainloop thread.
+    void withContext(const std::function<void(pa_context*)>& use);
 
     // Shared between a waiting caller and the libpulse callbacks; defined in the source.
     struct Pending;

@@ -93,7 +93,10 @@ template <typename Info> PulseRecords::Device fromDeviceInfo(const Info& info) {
 namespace PulseRecords {
 
 Device fromSink(const pa_sink_info& info) {
-    return fromDeviceInfo(info);
+    Device device = fromDeviceInfo(info);
+    device.monitorSource =
+        QString::fromUtf8(info.monitor_source_name ? info.monitor_source_name : "");
+    return device;
 }
 
 Device fromSource(const pa_source_info& info) {

@@ -29,6 +29,7 @@ struct Device {
     std::uint32_t ownerModule = kInvalidIndex;
     std::uint32_t transportType = 0;
     bool isMonitor = false;
+    QString monitorSource;     // of a sink: the source that carries what it plays
     std::int32_t ownerPid = 0; // the Ondril process that made a combined sink, 0 for any other
     std::uint32_t channels() const { return std::uint32_t(volume.size()); }
     friend bool operator==(const Device&, const Device&) = default;

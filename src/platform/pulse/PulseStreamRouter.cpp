@@ -118,9 +118,34 @@ void PulseStreamRouter::takeNewStreams() {
         writeGain(stream.index, stream.channels);
         m_connection.moveSinkInput(stream.index, m_target);
     }
+    refreshMeters();
+}
+
+void PulseStreamRouter::meter(std::shared_ptr<std::atomic<float>> peak) {
+    m_peak = std::move(peak);
+    m_meters.clear();
+    refreshMeters();
+}
+
+void PulseStreamRouter::refreshMeters() {
+    if (!m_peak)
+        return;
+    const auto streams =
+        m_connection.readMirror([](const PulseMirror& mirror) { return mirror.streams(); });
+    std::erase_if(m_meters, [&](const auto& meter) { return !streams.count(meter.first); });
+    for (const auto& [index, sink] : m_originalSinks) {
+        if (!streams.count(index))
+            continue;
+        auto& meter = m_meters[index];
+        if (!meter || !meter->isAlive())
+            // No source named: the server takes the monitor of the sink the stream plays to.
+            meter = std::make_unique<PulsePeakStream>(m_connection, QString(), index, m_peak);
+    }
 }
 
 void PulseStreamRouter::stop() {
+    m_meters.clear();
+    m_peak.reset();
     if (m_listener) {
         m_hardware.AudioObjectRemovePropertyListenerBlock(*m_listener);
         m_listener.reset();

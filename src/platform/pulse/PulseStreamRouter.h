@@ -2,6 +2,7 @@
 
 #include "platform/AppStreamRouter.h"
 #include "platform/AudioHardwareTypes.h"
+#include "platform/pulse/PulsePeakStream.h"
 
 #include <QLoggingCategory>
 
@@ -18,7 +19,8 @@ class PulseStreamHomes;
 // the gain, a move to the destination, or to a private module-combine-sink named
 // "com.kestrivane.ondril.group.app." + bundle identifier when there are several. Each stream's
 // sink is noted when it is taken, so that stopping can put it back; moving back to the default
-// also drops the route stream-restore remembered.
+// also drops the route stream-restore remembered. Levels come from a peak-detecting monitor
+// stream of each sink-input, only while someone reads them.
 class PulseStreamRouter : public AppStreamRouter {
 public:
     static inline const QString sinkPrefix = QStringLiteral("com.kestrivane.ondril.group.app.");
@@ -34,6 +36,7 @@ public:
     bool start(const QString& bundleID, const std::vector<std::int32_t>& pids,
                const QStringList& destinationUIDs, float gain) override;
     void setGain(float gain) override;
+    void meter(std::shared_ptr<std::atomic<float>> peak) override;
     void stop() override;
 
     // Unloads the combined sinks a run that did not stop cleanly left behind.
@@ -42,6 +45,8 @@ public:
 private:
     void takeNewStreams();
     void writeGain(std::uint32_t index, std::uint32_t channels);
+    // A meter for each taken stream without a live one; a move ends a stream's meter.
+    void refreshMeters();
 
     PulseConnection& m_connection;
     AudioHardware& m_hardware;
@@ -53,4 +58,6 @@ private:
     bool m_toldNoBoost = false;
     std::map<std::uint32_t, QString> m_originalSinks; // by sink-input index
     std::optional<AudioObjectPropertyListenerToken> m_listener;
+    std::shared_ptr<std::atomic<float>> m_peak;                         // set while metered
+    std::map<std::uint32_t, std::unique_ptr<PulsePeakStream>> m_meters; // by sink-input index
 };
