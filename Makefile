@@ -7,12 +7,13 @@ PREFIX ?= /usr/local
 # The sanitizer configuration: every test under AddressSanitizer (leaks included) and
 # UndefinedBehaviorSanitizer, in a build folder of its own.
 ASAN_BUILD_DIR ?= build-asan
-SANITIZE = -fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined
+SANITIZE_COMMON = -fno-omit-frame-pointer -fno-sanitize-recover=undefined
+SANITIZE = -fsanitize=address,undefined $(SANITIZE_COMMON)
 SANITIZER_ENV = ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	LSAN_OPTIONS=suppressions=$(CURDIR)/scripts/lsan.supp:print_suppressions=0 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 
-.PHONY: deps configure build run install test test-asan bench format clean
+.PHONY: deps fuzz-deps configure build run install test test-asan bench fuzz format clean
 
 deps:
 	@scripts/install-deps.sh
@@ -49,8 +50,26 @@ test-asan: deps $(ASAN_BUILD_DIR)/build.ninja
 bench: build
 	scripts/run-benchmarks.sh $(BUILD_DIR)
 
+# The libFuzzer targets (clang, everything under ASan and UBSan), each run in turn for
+# FUZZ_SECONDS from the seeds in fuzz/corpus; not part of `make test`.
+FUZZ_BUILD_DIR ?= build-fuzz
+FUZZ_SECONDS ?= 600
+FUZZ_TARGETS = fuzz_quick_configs fuzz_app_prefs fuzz_groups
+
+fuzz-deps:
+	@scripts/install-deps.sh --fuzz
+
+$(FUZZ_BUILD_DIR)/build.ninja:
+	cmake -S . -B $(FUZZ_BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+		-DCMAKE_CXX_COMPILER=clang++ -DBUILD_TESTING=OFF -DONDRIL_FUZZ=ON \
+		-DCMAKE_CXX_FLAGS="-fsanitize=fuzzer-no-link,address,undefined $(SANITIZE_COMMON)"
+
+fuzz: deps fuzz-deps $(FUZZ_BUILD_DIR)/build.ninja
+	cmake --build $(FUZZ_BUILD_DIR) --target $(FUZZ_TARGETS)
+	$(SANITIZER_ENV) scripts/run-fuzzers.sh $(FUZZ_BUILD_DIR)/fuzz $(FUZZ_SECONDS) $(FUZZ_TARGETS)
+
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_BUILD_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_BUILD_DIR) $(FUZZ_BUILD_DIR)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages Ondril needs to build, run and test. Does nothing when all are
-# present. Uses sudo when not run as root.
+# present. Uses sudo when not run as root. `--fuzz` installs what `make fuzz` needs instead.
 set -euo pipefail
 
 packages=(
@@ -18,6 +18,11 @@ packages=(
     # headless desktop for the tests
     xvfb xauth xdotool dbus fonts-dejavu-core
 )
+
+if [[ "${1:-}" == --fuzz ]]; then
+    # clang and its libFuzzer runtime, only for the fuzz targets
+    packages=(clang libclang-rt-14-dev)
+fi
 
 missing=()
 for package in "${packages[@]}"; do

@@ -28,7 +28,7 @@ AppDelegate::AppDelegate(bool headless, QObject* parent)
     ConfigManager::shared();
     // A clean quit stops every session first, so that each application plays as if Ondril had
     // never run.
-    connect(qApp, &QCoreApplication::aboutToQuit, this,
+    connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this,
             [] { AppAudioManager::shared().stopAllSessions(); });
     if (!m_headless)
         m_panelController = std::make_unique<PanelController>(

@@ -39,6 +39,32 @@ QString InstanceChannel::socketPath() {
     return runtime.isEmpty() ? QString() : QDir(runtime).filePath(QStringLiteral("ondril.socket"));
 }
 
+bool InstanceChannel::isHeldElsewhere() {
+    // A connection of its own, closed at once: the shared session bus connection is opened only
+    // under the application object that will keep it.
+    const QString probeName = QStringLiteral("ondril-probe");
+    bool held = false;
+    bool hasBus = false;
+    {
+        const QDBusConnection bus =
+            QDBusConnection::connectToBus(QDBusConnection::SessionBus, probeName);
+        hasBus = bus.isConnected();
+        if (hasBus)
+            held = bus.interface()->isServiceRegistered(serviceName).value();
+    }
+    QDBusConnection::disconnectFromBus(probeName);
+    if (hasBus)
+        return held;
+    const QString path = socketPath();
+    if (path.isEmpty())
+        return false;
+    QLockFile lock(lockPath(path));
+    lock.setStaleLockTime(0);
+    if (lock.tryLock(0))
+        return false; // released as `lock` goes
+    return lock.error() == QLockFile::LockFailedError;
+}
+
 InstanceChannel::Claim InstanceChannel::claim() {
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected())
@@ -69,7 +95,7 @@ InstanceChannel::Claim InstanceChannel::claimSocket() {
     }
     // The lock decides, not the socket: between another instance's bind and listen, its socket
     // would look dead. The lock holder owns the socket and may clear one left by a crash.
-    m_lock = std::make_unique<QLockFile>(path + QStringLiteral(".lock"));
+    m_lock = std::make_unique<QLockFile>(lockPath(path));
     m_lock->setStaleLockTime(0);
     if (!m_lock->tryLock(0)) {
         if (m_lock->error() == QLockFile::LockFailedError)

@@ -34,6 +34,11 @@ public:
 
     static QString socketPath(); // empty without $XDG_RUNTIME_DIR
 
+    // Whether another instance holds the name (or the socket) now. Needs only a
+    // QCoreApplication and leaves the session bus connection unopened, so that a second launch
+    // can hand over before any display connection exists.
+    static bool isHeldElsewhere();
+
     // What the interfaces do, for the bus and the socket alike.
     void open(const QStringList& urls);
     QString query(const QString& what) const; // "status", "groups", "apps", "configs": JSON
@@ -43,6 +48,7 @@ signals:
 
 private:
     Claim claimSocket();
+    static QString lockPath(const QString& socket) { return socket + QStringLiteral(".lock"); }
     void serve(QLocalSocket* socket);
 
     std::unique_ptr<QLockFile> m_lock; // held for the life of the process

@@ -14,6 +14,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 
 namespace {
 
@@ -125,11 +126,30 @@ bool installAudioBackend(AudioBackend::Choice choice) {
 // --- One running instance ------------------------------------------------------------------
 // The name (or socket) is claimed before the engine starts: a second launch hands over to the
 // running instance and leaves without touching the sound server.
+int handOverToRunningInstance() {
+    InstanceClient client;
+    printLine(stderr, QStringLiteral("already running; the running instance goes on"));
+    if (!client.activate())
+        printLine(stderr, client.failure());
+    return 0;
+}
+
+// A second launch is found and hands over under a plain application object, so that it never
+// opens a display connection. Nothing when no other instance runs.
+std::optional<int> handOverIfRunning(int argc, char* argv[]) {
+    const QCoreApplication app(argc, argv);
+    if (!InstanceChannel::isHeldElsewhere())
+        return std::nullopt;
+    return handOverToRunningInstance();
+}
+
 int runInstance(int argc, char* argv[], const Invocation& invocation, bool headless) {
     std::unique_ptr<QCoreApplication> app;
     if (headless) {
         app = std::make_unique<QCoreApplication>(argc, argv);
     } else {
+        if (const auto status = handOverIfRunning(argc, argv))
+            return *status;
         DisplayPlatform::choose();
         app = std::make_unique<QGuiApplication>(argc, argv);
     }
@@ -137,13 +157,8 @@ int runInstance(int argc, char* argv[], const Invocation& invocation, bool headl
     const QuitSignals quitSignals;
     InstanceChannel channel;
     switch (channel.claim()) {
-    case InstanceChannel::Claim::secondary: {
-        InstanceClient client;
-        printLine(stderr, QStringLiteral("already running; the running instance goes on"));
-        if (!client.activate())
-            printLine(stderr, client.failure());
-        return 0;
-    }
+    case InstanceChannel::Claim::secondary: // started at the same moment as the other one
+        return handOverToRunningInstance();
     case InstanceChannel::Claim::unavailable:
         printLine(stderr,
                   QStringLiteral("no control from other programs: %1").arg(channel.failure()));

@@ -30,8 +30,11 @@ private:
 
     static QString ondril() { return TestSupport::helperDirectory() + QStringLiteral("/ondril"); }
 
-    static Run runOndril(const QStringList& arguments) {
+    static Run
+    runOndril(const QStringList& arguments,
+              const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment()) {
         QProcess process;
+        process.setProcessEnvironment(environment);
         process.start(ondril(), arguments);
         Run run;
         if (!process.waitForFinished(30000))
@@ -99,7 +102,15 @@ private slots:
         auto instance = startHeadless();
         QVERIFY(eventually(answers));
 
-        Run run = runOndril({QStringLiteral("ondril://activate?group=Both%20Displays")});
+        // A plain second launch hands over without opening a display: this one names a dead one.
+        QProcessEnvironment deadDisplay = QProcessEnvironment::systemEnvironment();
+        deadDisplay.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
+        deadDisplay.insert(QStringLiteral("DISPLAY"), QStringLiteral(":4242"));
+        Run run = runOndril({}, deadDisplay);
+        QCOMPARE(run.exitCode, 0);
+        QVERIFY2(run.err.contains("already running"), run.err.constData());
+
+        run = runOndril({QStringLiteral("ondril://activate?group=Both%20Displays")});
         QCOMPARE(run.exitCode, 0);
         QVERIFY(eventually([this] { return groupIsDefault(); }));
         QCOMPARE(status().value("activeGroup").toObject().value("name").toString(),
