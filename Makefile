@@ -13,7 +13,7 @@ SANITIZER_ENV = ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	LSAN_OPTIONS=suppressions=$(CURDIR)/scripts/lsan.supp:print_suppressions=0 \
 	UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 
-.PHONY: deps fuzz-deps configure build run install test test-asan bench fuzz format clean
+.PHONY: deps fuzz-deps configure build run install test test-asan bench screenshots fuzz format clean
 
 deps:
 	@scripts/install-deps.sh
@@ -49,6 +49,10 @@ test-asan: deps $(ASAN_BUILD_DIR)/build.ninja
 
 bench: build
 	scripts/run-benchmarks.sh $(BUILD_DIR)
+
+# The panel in light and dark, to docs/screenshots/.
+screenshots: configure
+	scripts/screenshots.sh $(BUILD_DIR)
 
 # The libFuzzer targets (clang, everything under ASan and UBSan), each run in turn for
 # FUZZ_SECONDS from the seeds in fuzz/corpus; not part of `make test`.

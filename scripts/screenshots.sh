@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Renders the panel on the simulated audio service, in light and in dark, to
-# docs/screenshots/panel-light.png and panel-dark.png: a group open, several outputs, two inputs.
+# docs/screenshots/panel-light.png and panel-dark.png: a group open, several outputs, two inputs and three apps.
 # Usage: scripts/screenshots.sh [build-dir]   (default: build; builds the renderer first)
 set -euo pipefail
 

@@ -28,10 +28,15 @@ private slots:
         rig.addOutput(studioLeft, QStringLiteral("Studio Display Left"));
         rig.addOutput(studioRight, QStringLiteral("Studio Display Right"));
         rig.settings->setCustomName(rig.headphonesUID, QStringLiteral("Desk Headphones"));
+        settle(); // the device manager learns of the new devices
         QVERIFY(rig.manager->activate(rig.manager->groups().first()));
+        // Three apps: one boosted, one muted, one playing at its own level.
         rig.addApp(4101, QStringLiteral("org.example.Player"), QStringLiteral("Player"));
         rig.addApp(4102, QStringLiteral("org.example.Browser"), QStringLiteral("Browser"));
+        rig.addApp(4103, QStringLiteral("org.example.Radio"), QStringLiteral("Radio"));
         rig.apps->markPermissionGranted();
+        rig.apps->setVolume(QStringLiteral("org.example.Player"), 2.0);
+        rig.apps->setMuted(QStringLiteral("org.example.Browser"), true);
 
         PanelController& panel = *rig.panel;
         panel.show(QPoint(1200, 10));
