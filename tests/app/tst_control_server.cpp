@@ -14,6 +14,7 @@
 #include <QThread>
 #include <QtTest>
 
+#include <cmath>
 #include <functional>
 
 // A running `ondril --headless` on a private sound server, driven from other processes the way
@@ -110,6 +111,19 @@ private slots:
         QCOMPARE(run.exitCode, 0);
         QVERIFY2(run.err.contains("already running"), run.err.constData());
 
+        // A URL boosts a playing application through the limiter: a half-scale sine at 200 % is
+        // heard at the RMS of the limited sine (0.575), where clipping would give 0.707.
+        const auto tone = m_server->playTone({}, QStringLiteral("Player"),
+                                             {QStringLiteral("application.id=org.example.Player")});
+        QVERIFY(tone);
+        QCOMPARE(runOndril({QStringLiteral("ondril://app?bundle=org.example.Player&volume=200")})
+                     .exitCode,
+                 0);
+        QVERIFY(eventually([this] {
+            const auto level = m_server->recordLevel(QStringLiteral("builtin"));
+            return level && std::abs(*level - 0.575) < 0.02;
+        }));
+
         run = runOndril({QStringLiteral("ondril://activate?group=Both%20Displays")});
         QCOMPARE(run.exitCode, 0);
         QVERIFY(eventually([this] { return groupIsDefault(); }));
@@ -134,6 +148,7 @@ private slots:
         QCOMPARE(run.exitCode, 2);
         QVERIFY(run.err.contains("not an ondril: URL"));
 
+        tone->kill();
         instance->terminate();
         QVERIFY(instance->waitForFinished(10000));
         QCOMPARE(instance->exitStatus(), QProcess::NormalExit); // quit, not killed
