@@ -58,7 +58,7 @@ screenshots: configure
 # FUZZ_SECONDS from the seeds in fuzz/corpus; not part of `make test`.
 FUZZ_BUILD_DIR ?= build-fuzz
 FUZZ_SECONDS ?= 600
-FUZZ_TARGETS = fuzz_quick_configs fuzz_app_prefs fuzz_groups
+FUZZ_TARGETS = fuzz_quick_configs fuzz_app_prefs fuzz_groups fuzz_url_handler
 
 fuzz-deps:
 	@scripts/install-deps.sh --fuzz

@@ -13,8 +13,11 @@ for target in "$@"; do
     work="$folder/$target.work"
     mkdir -p "$work/corpus"
     # New inputs go to the work folder: the seeds in the source tree stay as they are.
+    # A target's dictionary (fuzz/NAME.dict) gives the mutator the grammar's words.
+    dictionary=()
+    [[ -f "$seeds/../${target#fuzz_}.dict" ]] && dictionary=(-dict="$seeds/../${target#fuzz_}.dict")
     (cd "$work" && "$folder/$target" -max_total_time="$seconds" -print_final_stats=1 \
-        corpus "$seeds/${target#fuzz_}" >"$work/log" 2>&1)
+        "${dictionary[@]}" corpus "$seeds/${target#fuzz_}" >"$work/log" 2>&1)
     status=$?
     runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$work/log" | grep -o '[0-9]*$')
     if [[ $status -eq 0 ]]; then

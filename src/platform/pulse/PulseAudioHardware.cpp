@@ -182,7 +182,9 @@ OSStatus PulseAudioHardware::AudioObjectGetPropertyData(AudioObjectID objectID,
     const auto object = m_ids.lookup(objectID);
     if (!object)
         return kAudioHardwareBadObjectError;
-    const auto& [kind, name] = *object;
+    // Named, not a structured binding: clang 14 (the fuzz build) cannot capture those.
+    const Kind kind = object->first;
+    const QString& name = object->second;
     if (kind == Kind::Process)
         return readProcess(name.toInt(), address, outData);
     const auto device = m_connection->readMirror(
@@ -389,7 +391,8 @@ OSStatus PulseAudioHardware::setVolume(AudioObjectID deviceID,
     const auto object = m_ids.lookup(deviceID);
     if (!object)
         return kAudioHardwareBadObjectError;
-    const auto& [kind, name] = *object;
+    const Kind kind = object->first;
+    const QString& name = object->second;
     auto volumes = m_connection->readMirror([&](const PulseMirror& mirror) {
         const auto* device = kind == Kind::Sink ? mirror.sink(name) : mirror.source(name);
         return device ? device->volume : std::vector<std::uint32_t>{};

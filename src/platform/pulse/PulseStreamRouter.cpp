@@ -157,7 +157,9 @@ void PulseStreamRouter::stop() {
                                    combined ? combined->index : PulseRecords::kInvalidIndex);
         });
     QStringList backToDefault; // restore entries of the streams that now follow the default
-    for (const auto& [index, original] : m_originalSinks) {
+    for (const auto& entry : m_originalSinks) {
+        const std::uint32_t index = entry.first;
+        const QString& original = entry.second; // named: clang 14 cannot capture a binding
         if (!m_homes.holds(index, this))
             continue; // handed over to a tap, which lets it go itself
         m_homes.forget(index);
