@@ -549,9 +549,15 @@ private:
                                 kGenerousWaitMs));
         const auto stream = m_server->streamIndex(application);
         QVERIFY(stream);
-        QVERIFY(m_server->pactl({"move-sink-input", QString::number(*stream), sink}));
-        QVERIFY(QTest::qWaitFor([&] { return m_server->sinkOfStream(application) == sink; },
-                                kGenerousWaitMs));
+        // WirePlumber 0.4 may still link the new stream by its own policy after a move made this
+        // early, and the stream lands on the default: move it again, as a user would.
+        bool moved = false;
+        for (int attempt = 0; attempt < 5 && !moved; ++attempt) {
+            QVERIFY(m_server->pactl({"move-sink-input", QString::number(*stream), sink}));
+            moved = QTest::qWaitFor([&] { return m_server->sinkOfStream(application) == sink; },
+                                    kGenerousWaitMs / 5);
+        }
+        QVERIFY2(moved, qPrintable(m_server->sinkOfStream(application)));
         tone->kill();
         tone->waitForFinished();
         QVERIFY(QTest::qWaitFor([&] { return m_server->sinkOfStream(application).isEmpty(); },
