@@ -17,8 +17,13 @@
 #include <cmath>
 #include <functional>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 // A running `ondril --headless` on a private sound server, driven from other processes the way
 // scripts and launchers drive it: URLs, the command line, and the one-instance rule.
+constexpr uid_t kNobody = 65534;
+
 class TestControlOnServer : public QObject {
     Q_OBJECT
 
@@ -170,6 +175,43 @@ private slots:
         QVERIFY(!winner->waitForFinished(500));
         winner->terminate();
         QVERIFY(winner->waitForFinished(10000));
+    }
+
+    // Without a session bus a socket in XDG_RUNTIME_DIR carries the commands, and the instance
+    // answers its own user only: root, whom the socket's mode does not stop, is turned away.
+    void withoutABusASocketServesItsOwnUserOnly() {
+        QTemporaryDir runtime;
+        const QByteArray path = QFile::encodeName(runtime.path());
+        QVERIFY(chown(path.constData(), kNobody, kNobody) == 0);
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "DISPLAY", "PULSE_SERVER"})
+            environment.remove(QString::fromLatin1(name));
+        for (const char* name : {"XDG_RUNTIME_DIR", "HOME", "XDG_CONFIG_HOME"})
+            environment.insert(QString::fromLatin1(name), runtime.path());
+        const auto asNobody = [](QStringList arguments) {
+            arguments.prepend(ondril());
+            return QStringList{"--reuid=65534", "--regid=65534", "--clear-groups"} + arguments;
+        };
+
+        QProcess instance;
+        instance.setProcessEnvironment(environment);
+        instance.start(QStringLiteral("setpriv"), asNobody({"--headless", "--backend=simulated"}));
+        QVERIFY(eventually([&] {
+            QProcess status;
+            status.setProcessEnvironment(environment);
+            status.start(QStringLiteral("setpriv"), asNobody({"status"}));
+            return status.waitForFinished(10000) && status.exitCode() == 0;
+        }));
+        struct stat socket {};
+        QVERIFY(stat(QFile::encodeName(runtime.filePath("ondril.socket")).constData(), &socket) ==
+                0);
+        QCOMPARE(socket.st_mode & 077, 0u); // nobody else may connect
+
+        const Run root = runOndril({QStringLiteral("status")}, environment);
+        QCOMPARE(root.exitCode, 1);
+        QVERIFY2(root.err.contains("did not answer"), root.err.constData());
+        instance.terminate();
+        QVERIFY(instance.waitForFinished(10000));
     }
 };
 
