@@ -6,6 +6,9 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QThread>
@@ -19,8 +22,9 @@
 #include <cstdio>
 
 // A boosted session against a private server (ONDRIL_TEST_SERVER=pipewire for PipeWire): what the
-// default's monitor hears while the slider crosses unity, and the CPU time of the process while
-// one session plays.
+// default's monitor hears while the slider crosses unity, the CPU time of the process while one
+// session plays, and the latency the path adds, at the start and after a long play
+// (ONDRIL_BENCH_BOOST_SECONDS, 600 unless set).
 namespace {
 
 constexpr int kRate = 48000;
@@ -186,6 +190,116 @@ void BM_BoostedSessionCpu(benchmark::State& state) {
     player->waitForFinished(3000);
 }
 BENCHMARK(BM_BoostedSessionCpu)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// What the server says the path holds that an unrouted stream does not: the record stream on the
+// tap's monitor (the monitor's latency and what waits to be read) and the destination stream's
+// queue. The servers' own timestamps, so that no player or recorder start-up delay enters.
+double addedLatencyMs() {
+    const auto list = [](const char* what) {
+        QProcess pactl;
+        pactl.setProcessEnvironment(serverEnvironment());
+        pactl.start(QStringLiteral("pactl"), {"-f", "json", "list", what});
+        pactl.waitForFinished(5000);
+        return QJsonDocument::fromJson(pactl.readAllStandardOutput()).array();
+    };
+    const auto named = [](const QJsonArray& streams, const char* name, const char* device) {
+        for (const QJsonValue& stream : streams)
+            if (stream[QStringLiteral("properties")][QStringLiteral("media.name")].toString() ==
+                QLatin1String(name))
+                return stream[QStringLiteral("buffer_latency_usec")].toDouble() +
+                       stream[QLatin1String(device)].toDouble();
+        return -1e6;
+    };
+    const double playback = named(list("sink-inputs"), "Ondril boost", "");
+    const double record = named(list("source-outputs"), "Ondril tap", "source_latency_usec");
+    return playback < 0 || record < 0 ? -1 : (playback + record) / 1000.0;
+}
+
+// The mean of a few readings a quarter of a second apart.
+double meanAddedLatencyMs() {
+    double sum = 0;
+    int readings = 0;
+    for (int i = 0; i < 8; ++i) {
+        if (const double latency = addedLatencyMs(); latency >= 0) {
+            sum += latency;
+            ++readings;
+        }
+        runFor(250);
+    }
+    return readings ? sum / readings : -1;
+}
+
+// 480 Hz at half scale, mono, for `seconds`: a file rather than a pipe, which the blocking
+// pactl calls would leave unfed.
+QString longTone(int seconds) {
+    const QString path = g_directory->filePath(QStringLiteral("long-tone.raw"));
+    QByteArray data(qsizetype(kRate) * seconds * 2, '\0');
+    auto* samples = reinterpret_cast<std::int16_t*>(data.data());
+    for (qsizetype frame = 0; frame < qsizetype(kRate) * seconds; ++frame)
+        samples[frame] = std::int16_t(16384 * std::sin(2 * M_PI * 480.0 * double(frame) / kRate));
+    QFile file(path);
+    file.open(QIODevice::WriteOnly);
+    file.write(data);
+    return path;
+}
+
+// Latency at the start and after a long play of one boosted session, and what the destination's
+// monitor heard meanwhile: any silence longer than 10 ms is an underrun (or a dropped fragment).
+void BM_LongPlay(benchmark::State& state) {
+    const int seconds = qEnvironmentVariableIsSet("ONDRIL_BENCH_BOOST_SECONDS")
+                            ? qEnvironmentVariableIntValue("ONDRIL_BENCH_BOOST_SECONDS")
+                            : 600;
+    auto player =
+        play(longTone(seconds + 30), {"--raw", "--format=s16le", "--channels=1", "--rate=48000"});
+    auto session = boost(*player);
+    if (!session) {
+        state.SkipWithError("no session");
+        return;
+    }
+    const QString recordingPath = g_directory->filePath(QStringLiteral("long.raw"));
+    auto recorder = start(QStringLiteral("parecord"),
+                          {QStringLiteral("--device=") + kSink + QStringLiteral(".monitor"),
+                           "--raw", "--format=s16le", "--channels=1", "--channel-map=front-left",
+                           "--rate=48000", recordingPath});
+    double first = 0;
+    double last = 0;
+    for (auto _ : state) {
+        runFor(5000);
+        first = meanAddedLatencyMs();
+        runFor(seconds * 1000);
+        last = meanAddedLatencyMs();
+    }
+    ::kill(pid_t(recorder->processId()), SIGTERM);
+    recorder->waitForFinished(3000);
+    session.reset();
+    player->kill();
+    player->waitForFinished(3000);
+    QFile file(recordingPath);
+    file.open(QIODevice::ReadOnly);
+    const QByteArray recording = file.readAll();
+    const auto* samples = reinterpret_cast<const std::int16_t*>(recording.constData());
+    const qsizetype count = recording.size() / 2;
+    constexpr int kWindow = kRate / 200;
+    int silentWindows = 0;
+    int gaps = 0;
+    double longestGapMs = 0;
+    // Past the first 2 s: the recorder and the session's start.
+    for (qsizetype start = 2 * kRate; start + kWindow < count - kRate / 10; start += kWindow) {
+        double energy = 0;
+        for (qsizetype i = start; i < start + kWindow; ++i)
+            energy += double(samples[i]) * samples[i] / (32768.0 * 32768.0);
+        silentWindows = std::sqrt(energy / kWindow) < 0.01 ? silentWindows + 1 : 0;
+        gaps += silentWindows == 3 ? 1 : 0;
+        longestGapMs = std::max(longestGapMs, silentWindows * 5.0);
+    }
+    state.counters["added_latency_start_ms"] = first;
+    state.counters["added_latency_end_ms"] = last;
+    state.counters["gaps_over_10ms"] = gaps;
+    state.counters["longest_gap_ms"] = longestGapMs;
+    state.counters["recorded_s"] = double(count) / kRate;
+    state.SetLabel(QStringLiteral("one boosted session playing %1 s").arg(seconds).toStdString());
+}
+BENCHMARK(BM_LongPlay)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

@@ -12,6 +12,7 @@
 #include "PrivateSoundServer.h"
 #include "TestSupport.h"
 
+#include <QFileInfo>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -25,6 +26,7 @@
 namespace {
 
 constexpr int kWaitMs = 20000;
+constexpr int kRate = 48000;
 constexpr double kTolerance = 0.01;
 const QString player = QStringLiteral("org.example.Player");
 const QStringList sinks{QStringLiteral("studio_left"), QStringLiteral("studio_right"),
@@ -98,6 +100,58 @@ private slots:
         tone->waitForFinished();
         QVERIFY(QTest::qWaitFor([&] { return !m_apps->session(player); }, kWaitMs));
         QVERIFY(QTest::qWaitFor([&] { return privateSinks().isEmpty(); }, kWaitMs));
+    }
+
+    // The slider crossing unity both ways while the tone plays, heard on a 48 kHz sink: the path
+    // runs at 48 kHz, so after the limiter nothing is resampled and a sample above the limiter's
+    // tanh(1.5 * 0.5) = 0.635 can only be the old and new path heard together.
+    void sliderSweepHasNoGapAndNothingAboveTheLimiter() {
+        QVERIFY(m_server->pactl(
+            {"load-module", "module-null-sink", "sink_name=sweep", "rate=48000", "channels=2"}));
+        startManager();
+        QVERIFY(QTest::qWaitFor([&] { return m_audio->deviceIDForOutputUID("sweep").has_value(); },
+                                kWaitMs));
+        auto tone = startPlayer();
+        QVERIFY(tone);
+        m_apps->setRoutes(player, {QStringLiteral("sweep")});
+        m_apps->setVolume(player, 0.8);
+        const QString path = m_directory.filePath(QStringLiteral("sweep.raw"));
+        QProcess recorder;
+        recorder.start("parecord",
+                       {"--device=sweep.monitor", "--raw", "--format=s16le", "--channels=1",
+                        "--channel-map=front-left", "--rate=48000", "--latency-msec=5", path});
+        // Under load parecord starts late: sweep only once it records the routed tone.
+        QVERIFY(QTest::qWaitFor([&] { return QFileInfo(path).size() > kRate * 2 / 2; }, kWaitMs));
+        for (double volume : {1.5, 0.8, 1.5, 0.8}) {
+            m_apps->setVolume(player, volume);
+            QTest::qWait(700);
+        }
+        ::kill(pid_t(recorder.processId()), SIGTERM);
+        QVERIFY(recorder.waitForFinished(kWaitMs));
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QByteArray recording = file.readAll();
+        const auto* samples = reinterpret_cast<const std::int16_t*>(recording.constData());
+        const qsizetype count = recording.size() / 2;
+        constexpr int kWindow = kRate / 200; // 5 ms
+        int silentWindows = 0;
+        int longestGapMs = 0;
+        double loudest = 0;
+        // The recording's first and last 100 ms are its own start and end.
+        for (qsizetype start = kRate / 10; start + kWindow < count - kRate / 10; start += kWindow) {
+            double energy = 0;
+            for (qsizetype i = start; i < start + kWindow; ++i) {
+                const double x = samples[i] / 32768.0;
+                energy += x * x;
+                loudest = std::max(loudest, std::abs(x));
+            }
+            silentWindows = std::sqrt(energy / kWindow) < 0.01 ? silentWindows + 1 : 0;
+            longestGapMs = std::max(longestGapMs, silentWindows * 5);
+        }
+        QVERIFY2(longestGapMs <= 50, qPrintable(QStringLiteral("gap %1 ms").arg(longestGapMs)));
+        // Heard through the limiter, and never louder.
+        QVERIFY2(loudest > 0.635 - kTolerance && loudest < 0.635 + kTolerance,
+                 qPrintable(QStringLiteral("peak %1").arg(loudest)));
     }
 
     void theAppPlaysAsBeforeAfterOndrilEnds_data() {

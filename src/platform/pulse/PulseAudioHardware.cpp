@@ -650,7 +650,8 @@ OSStatus PulseAudioHardware::AudioHardwareDestroyProcessTap(AudioObjectID tapID)
 }
 
 // A private aggregate of one tap and its destinations: every destination gets a playback stream
-// of its own, so "stacked" and the clock master need nothing further.
+// of its own, so "stacked" needs nothing further; on PulseAudio each stream follows its sink's
+// clock through a rate controller, PipeWire does that by itself.
 OSStatus PulseAudioHardware::createTapAggregate(const QVariantMap& description,
                                                 AudioObjectID& outDeviceID) {
     const QVariantList taps = description.value(kAudioAggregateDeviceTapListKey).toList();
@@ -670,8 +671,8 @@ OSStatus PulseAudioHardware::createTapAggregate(const QVariantMap& description,
         return kAudioHardwareBadDeviceError;
     outDeviceID =
         m_ids.idFor(Kind::TapAggregate, description.value(kAudioAggregateDeviceUIDKey).toString());
-    m_tapAggregates[outDeviceID] =
-        std::make_unique<PulseTapAggregate>(tap->first, tap->second->sinkName(), destinations);
+    m_tapAggregates[outDeviceID] = std::make_unique<PulseTapAggregate>(
+        tap->first, tap->second->sinkName(), destinations, !isPipeWire());
     return kAudioHardwareNoError;
 }
 

@@ -10,6 +10,7 @@
 
 #include <QElapsedTimer>
 #include <QThread>
+#include <QTimer>
 
 #include <algorithm>
 
@@ -47,6 +48,10 @@ Readiness readinessOf(pa_stream* stream) {
     }
 }
 
+// Readings of the destinations' levels, and how many make one adjustment of their rates.
+constexpr int kRateReadingMs = 100;
+constexpr int kReadingsPerAdjustment = 10;
+
 std::uint32_t bytesOf(std::uint32_t milliseconds) {
     return std::uint32_t(pa_usec_to_bytes(pa_usec_t(milliseconds) * 1000, &kSpec));
 }
@@ -54,10 +59,11 @@ std::uint32_t bytesOf(std::uint32_t milliseconds) {
 } // namespace
 
 PulseTapAggregate::PulseTapAggregate(AudioObjectID tapID, const QString& tapSink,
-                                     const QStringList& destinationSinks)
+                                     const QStringList& destinationSinks, bool matchClocks)
     : m_tapID(tapID)
     , m_tapSink(tapSink)
-    , m_destinationSinks(destinationSinks) {}
+    , m_destinationSinks(destinationSinks)
+    , m_matchClocks(matchClocks) {}
 
 PulseTapAggregate::~PulseTapAggregate() {
     stop();
@@ -81,7 +87,38 @@ OSStatus PulseTapAggregate::start() {
         return kAudioHardwareNotRunningError;
     }
     restartTapClock();
+    if (m_matchClocks)
+        matchClocks();
     return kAudioHardwareNoError;
+}
+
+// The controller runs on the main thread, under the loop's lock, not in a time event of the
+// aggregate's own loop: that loop is the audio thread, and pa_stream_update_sample_rate builds a
+// command packet and an operation (allocations). The lock is held for a few readings only, so the
+// audio thread waits no longer for it than for any other libpulse call of the main thread.
+void PulseTapAggregate::matchClocks() {
+    m_rateControllers.assign(m_playback.size(), PlaybackRateController(kRate));
+    m_rateReadings = 0;
+    m_rateTimer = std::make_unique<QTimer>();
+    m_rateTimer->setInterval(kRateReadingMs);
+    QObject::connect(m_rateTimer.get(), &QTimer::timeout, [this] {
+        const bool adjust = ++m_rateReadings % kReadingsPerAdjustment == 0;
+        pa_threaded_mainloop_lock(m_mainloop);
+        for (std::size_t i = 0; i < m_playback.size(); ++i) {
+            PlaybackRateController& controller = m_rateControllers[i];
+            if (const auto level = bufferedUsec(m_playback[i]))
+                controller.addLevel(*level);
+            if (!adjust)
+                continue;
+            const std::uint32_t before = controller.rate();
+            if (const std::uint32_t rate = controller.adjust(); rate != before)
+                if (pa_operation* operation =
+                        pa_stream_update_sample_rate(m_playback[i], rate, nullptr, nullptr))
+                    pa_operation_unref(operation);
+        }
+        pa_threaded_mainloop_unlock(m_mainloop);
+    });
+    m_rateTimer->start();
 }
 
 // A null sink nobody asked for low latency renders up to 2 s ahead as soon as it exists, and its
@@ -112,12 +149,14 @@ bool PulseTapAggregate::connectStreams() {
         // is then silent for little more than one fragment.
         const pa_buffer_attr attributes{std::uint32_t(-1), bytesOf(kTargetMs), bytesOf(kFragmentMs),
                                         std::uint32_t(-1), std::uint32_t(-1)};
-        connected = connected &&
-                    pa_stream_connect_playback(
-                        stream, sink.toUtf8().constData(), &attributes,
-                        pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
-                                          PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_DONT_MOVE),
-                        nullptr, nullptr) == 0;
+        connected =
+            connected &&
+            pa_stream_connect_playback(
+                stream, sink.toUtf8().constData(), &attributes,
+                pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
+                                  PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_DONT_MOVE |
+                                  (m_matchClocks ? PA_STREAM_VARIABLE_RATE : PA_STREAM_NOFLAGS)),
+                nullptr, nullptr) == 0;
     }
     m_record = connected ? pa_stream_new(m_context, "Ondril tap", &kSpec, nullptr) : nullptr;
     if (m_record) {
@@ -158,6 +197,8 @@ bool PulseTapAggregate::waitUntilReady() {
 void PulseTapAggregate::stop() {
     if (!m_mainloop)
         return;
+    m_rateTimer.reset();
+    m_rateControllers.clear();
     pa_threaded_mainloop_lock(m_mainloop);
     if (m_record) {
         pa_stream_set_read_callback(m_record, nullptr, nullptr);
@@ -214,17 +255,19 @@ void PulseTapAggregate::play(const float* frames, std::size_t frameCount) {
     }
 }
 
-// What a destination holds beyond the sink's own latency, from the interpolated timing.
 bool PulseTapAggregate::playbackOverfull() const {
-    for (pa_stream* destination : m_playback) {
-        const pa_timing_info* timing = pa_stream_get_timing_info(destination);
-        pa_usec_t latency = 0;
-        int negative = 0;
-        if (!timing || pa_stream_get_latency(destination, &latency, &negative) < 0 || negative)
-            continue;
-        const pa_usec_t buffered = latency > timing->sink_usec ? latency - timing->sink_usec : 0;
-        if (buffered > 2 * pa_usec_t(kTargetMs) * 1000)
+    for (pa_stream* destination : m_playback)
+        if (const auto level = bufferedUsec(destination);
+            level && *level > 2 * std::int64_t(kTargetMs) * 1000)
             return true;
-    }
     return false;
+}
+
+std::optional<std::int64_t> PulseTapAggregate::bufferedUsec(pa_stream* destination) {
+    const pa_timing_info* timing = pa_stream_get_timing_info(destination);
+    pa_usec_t latency = 0;
+    int negative = 0;
+    if (!timing || pa_stream_get_latency(destination, &latency, &negative) < 0 || negative)
+        return std::nullopt;
+    return latency > timing->sink_usec ? std::int64_t(latency - timing->sink_usec) : 0;
 }

@@ -2,10 +2,16 @@
 
 #include "platform/AudioHardwareTypes.h"
 
+#include "platform/pulse/PlaybackRateController.h"
+
 #include <QString>
 #include <QStringList>
 
+#include <memory>
+#include <optional>
 #include <vector>
+
+class QTimer;
 
 struct pa_threaded_mainloop;
 struct pa_context;
@@ -17,6 +23,10 @@ struct pa_stream;
 // to one playback stream per destination (30 ms target). When a destination's buffer holds more
 // than twice its target, captured frames are dropped instead, so that latency cannot creep up.
 //
+// On PulseAudio the destinations' clocks are not the tap's: each playback stream runs at a variable
+// rate that a PlaybackRateController on the main thread adjusts once a second (PipeWire matches
+// rates by itself).
+//
 // Everything the audio thread uses is made before the streams start; there it allocates, locks,
 // logs and waits for nothing of its own, and touches no Qt object.
 class PulseTapAggregate {
@@ -26,9 +36,9 @@ public:
     static constexpr std::uint32_t kFragmentMs = 10;
     static constexpr std::uint32_t kTargetMs = 30;
 
-    // Reads the monitor of `tapSink`.
+    // Reads the monitor of `tapSink`; `matchClocks` runs the destinations at a controlled rate.
     PulseTapAggregate(AudioObjectID tapID, const QString& tapSink,
-                      const QStringList& destinationSinks);
+                      const QStringList& destinationSinks, bool matchClocks);
     ~PulseTapAggregate();
     PulseTapAggregate(const PulseTapAggregate&) = delete;
     PulseTapAggregate& operator=(const PulseTapAggregate&) = delete;
@@ -47,15 +57,19 @@ private:
     static void captured(pa_stream* stream, std::size_t bytes, void* userdata);
     void play(const float* frames, std::size_t frameCount);
     bool playbackOverfull() const;
+    // What a destination holds beyond the sink's own latency, from the interpolated timing.
+    static std::optional<std::int64_t> bufferedUsec(pa_stream* destination);
 
     // Main thread.
     bool connectStreams();
     bool waitUntilReady();
     void restartTapClock();
+    void matchClocks();
 
     const AudioObjectID m_tapID;
     const QString m_tapSink;
     const QStringList m_destinationSinks;
+    const bool m_matchClocks;
     AudioDeviceIOBlock m_block;
     pa_threaded_mainloop* m_mainloop = nullptr;
     pa_context* m_context = nullptr;
@@ -63,4 +77,7 @@ private:
     std::vector<pa_stream*> m_playback;
     std::vector<float> m_output; // one chunk, interleaved
     double m_sampleTime = 0;
+    std::vector<PlaybackRateController> m_rateControllers; // one per destination
+    std::unique_ptr<QTimer> m_rateTimer;
+    int m_rateReadings = 0;
 };
