@@ -17,6 +17,8 @@ packages=(
     pulseaudio pulseaudio-utils pipewire pipewire-pulse wireplumber
     # headless desktop for the tests
     xvfb xauth xdotool dbus fonts-dejavu-core
+    # a compositing manager, so that the screenshots show the panel's translucent margin
+    xcompmgr
 )
 
 if [[ "${1:-}" == --fuzz ]]; then

@@ -7,6 +7,7 @@
 #include "platform/DisplayPlatform.h"
 #include "platform/QuitSignals.h"
 
+#include <QApplication>
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QGuiApplication>
@@ -151,7 +152,8 @@ int runInstance(int argc, char* argv[], const Invocation& invocation, bool headl
         if (const auto status = handOverIfRunning(argc, argv))
             return *status;
         DisplayPlatform::choose();
-        app = std::make_unique<QGuiApplication>(argc, argv);
+        // Widgets only for the tray icon's fallback on desktops without a StatusNotifierItem host.
+        app = std::make_unique<QApplication>(argc, argv);
     }
     // From here on SIGTERM and SIGINT end the event loop, so that a clean quit stops every session.
     const QuitSignals quitSignals;

@@ -4,6 +4,7 @@
 #include "groups/GroupManager.h"
 #include "platform/tray/DBusMenuExporter.h"
 #include "platform/tray/StatusNotifierItem.h"
+#include "platform/tray/SystemTrayFallback.h"
 #include "ui/Appearance.h"
 #include "ui/IconCatalogue.h"
 #include "ui/panel/PanelController.h"
@@ -42,11 +43,12 @@ bool StatusItemController::start() {
     connect(m_item.get(), &StatusNotifierItem::secondaryActivated, this,
             [this](QPoint at) { handleStatusItemClick(at, true); });
     connect(m_item.get(), &StatusNotifierItem::scrolled, this, &StatusItemController::handleScroll);
-    connect(m_item.get(), &StatusNotifierItem::registered, this, &StatusItemController::registered);
-    connect(m_item.get(), &StatusNotifierItem::hostMissing, this, [] {
-        std::fprintf(stderr, "ondril: the desktop has no StatusNotifierItem host; the tray icon "
-                             "shows once one starts\n");
+    connect(m_item.get(), &StatusNotifierItem::registered, this, [this] {
+        m_fallback.reset(); // a host has come: the item shows there
+        emit registered();
     });
+    connect(m_item.get(), &StatusNotifierItem::hostMissing, this,
+            &StatusItemController::fallBackToSystemTray);
 
     // The icon follows the group manager after each change has been stored.
     for (auto signal : {&GroupManager::activeGroupIDChanged, &GroupManager::isMutedChanged,
@@ -80,8 +82,24 @@ void StatusItemController::updateStatusIcon() {
     const auto group = m_groups.activeGroup();
     const QString symbol =
         statusSymbol(group ? std::optional(group->masterVolume) : std::nullopt, m_groups.isMuted());
-    m_item->setIcon(IconCatalogue::themeName(symbol),
-                    IconCatalogue::icon(symbol, Appearance::shared().palette().textPrimary));
+    const QIcon icon = IconCatalogue::icon(symbol, Appearance::shared().palette().textPrimary);
+    m_item->setIcon(IconCatalogue::themeName(symbol), icon);
+    if (m_fallback)
+        m_fallback->setIcon(icon);
+}
+
+void StatusItemController::fallBackToSystemTray() {
+    if (m_fallback)
+        return;
+    std::fprintf(stderr, "ondril: the desktop has no StatusNotifierItem host; using a plain tray "
+                         "icon (no scrolling on it)\n");
+    m_fallback = std::make_unique<SystemTrayFallback>([this] { return statusMenu(); });
+    connect(m_fallback.get(), &SystemTrayFallback::activated, this, [this](QPoint at) {
+        handleStatusItemClick(at, QGuiApplication::queryKeyboardModifiers() & Qt::AltModifier);
+    });
+    connect(m_fallback.get(), &SystemTrayFallback::secondaryActivated, this,
+            [this](QPoint at) { handleStatusItemClick(at, true); });
+    updateStatusIcon();
 }
 
 void StatusItemController::handleStatusItemClick(QPoint at, bool optionHeld) {

@@ -15,10 +15,12 @@ class DBusMenuExporter;
 class GroupManager;
 class PanelController;
 class StatusNotifierItem;
+class SystemTrayFallback;
 
 // The tray icon: shows the active group's state, opens the panel on a click, toggles mute on a
 // middle click or an Alt click, offers the menu on a right click, and steps the volume on a
-// scroll. Realised as a StatusNotifierItem with its menu over dbusmenu.
+// scroll. Realised as a StatusNotifierItem with its menu over dbusmenu, or as Qt's own tray icon
+// while the desktop has no StatusNotifierItem host.
 class StatusItemController : public QObject {
     Q_OBJECT
 
@@ -41,6 +43,9 @@ public:
     bool handleScroll(int delta, Qt::Orientation orientation);
     QList<StatusMenuItem> statusMenu();
 
+    // True while the desktop has no StatusNotifierItem host and Qt's own tray icon stands in.
+    bool usesSystemTrayFallback() const { return m_fallback != nullptr; }
+
     // The tray icon's symbol for the active group's state (none: no group active).
     static QString statusSymbol(std::optional<double> activeMasterVolume, bool muted);
     // A scroll delta as a volume step: whole wheel lines of 120 at 0.03 each, anything finer as
@@ -55,6 +60,7 @@ signals:
     void registered();
 
 private:
+    void fallBackToSystemTray();
     void openPanelFromMenu();
     void openSupportURL(const QString& url);
 
@@ -64,5 +70,6 @@ private:
     QDBusConnection m_bus;
     std::unique_ptr<StatusNotifierItem> m_item;
     std::unique_ptr<DBusMenuExporter> m_menu;
+    std::unique_ptr<SystemTrayFallback> m_fallback;
     std::optional<QPoint> m_lastClick;
 };

@@ -2,15 +2,20 @@
 #include "ui/Appearance.h"
 #include "ui/panel/PanelController.h"
 
+#include <QApplication>
 #include <QDir>
 #include <QImage>
+#include <QProcess>
 #include <QQuickView>
+#include <QScreen>
 #include <QSet>
+#include <QStandardPaths>
 #include <QTest>
 
-// Renders the panel with a group open, several outputs and two inputs, in the scheme the
-// environment gives (ONDRIL_APPEARANCE), to panel-<scheme>.png under ONDRIL_SCREENSHOT_DIR or
-// beside the test. scripts/screenshots.sh runs it once per scheme.
+// Renders the panel with a group open, several outputs, two inputs and three apps, in the scheme
+// the environment gives (ONDRIL_APPEARANCE), to panel-<scheme>.png under ONDRIL_SCREENSHOT_DIR or
+// beside the test. scripts/screenshots.sh runs it once per scheme. On an X server with xcompmgr
+// the picture is taken from the screen, so that the translucent margin shows over a backdrop.
 class TestPanelScreenshot : public QObject {
     Q_OBJECT
 
@@ -37,13 +42,45 @@ private slots:
         rig.apps->markPermissionGranted();
         rig.apps->setVolume(QStringLiteral("org.example.Player"), 2.0);
         rig.apps->setMuted(QStringLiteral("org.example.Browser"), true);
+        rig.apps->setVolume(QStringLiteral("org.example.Radio"), 0.8);
+        rig.apps->refresh();
+        settle();
+
+        // A desktop behind the panel, and a compositor that blends the panel's margin onto it.
+        const bool onX = QGuiApplication::platformName() == QLatin1String("xcb");
+        QProcess compositor;
+        const QString xcompmgr = QStandardPaths::findExecutable(QStringLiteral("xcompmgr"));
+        if (onX && !xcompmgr.isEmpty())
+            compositor.start(xcompmgr, {});
+        QQuickWindow backdrop;
+        backdrop.setFlags(Qt::FramelessWindowHint);
+        backdrop.setColor(Appearance::shared().isDark() ? QColor(0x3b, 0x4a, 0x5c)
+                                                        : QColor(0xa9, 0xbc, 0xcf));
+        backdrop.setGeometry(QGuiApplication::primaryScreen()->geometry());
+        if (onX)
+            backdrop.show();
 
         PanelController& panel = *rig.panel;
         panel.show(QPoint(1200, 10));
         QVERIFY(QTest::qWaitForWindowExposed(panel.window()));
+        // The radio plays at a level.
+        GainBox& radio = rig.apps->session(QStringLiteral("org.example.Radio"))->gain();
+        for (int tick = 0; tick < 20; ++tick) {
+            radio.peak = 0.5f;
+            QTest::qWait(AppAudioManager::meterIntervalMs);
+        }
         settle();
-        QTest::qWait(300); // icons and animations settle
-        const QImage image = panel.window()->grabWindow();
+        QTest::qWait(300); // icons, animations and the compositor settle
+        const QRect onScreen =
+            panel.window()->geometry().intersected(QGuiApplication::primaryScreen()->geometry());
+        const QImage image = compositor.state() == QProcess::Running
+                                 ? QGuiApplication::primaryScreen()
+                                       ->grabWindow(0, onScreen.x(), onScreen.y(), onScreen.width(),
+                                                    onScreen.height())
+                                       .toImage()
+                                 : panel.window()->grabWindow();
+        compositor.terminate();
+        compositor.waitForFinished();
 
         // Not blank: the surface is opaque and the rows draw many colours on it.
         QCOMPARE(qAlpha(image.pixel(200, 60)), 255);
@@ -61,5 +98,16 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestPanelScreenshot)
+int main(int argc, char* argv[]) {
+    // In the test environment the panel stands on its X server (Xvfb), as on a desktop.
+    // Xvfb's GLX drawing into a redirected window never reaches the compositor's picture: the
+    // software renderer draws the same scene where xcompmgr sees it.
+    if (qEnvironmentVariableIsSet("ONDRIL_TEST_SANDBOX") && qEnvironmentVariableIsSet("DISPLAY")) {
+        qputenv("QT_QPA_PLATFORM", "xcb");
+        QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
+    }
+    QApplication app(argc, argv);
+    TestPanelScreenshot test;
+    return QTest::qExec(&test, argc, argv);
+}
 #include "tst_panelscreenshot.moc"

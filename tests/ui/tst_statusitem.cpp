@@ -3,6 +3,7 @@
 #include "platform/tray/StatusNotifierTypes.h"
 #include "ui/StatusItemController.h"
 
+#include <QApplication>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
 #include <QDBusReply>
@@ -157,18 +158,44 @@ private slots:
         QVERIFY(pixmaps.first().data.count('\0') < pixmaps.first().data.size());
     }
 
+    // On the test environment's 1280x800 X screen: a tray at the top opens the panel downward
+    // from 6 below the top (window 40 above that for the shadow), one at the bottom upward.
+    void activateTogglesThePanelWithTheReopenGuard_data() {
+        QTest::addColumn<QPoint>("click");
+        QTest::addColumn<int>("x");
+        QTest::addColumn<int>("anchoredEdge"); // the window's top, or its bottom for a low click
+        QTest::newRow("top tray, clamped to the right") << QPoint(1500, 10) << 916 << -34;
+        QTest::newRow("bottom tray") << QPoint(600, 790) << 242 << 834;
+    }
     void activateTogglesThePanelWithTheReopenGuard() {
-        callTray(QStringLiteral("Activate"), {1500, 10});
-        QVERIFY(m_panel->isVisible());
-        const QRect screen = QGuiApplication::primaryScreen()->availableGeometry();
-        QCOMPARE(m_panel->window()->x(), std::min(1502, screen.right() + 1 - 4) - 360);
-        callTray(QStringLiteral("Activate"), {1500, 10});
+        QFETCH(QPoint, click);
+        QFETCH(int, x);
+        QFETCH(int, anchoredEdge);
+        QCOMPARE(QGuiApplication::primaryScreen()->geometry(), QRect(0, 0, 1280, 800));
+        const QVariantList at{click.x(), click.y()};
+        callTray(QStringLiteral("Activate"), at);
+        QVERIFY(QTest::qWaitForWindowExposed(m_panel->window()));
+        const QRect window = m_panel->window()->geometry();
+        QCOMPARE(window.x(), x);
+        QCOMPARE(click.y() < 400 ? window.top() : window.bottom() + 1, anchoredEdge);
+        callTray(QStringLiteral("Activate"), at);
         QVERIFY(!m_panel->isVisible());
-        callTray(QStringLiteral("Activate"), {1500, 10});
+        callTray(QStringLiteral("Activate"), at);
         QVERIFY2(!m_panel->isVisible(), "a click right after a close does not reopen");
         QTest::qWait(PanelController::reopenGuardMs + 50);
-        callTray(QStringLiteral("Activate"), {1500, 10});
+        callTray(QStringLiteral("Activate"), at);
         QVERIFY(m_panel->isVisible());
+    }
+
+    void fallsBackToQtsTrayIconWhileNoHostIsThere() {
+        m_tray.reset();
+        QVERIFY(hostBus().unregisterService(StatusNotifierItem::watcherService));
+        m_tray = std::make_unique<StatusItemController>(*m_rig->manager, *m_rig->settings, *m_panel,
+                                                        QDBusConnection::sessionBus());
+        QVERIFY(m_tray->start());
+        QTRY_VERIFY(m_tray->usesSystemTrayFallback());
+        QVERIFY(hostBus().registerService(StatusNotifierItem::watcherService));
+        QTRY_VERIFY(!m_tray->usesSystemTrayFallback());
     }
 
     void scrollStepsTheActiveGroupsVolume() {
@@ -229,5 +256,12 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestStatusItem)
+int main(int argc, char* argv[]) {
+    // In the test environment the panel stands on its X server (Xvfb), where placement is real.
+    if (qEnvironmentVariableIsSet("ONDRIL_TEST_SANDBOX") && qEnvironmentVariableIsSet("DISPLAY"))
+        qputenv("QT_QPA_PLATFORM", "xcb");
+    QApplication app(argc, argv);
+    TestStatusItem test;
+    return QTest::qExec(&test, argc, argv);
+}
 #include "tst_statusitem.moc"

@@ -57,12 +57,21 @@ Item {
                     height: 22
                     sourceSize: Qt.size(22, 22)
                 }
-                Symbol {
+                // Without an icon of its own the app shows a glyph on a tile of the icon's size.
+                Rectangle {
                     anchors.centerIn: parent
                     visible: !appIcon.visible
-                    symbol: "app.fill"
-                    size: 11
-                    tint: row.palette.textTertiary
+                    width: 22
+                    height: 22
+                    radius: 5
+                    color: row.palette.rowHover
+
+                    Symbol {
+                        anchors.centerIn: parent
+                        symbol: "app.fill"
+                        size: 11
+                        tint: row.palette.textTertiary
+                    }
                 }
             }
 

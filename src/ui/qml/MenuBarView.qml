@@ -25,6 +25,25 @@ Item {
     }
     onContentHeightChanged: heightReported(contentHeight)
 
+    // The drop shadow the margin is for: window managers give a frameless window none. Faint
+    // rings widening into the margin add up to a soft edge, darkest next to the surface.
+    Repeater {
+        model: 8
+
+        Rectangle {
+            required property int index
+            readonly property real spread: (index + 1) * 2.5
+
+            x: 40 - spread
+            y: 40 - spread + 4
+            width: 320 + 2 * spread
+            height: view.contentHeight + 2 * spread
+            radius: 14 + spread
+            color: "black"
+            opacity: view.dark ? 0.06 : 0.025
+        }
+    }
+
     Rectangle {
         id: surface
         x: 40
