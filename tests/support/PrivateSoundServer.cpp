@@ -192,7 +192,7 @@ bool PrivateSoundServer::startPipeWire() {
     timer.start();
     while (!QFile::exists(m_runtime + "/pipewire-0") && timer.elapsed() < 5000)
         QThread::msleep(20);
-    for (const QString& program : {"wireplumber", "pipewire-pulse"}) {
+    for (const char* program : {"wireplumber", "pipewire-pulse"}) {
         auto process = spawn(program, {}, program);
         if (!process)
             return false;
