@@ -54,15 +54,11 @@ private slots:
         QTest::newRow("overlay: absent") << hud << QVariant() << true;
         QTest::newRow("overlay: string no") << hud << QVariant(QStringLiteral("no")) << true;
         QTest::newRow("overlay: stored false") << hud << QVariant(false) << false;
-        QTest::newRow("sound: absent") << SettingsKeys::switchSound << QVariant() << true;
-        QTest::newRow("analytics: absent") << SettingsKeys::analyticsEnabled << QVariant() << true;
         QTest::newRow("analytics: stored false")
             << SettingsKeys::analyticsEnabled << QVariant(false) << false;
         QTest::newRow("pin: absent") << pin << QVariant() << false;
         QTest::newRow("pin: number 1") << pin << QVariant(1.0) << false;
         QTest::newRow("pin: stored true") << pin << QVariant(true) << true;
-        QTest::newRow("auto outputs: absent")
-            << SettingsKeys::autoSwitchGroups << QVariant() << false;
         QTest::newRow("auto inputs: string true")
             << SettingsKeys::autoSwitchInputs << QVariant(QStringLiteral("true")) << false;
         QTest::newRow("auto inputs: stored true")
@@ -77,10 +73,8 @@ private slots:
             QVERIFY(m_defaults->setObject(stored, key));
         const QMap<QString, bool (AppSettings::*)() const> readers{
             {SettingsKeys::showVolumeHUD, &AppSettings::showVolumeHUD},
-            {SettingsKeys::switchSound, &AppSettings::switchSound},
             {SettingsKeys::analyticsEnabled, &AppSettings::analyticsEnabled},
             {SettingsKeys::pinPanel, &AppSettings::pinPanel},
-            {SettingsKeys::autoSwitchGroups, &AppSettings::autoSwitchGroups},
             {SettingsKeys::autoSwitchInputs, &AppSettings::autoSwitchInputs}};
         QCOMPARE((m_settings.get()->*readers.value(key))(), expected);
         // Reading never writes a default.

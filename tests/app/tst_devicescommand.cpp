@@ -3,9 +3,6 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -91,27 +88,6 @@ private slots:
         QVERIFY(process.waitForFinished(20000));
         QCOMPARE(process.exitStatus(), QProcess::NormalExit);
         QCOMPARE(process.exitCode(), 0);
-    }
-
-    void jsonListsEveryDeviceWithTheSameKeysAndMarksDefaults() {
-        const TestSupport::Run run = runOndril({"--backend=simulated", "devices", "--json"});
-        QCOMPARE(run.exitCode, 0);
-        const QJsonObject root = QJsonDocument::fromJson(run.out.toUtf8()).object();
-        QCOMPARE(root.keys(), (QStringList{"inputs", "outputs"}));
-        const QStringList deviceKeys{"displayName", "id",   "isAirPlay", "isDefault",
-                                     "muted",       "name", "uid",       "volume"};
-        QStringList defaults;
-        for (const QString list : {"outputs", "inputs"}) {
-            for (const QJsonValue& value : root.value(list).toArray()) {
-                const QJsonObject device = value.toObject();
-                QCOMPARE(device.keys(), deviceKeys);
-                QVERIFY(device.value("muted").isBool());
-                QCOMPARE(device.value("volume").isDouble(), list == "outputs");
-                if (device.value("isDefault").toBool())
-                    defaults.append(device.value("name").toString());
-            }
-        }
-        QCOMPARE(defaults, (QStringList{"Built-in Speakers", "USB Microphone"}));
     }
 
     void humanTableMarksTheDefaultsAndLinesUpItsColumns() {

@@ -69,9 +69,15 @@ private slots:
         QVERIFY2(!microphone.isEmpty(), qPrintable(run.out));
         QCOMPARE(microphone.value("name").toString(), input.description);
         QCOMPARE(microphone.value("muted"), QJsonValue(true));
-        // Monitors are not inputs.
-        for (const auto& device : inputs)
+        // Monitors are not inputs; every device has the same keys.
+        const QStringList keys{"displayName", "id",   "isAirPlay", "isDefault",
+                               "muted",       "name", "uid",       "volume"};
+        for (const auto& device : inputs) {
             QVERIFY(!device.toObject().value("uid").toString().endsWith(".monitor"));
+            QCOMPARE(device.toObject().keys(), keys);
+        }
+        for (const auto& device : outputs)
+            QCOMPARE(device.toObject().keys(), keys);
     }
 
     // What `auto` does without a server is proven on the backend itself.

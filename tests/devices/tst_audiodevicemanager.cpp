@@ -53,55 +53,27 @@ private slots:
         QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
     }
 
-    // Which devices are listed where, and under which UID and name. "-" stands for a missing UID
+    // Which devices are listed where, and under which UID and name: uid|name|output channels|
+    // input channels|listed ("output", "input" or none)|shown name. "-" stands for a missing UID
     // or name; -1 output channels for an unreadable stream configuration.
     void enumerationKeepsAndLeavesOutDevices_data() {
-        QTest::addColumn<QString>("uid");
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<int>("outputChannels");
-        QTest::addColumn<int>("inputChannels");
-        QTest::addColumn<QString>("listed"); // "output", "input" or ""
-        QTest::addColumn<QString>("shownName");
-        const QString group = "com.kestrivane.ondril.group.3F2504E0-4F89-11D3-9A0C-0305E82C3301";
-        QTest::newRow("plain output") << "dock"
-                                      << "Dock" << 2 << 0 << "output"
-                                      << "Dock";
-        QTest::newRow("default aggregate by uid") << "CADefaultDeviceAggregate-1234-0"
-                                                  << "Speakers" << 2 << 0 << ""
-                                                  << "";
-        QTest::newRow("default aggregate by name") << "agg-0"
-                                                   << "CADefaultDeviceAggregate-77" << 2 << 0 << ""
-                                                   << "";
-        QTest::newRow("default aggregate name does not hide an input")
-            << "agg-1"
-            << "CADefaultDeviceAggregate-78" << 0 << 1 << "input"
-            << "CADefaultDeviceAggregate-78";
-        QTest::newRow("group aggregate is an output, never an input")
-            << group << "Both Displays" << 2 << 2 << "output"
-            << "Both Displays";
-        QTest::newRow("unreadable stream configuration") << "dock"
-                                                         << "Dock" << -1 << 2 << ""
-                                                         << "";
-        QTest::newRow("no channels at all") << "dock"
-                                            << "Dock" << 0 << 0 << ""
-                                            << "";
-        QTest::newRow("missing uid is kept as empty") << "-"
-                                                      << "Mystery" << 2 << 0 << "output"
-                                                      << "Mystery";
-        QTest::newRow("missing uid does not hide an input") << "-"
-                                                            << "Mic" << 0 << 1 << "input"
-                                                            << "Mic";
-        QTest::newRow("missing name") << "dock"
-                                      << "-" << 2 << 0 << "output"
-                                      << "Unknown Device";
+        QTest::addColumn<QString>("row");
+        for (const char* row :
+             {"dock|Dock|2|0|output|Dock", "CADefaultDeviceAggregate-1234-0|Speakers|2|0||",
+              "agg-0|CADefaultDeviceAggregate-77|2|0||",
+              "agg-1|CADefaultDeviceAggregate-78|0|1|input|CADefaultDeviceAggregate-78",
+              "com.kestrivane.ondril.group.3F2504E0-4F89-11D3-9A0C-0305E82C3301|Both Displays|2|2|"
+              "output|Both Displays",
+              "dock|Dock|-1|2||", "dock|Dock|0|0||", "-|Mystery|2|0|output|Mystery",
+              "-|Mic|0|1|input|Mic", "dock|-|2|0|output|Unknown Device"})
+            QTest::newRow(row) << QString(row);
     }
     void enumerationKeepsAndLeavesOutDevices() {
-        QFETCH(QString, uid);
-        QFETCH(QString, name);
-        QFETCH(int, outputChannels);
-        QFETCH(int, inputChannels);
-        QFETCH(QString, listed);
-        QFETCH(QString, shownName);
+        QFETCH(QString, row);
+        const QStringList fields = row.split(u'|');
+        const QString &uid = fields[0], &name = fields[1], &listed = fields[4],
+                      &shownName = fields[5];
+        const int outputChannels = fields[2].toInt(), inputChannels = fields[3].toInt();
         SimulatedAudioHardware hardware;
         hardware.addDevice(outputSpec(QStringLiteral("other"))); // never collateral damage
         Spec spec = outputSpec(uid, name);

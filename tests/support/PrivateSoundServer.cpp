@@ -43,38 +43,29 @@ std::optional<quint32> moduleIndex(const std::optional<QString>& output) {
 
 } // namespace
 
-std::optional<PrivateSoundServer::Kind> PrivateSoundServer::kindFromEnvironment() {
-    const QString text = qEnvironmentVariable("ONDRIL_TEST_SERVER");
-    if (text == QLatin1String("pulse"))
-        return Kind::PulseAudio;
-    if (text == QLatin1String("pipewire"))
-        return Kind::PipeWire;
-    return std::nullopt;
-}
-
 QString PrivateSoundServer::kindName(Kind kind) {
-    return kind == Kind::PulseAudio ? QStringLiteral("pulse") : QStringLiteral("pipewire");
+    return kind == Kind::PulseAudio ? QString("pulse") : QString("pipewire");
 }
 
 std::vector<PrivateSoundServer::Device> PrivateSoundServer::defaultSinks() {
-    return {{QStringLiteral("studio_left"), QStringLiteral("Studio Display Left")},
-            {QStringLiteral("studio_right"), QStringLiteral("Studio Display Right")},
-            {QStringLiteral("airpods"), QStringLiteral("AirPods Pro")},
-            {QStringLiteral("builtin"), QStringLiteral("Built-in Speakers")}};
+    return {{"studio_left", "Studio Display Left"},
+            {"studio_right", "Studio Display Right"},
+            {"airpods", "AirPods Pro"},
+            {"builtin", "Built-in Speakers"}};
 }
 
 PrivateSoundServer::Device PrivateSoundServer::defaultInput() {
-    return {QStringLiteral("studio_mic"), QStringLiteral("Studio Microphone")};
+    return {"studio_mic", "Studio Microphone"};
 }
 
 std::unique_ptr<PrivateSoundServer> PrivateSoundServer::startFromEnvironment(QString& error) {
-    const auto kind = kindFromEnvironment();
-    if (!kind) {
-        error = QStringLiteral(
-            "ONDRIL_TEST_SERVER must name the server to test against (pulse or pipewire)");
+    const QString name = qEnvironmentVariable("ONDRIL_TEST_SERVER");
+    if (name != kindName(Kind::PulseAudio) && name != kindName(Kind::PipeWire)) {
+        error = "ONDRIL_TEST_SERVER must name the server to test against (pulse or pipewire)";
         return nullptr;
     }
-    auto server = std::make_unique<PrivateSoundServer>(*kind);
+    auto server = std::make_unique<PrivateSoundServer>(
+        name == kindName(Kind::PulseAudio) ? Kind::PulseAudio : Kind::PipeWire);
     if (!server->start()) {
         error = server->error();
         return nullptr;
@@ -85,11 +76,11 @@ std::unique_ptr<PrivateSoundServer> PrivateSoundServer::startFromEnvironment(QSt
 PrivateSoundServer::PrivateSoundServer(Kind kind)
     : m_kind(kind) {
     static int instance = 0;
-    m_root = QStringLiteral("%1/sound-%2-%3-%4")
+    m_root = QString("%1/sound-%2-%3-%4")
                  .arg(sandboxRoot(), kindName(kind))
                  .arg(QCoreApplication::applicationPid())
                  .arg(++instance);
-    m_runtime = m_root + QStringLiteral("/runtime");
+    m_runtime = m_root + "/runtime";
 }
 
 PrivateSoundServer::~PrivateSoundServer() {
@@ -97,7 +88,7 @@ PrivateSoundServer::~PrivateSoundServer() {
 }
 
 QString PrivateSoundServer::serverAddress() const {
-    return QStringLiteral("unix:%1/pulse/native").arg(m_runtime);
+    return QString("unix:%1/pulse/native").arg(m_runtime);
 }
 
 bool PrivateSoundServer::isRunning() const {
@@ -115,25 +106,23 @@ std::unique_ptr<QProcess> PrivateSoundServer::spawn(const QString& program,
                                                     const QString& logName) {
     auto process = std::make_unique<QProcess>();
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("XDG_RUNTIME_DIR"), m_runtime);
-    environment.insert(QStringLiteral("HOME"), m_root + QStringLiteral("/home"));
-    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), m_root + QStringLiteral("/home/.config"));
+    environment.insert("XDG_RUNTIME_DIR", m_runtime);
+    environment.insert("HOME", m_root + "/home");
+    environment.insert("XDG_CONFIG_HOME", m_root + "/home/.config");
     // A fresh state directory per start, so that WirePlumber and PulseAudio start clean.
-    const QString state = QStringLiteral("%1/state-%2").arg(m_root).arg(m_generation);
-    environment.insert(QStringLiteral("XDG_STATE_HOME"), state);
-    environment.insert(QStringLiteral("PULSE_STATE_PATH"), state + QStringLiteral("/pulse"));
-    environment.insert(QStringLiteral("PULSE_RUNTIME_PATH"), m_runtime + QStringLiteral("/pulse"));
-    environment.remove(QStringLiteral("PULSE_SERVER"));
-    environment.remove(QStringLiteral("PIPEWIRE_REMOTE"));
-    QDir().mkpath(state + QStringLiteral("/pulse"));
+    const QString state = QString("%1/state-%2").arg(m_root).arg(m_generation);
+    environment.insert("XDG_STATE_HOME", state);
+    environment.insert("PULSE_STATE_PATH", state + "/pulse");
+    environment.insert("PULSE_RUNTIME_PATH", m_runtime + "/pulse");
+    environment.remove("PULSE_SERVER");
+    environment.remove("PIPEWIRE_REMOTE");
+    QDir().mkpath(state + "/pulse");
     process->setProcessEnvironment(environment);
-    process->setStandardOutputFile(m_root + QStringLiteral("/") + logName + QStringLiteral(".log"),
-                                   QIODevice::Append);
-    process->setStandardErrorFile(m_root + QStringLiteral("/") + logName + QStringLiteral(".log"),
-                                  QIODevice::Append);
+    process->setStandardOutputFile(m_root + "/" + logName + ".log", QIODevice::Append);
+    process->setStandardErrorFile(m_root + "/" + logName + ".log", QIODevice::Append);
     process->start(program, arguments);
     if (!process->waitForStarted(5000)) {
-        m_error = QStringLiteral("%1 did not start: %2").arg(program, process->errorString());
+        m_error = QString("%1 did not start: %2").arg(program, process->errorString());
         return nullptr;
     }
     return process;
@@ -146,9 +135,9 @@ bool PrivateSoundServer::start(bool withDevices) {
     QDir().mkpath(m_runtime);
     QFile::setPermissions(m_runtime,
                           QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    QDir().mkpath(m_root + QStringLiteral("/home/.config"));
+    QDir().mkpath(m_root + "/home/.config");
     qputenv("PULSE_SERVER", serverAddress().toUtf8());
-    qputenv("PULSE_RUNTIME_PATH", (m_runtime + QStringLiteral("/pulse")).toUtf8());
+    qputenv("PULSE_RUNTIME_PATH", (m_runtime + "/pulse").toUtf8());
 
     const bool started = m_kind == Kind::PulseAudio ? startPulseAudio() : startPipeWire();
     if (!started) {
@@ -156,7 +145,7 @@ bool PrivateSoundServer::start(bool withDevices) {
         return false;
     }
     if (!waitUntilReady(kReadyTimeoutMs)) {
-        m_error = QStringLiteral("%1 did not answer `pactl info` within %2 ms")
+        m_error = QString("%1 did not answer `pactl info` within %2 ms")
                       .arg(kindName(m_kind))
                       .arg(kReadyTimeoutMs);
         stop();
@@ -170,25 +159,23 @@ bool PrivateSoundServer::start(bool withDevices) {
 }
 
 bool PrivateSoundServer::startPulseAudio() {
-    const QString script = m_root + QStringLiteral("/default.pa");
+    const QString script = m_root + "/default.pa";
     QFile file(script);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return (m_error = QStringLiteral("cannot write %1").arg(script)), false;
+        return (m_error = QString("cannot write %1").arg(script)), false;
     file.write(kPulseScript);
     file.close();
     // PulseAudio limits itself to 256 descriptors by default: not enough for 64 null sinks.
-    QDir().mkpath(m_root + QStringLiteral("/home/.config/pulse"));
-    QFile configuration(m_root + QStringLiteral("/home/.config/pulse/daemon.conf"));
+    QDir().mkpath(m_root + "/home/.config/pulse");
+    QFile configuration(m_root + "/home/.config/pulse/daemon.conf");
     if (configuration.open(QIODevice::WriteOnly | QIODevice::Truncate))
         configuration.write("rlimit-nofile = 4096\n");
     configuration.close();
     // As root PulseAudio only warns that it is meant for --system; a per-user daemon still runs.
-    auto daemon =
-        spawn(QStringLiteral("pulseaudio"),
-              {QStringLiteral("-n"), QStringLiteral("-F"), script, QStringLiteral("--daemonize=no"),
-               QStringLiteral("--exit-idle-time=-1"), QStringLiteral("--use-pid-file=no"),
-               QStringLiteral("--log-target=stderr")},
-              QStringLiteral("pulseaudio"));
+    auto daemon = spawn("pulseaudio",
+                        {"-n", "-F", script, "--daemonize=no", "--exit-idle-time=-1",
+                         "--use-pid-file=no", "--log-target=stderr"},
+                        "pulseaudio");
     if (!daemon)
         return false;
     m_processes.push_back(std::move(daemon));
@@ -196,17 +183,16 @@ bool PrivateSoundServer::startPulseAudio() {
 }
 
 bool PrivateSoundServer::startPipeWire() {
-    auto pipewire = spawn(QStringLiteral("pipewire"), {}, QStringLiteral("pipewire"));
+    auto pipewire = spawn("pipewire", {}, "pipewire");
     if (!pipewire)
         return false;
     m_processes.push_back(std::move(pipewire));
     // WirePlumber connects to the PipeWire socket; give it a moment to appear.
     QElapsedTimer timer;
     timer.start();
-    while (!QFile::exists(m_runtime + QStringLiteral("/pipewire-0")) && timer.elapsed() < 5000)
+    while (!QFile::exists(m_runtime + "/pipewire-0") && timer.elapsed() < 5000)
         QThread::msleep(20);
-    for (const QString& program :
-         {QStringLiteral("wireplumber"), QStringLiteral("pipewire-pulse")}) {
+    for (const char* program : {"wireplumber", "pipewire-pulse"}) {
         auto process = spawn(program, {}, program);
         if (!process)
             return false;
@@ -221,7 +207,7 @@ bool PrivateSoundServer::waitUntilReady(int timeoutMs) {
     while (timer.elapsed() < timeoutMs) {
         if (!isRunning())
             return false;
-        if (pactl({QStringLiteral("info")}, 2000))
+        if (pactl({"info"}, 2000))
             return true;
         QThread::msleep(50);
     }
@@ -231,13 +217,13 @@ bool PrivateSoundServer::waitUntilReady(int timeoutMs) {
 bool PrivateSoundServer::loadDevices() {
     for (const Device& sink : defaultSinks()) {
         if (!loadNullSink(sink.name, sink.description)) {
-            m_error = QStringLiteral("could not load null sink %1").arg(sink.name);
+            m_error = QString("could not load null sink %1").arg(sink.name);
             return false;
         }
     }
     const Device input = defaultInput();
-    if (!loadRemapSource(input.name, input.description, QStringLiteral("studio_left.monitor"))) {
-        m_error = QStringLiteral("could not load remap source %1").arg(input.name);
+    if (!loadRemapSource(input.name, input.description, "studio_left.monitor")) {
+        m_error = QString("could not load remap source %1").arg(input.name);
         return false;
     }
     // Loading is asynchronous on PipeWire: wait until every sink is listed.
@@ -252,7 +238,7 @@ bool PrivateSoundServer::loadDevices() {
             return true;
         QThread::msleep(50);
     }
-    m_error = QStringLiteral("the null sinks did not appear: %1").arg(sinkNames().join(u' '));
+    m_error = QString("the null sinks did not appear: %1").arg(sinkNames().join(u' '));
     return false;
 }
 
@@ -283,7 +269,7 @@ void PrivateSoundServer::resume() {
 
 QProcessEnvironment PrivateSoundServer::clientEnvironment() const {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("PULSE_SERVER"), serverAddress());
+    environment.insert("PULSE_SERVER", serverAddress());
     return environment;
 }
 
@@ -291,7 +277,7 @@ std::optional<QString> PrivateSoundServer::pactl(const QStringList& arguments,
                                                  int timeoutMs) const {
     QProcess process;
     process.setProcessEnvironment(clientEnvironment());
-    process.start(QStringLiteral("pactl"), arguments);
+    process.start("pactl", arguments);
     if (!process.waitForFinished(timeoutMs)) {
         process.kill();
         process.waitForFinished(1000);
@@ -306,33 +292,29 @@ std::optional<quint32> PrivateSoundServer::loadNullSink(const QString& name,
                                                         const QString& description) const {
     // Blanks survive on both servers inside double quotes within single quotes.
     return moduleIndex(
-        pactl({QStringLiteral("load-module"), QStringLiteral("module-null-sink"),
-               QStringLiteral("sink_name=") + name,
-               QStringLiteral("sink_properties='device.description=\"%1\"'").arg(description)}));
+        pactl({"load-module", "module-null-sink", "sink_name=" + name,
+               QString("sink_properties='device.description=\"%1\"'").arg(description)}));
 }
 
 std::optional<quint32> PrivateSoundServer::loadRemapSource(const QString& name,
                                                            const QString& description,
                                                            const QString& master) const {
     return moduleIndex(
-        pactl({QStringLiteral("load-module"), QStringLiteral("module-remap-source"),
-               QStringLiteral("master=") + master, QStringLiteral("source_name=") + name,
-               QStringLiteral("source_properties='device.description=\"%1\"'").arg(description)}));
+        pactl({"load-module", "module-remap-source", "master=" + master, "source_name=" + name,
+               QString("source_properties='device.description=\"%1\"'").arg(description)}));
 }
 
 QString PrivateSoundServer::defaultSinkName() const {
-    return pactl({QStringLiteral("get-default-sink")}).value_or(QString()).trimmed();
+    return pactl({"get-default-sink"}).value_or(QString()).trimmed();
 }
 
 QString PrivateSoundServer::defaultSourceName() const {
-    return pactl({QStringLiteral("get-default-source")}).value_or(QString()).trimmed();
+    return pactl({"get-default-source"}).value_or(QString()).trimmed();
 }
 
 QStringList PrivateSoundServer::sinkNames() const {
     QStringList names;
-    const QString output =
-        pactl({QStringLiteral("list"), QStringLiteral("short"), QStringLiteral("sinks")})
-            .value_or(QString());
+    const QString output = pactl({"list", "short", "sinks"}).value_or(QString());
     for (const QString& line : output.split(u'\n', Qt::SkipEmptyParts)) {
         const QStringList fields = line.split(u'\t');
         if (fields.size() > 1)
@@ -343,24 +325,23 @@ QStringList PrivateSoundServer::sinkNames() const {
 
 std::vector<int> PrivateSoundServer::sinkVolumePercent(const QString& sink) const {
     std::vector<int> percents;
-    const QString output = pactl({QStringLiteral("get-sink-volume"), sink}).value_or(QString());
+    const QString output = pactl({"get-sink-volume", sink}).value_or(QString());
     const QString firstLine = output.section(u'\n', 0, 0);
-    static const QRegularExpression percent(QStringLiteral("(\\d+)%"));
+    static const QRegularExpression percent("(\\d+)%");
     for (auto match = percent.globalMatch(firstLine); match.hasNext();)
         percents.push_back(match.next().captured(1).toInt());
     return percents;
 }
 
 std::optional<bool> PrivateSoundServer::sinkMute(const QString& sink) const {
-    const auto output = pactl({QStringLiteral("get-sink-mute"), sink});
+    const auto output = pactl({"get-sink-mute", sink});
     if (!output)
         return std::nullopt;
     return output->contains(QLatin1String("yes"));
 }
 
 QJsonArray PrivateSoundServer::listJson(const QString& what) const {
-    const auto output =
-        pactl({QStringLiteral("-f"), QStringLiteral("json"), QStringLiteral("list"), what});
+    const auto output = pactl({"-f", "json", "list", what});
     return output ? QJsonDocument::fromJson(output->toUtf8()).array() : QJsonArray();
 }
 
@@ -375,10 +356,10 @@ static QJsonValue streamOf(const QJsonArray& inputs, const QString& applicationN
 }
 
 QString PrivateSoundServer::sinkOfStream(const QString& applicationName) const {
-    const QJsonValue input = streamOf(listJson(QStringLiteral("sink-inputs")), applicationName);
+    const QJsonValue input = streamOf(listJson("sink-inputs"), applicationName);
     if (input.isNull())
         return {};
-    for (const QJsonValue& sink : listJson(QStringLiteral("sinks"))) {
+    for (const QJsonValue& sink : listJson("sinks")) {
         if (sink[QLatin1String("index")].toInt() == input[QLatin1String("sink")].toInt())
             return sink[QLatin1String("name")].toString();
     }
@@ -386,7 +367,7 @@ QString PrivateSoundServer::sinkOfStream(const QString& applicationName) const {
 }
 
 std::optional<quint32> PrivateSoundServer::streamIndex(const QString& applicationName) const {
-    const QJsonValue input = streamOf(listJson(QStringLiteral("sink-inputs")), applicationName);
+    const QJsonValue input = streamOf(listJson("sink-inputs"), applicationName);
     if (input.isNull())
         return std::nullopt;
     return quint32(input[QLatin1String("index")].toDouble());
@@ -394,12 +375,11 @@ std::optional<quint32> PrivateSoundServer::streamIndex(const QString& applicatio
 
 std::optional<std::pair<quint32, QString>>
 PrivateSoundServer::owningModule(const QString& sink) const {
-    const auto modules =
-        pactl({QStringLiteral("list"), QStringLiteral("short"), QStringLiteral("modules")});
+    const auto modules = pactl({"list", "short", "modules"});
     if (!modules)
         return std::nullopt;
     std::optional<quint32> owner;
-    for (const QJsonValue& entry : listJson(QStringLiteral("sinks"))) {
+    for (const QJsonValue& entry : listJson("sinks")) {
         if (entry[QLatin1String("name")].toString() == sink)
             owner = quint32(entry[QLatin1String("owner_module")].toDouble());
     }
@@ -416,7 +396,7 @@ PrivateSoundServer::owningModule(const QString& sink) const {
 std::unique_ptr<QProcess> PrivateSoundServer::subscribe() const {
     auto process = std::make_unique<QProcess>();
     process->setProcessEnvironment(clientEnvironment());
-    process->start(QStringLiteral("pactl"), {QStringLiteral("subscribe")});
+    process->start("pactl", {"subscribe"});
     process->waitForStarted(3000);
     QThread::msleep(300); // subscribed once the server has taken the request
     return process;
@@ -433,7 +413,7 @@ std::pair<int, int> PrivateSoundServer::sinkEvents(QProcess& subscription) {
 
 QString PrivateSoundServer::toneFile() const {
     // Raw 44.1 kHz stereo 16-bit samples: 30 s of a 440 Hz sine at half scale.
-    const QString path = m_root + QStringLiteral("/tone.raw");
+    const QString path = m_root + "/tone.raw";
     if (QFile::exists(path))
         return path;
     constexpr int rate = 44100;
@@ -451,18 +431,19 @@ std::unique_ptr<QProcess> PrivateSoundServer::playTone(const QString& sink,
                                                        const QStringList& properties) const {
     auto process = std::make_unique<QProcess>();
     QProcessEnvironment environment = clientEnvironment();
-    environment.insert(QStringLiteral("PULSE_PROP"),
-                       QStringLiteral("application.name='%1'").arg(applicationName));
+    environment.insert("PULSE_PROP", QString("application.name='%1'").arg(applicationName));
     process->setProcessEnvironment(environment);
     QStringList arguments;
     if (!sink.isEmpty())
-        arguments << QStringLiteral("--device=") + sink;
+        arguments << "--device=" + sink;
     for (const QString& property : properties)
-        arguments << QStringLiteral("--property=") + property;
-    arguments << QStringLiteral("--raw") << QStringLiteral("--format=s16le")
-              << QStringLiteral("--rate=44100") << QStringLiteral("--channels=2")
-              << QStringLiteral("--client-name=") + applicationName << toneFile();
-    process->start(QStringLiteral("paplay"), arguments);
+        arguments << "--property=" + property;
+    arguments << "--raw"
+              << "--format=s16le"
+              << "--rate=44100"
+              << "--channels=2"
+              << "--client-name=" + applicationName << toneFile();
+    process->start("paplay", arguments);
     if (!process->waitForStarted(3000))
         return nullptr;
     return process;
@@ -470,17 +451,15 @@ std::unique_ptr<QProcess> PrivateSoundServer::playTone(const QString& sink,
 
 std::optional<double> PrivateSoundServer::recordLevel(const QString& sink, int msec) const {
     // parecord writes nothing to a pipe when it is stopped by a signal, so it writes to a file.
-    const QString recording = m_root + QStringLiteral("/recording.raw");
+    const QString recording = m_root + "/recording.raw";
     QFile::remove(recording);
     QProcess process;
     process.setProcessEnvironment(clientEnvironment());
-    process.start(QStringLiteral("parecord"),
-                  {QStringLiteral("--device=") + sink + QStringLiteral(".monitor"),
-                   QStringLiteral("--raw"), QStringLiteral("--format=s16le"),
-                   // One channel as it is: PipeWire mixes stereo down to mono at -3 dB, and
-                   // clips what is louder than full scale then.
-                   QStringLiteral("--channels=1"), QStringLiteral("--channel-map=front-left"),
-                   QStringLiteral("--rate=44100"), QStringLiteral("--latency-msec=20"), recording});
+    process.start("parecord", {"--device=" + sink + ".monitor", "--raw", "--format=s16le",
+                               // One channel as it is: PipeWire mixes stereo down to mono at -3 dB,
+                               // and clips what is louder than full scale then.
+                               "--channels=1", "--channel-map=front-left", "--rate=44100",
+                               "--latency-msec=20", recording});
     if (!process.waitForStarted(3000))
         return std::nullopt;
     // Count from the first bytes on: connecting can take longer than the window itself.

@@ -23,8 +23,6 @@ public:
         QString description;
     };
 
-    // ONDRIL_TEST_SERVER=pulse|pipewire; absent or anything else gives nothing.
-    static std::optional<Kind> kindFromEnvironment();
     static QString kindName(Kind kind);
 
     // The stand-ins every server test starts with: four null sinks and one input.

@@ -220,9 +220,10 @@ void PulseConnection::askAgainAfterPlaceholder(const PulseRecords::Server& serve
         m_placeholderRetries = 0;
         return;
     }
-    if (m_placeholderRetries >= kPlaceholderRetries || !m_context)
+    if (m_placeholderRetryPending || m_placeholderRetries >= kPlaceholderRetries || !m_context)
         return;
     ++m_placeholderRetries;
+    m_placeholderRetryPending = true;
     pa_context_rttime_new(m_context, pa_rtclock_now() + kPlaceholderRetryUs, &serverRetryDue, this);
 }
 
@@ -230,6 +231,7 @@ void PulseConnection::serverRetryDue(pa_mainloop_api* api, pa_time_event* event,
                                      void* userdata) {
     api->time_free(event);
     auto* self = static_cast<PulseConnection*>(userdata);
+    self->m_placeholderRetryPending = false;
     if (self->isReady())
         self->fetch(Apply::Server, 0);
 }
@@ -324,6 +326,9 @@ void PulseConnection::subscriptionEvent(pa_context*, pa_subscription_event_type_
         remove = &PulseMirror::removeModule;
         break;
     case PA_SUBSCRIPTION_EVENT_SERVER:
+        // A new change gets a wait of its own: an earlier one that never settled (a session
+        // manager slow to start) must not leave this one unasked.
+        self->m_placeholderRetries = 0;
         what = Apply::Server;
         break;
     default:

@@ -125,10 +125,12 @@ private:
     std::atomic<bool> m_stalled{false};
     std::atomic<bool> m_closing{false};
     // How often a placeholder default is asked about again; touched on the main loop's thread only.
-    static constexpr int kPlaceholderRetries = 20;
+    // The budget is per change, and long enough for a session manager on a loaded machine.
+    static constexpr int kPlaceholderRetries = 50;
     static constexpr pa_usec_t kPlaceholderRetryUs = 100 * 1000;
     int m_placeholderRetries = 0;
-    int m_openLists = 0; // mainloop thread, while synchronising
+    bool m_placeholderRetryPending = false; // one timer at a time
+    int m_openLists = 0;                    // mainloop thread, while synchronising
 
     mutable std::mutex m_mirrorMutex;
     std::condition_variable m_mirrorChanged;

@@ -131,31 +131,12 @@ private slots:
         QVERIFY(!mirror.processes()[0].isRunningOutput);
     }
 
-    void combineArgumentsQuoteTheDescriptionForEachServer_data() {
-        QTest::addColumn<int>("server");
-        QTest::addColumn<QString>("description");
-        QTest::addColumn<QString>("expected");
-        using S = PulseModuleArguments::Server;
-        QTest::newRow("PulseAudio blank and apostrophe")
-            << int(S::PulseAudio) << "Tom's Desk"
-            << "sink_name=g slaves=a,b sink_properties='device.description=\"Tom\\'s Desk\" "
-               "ondril.owner.pid=42'";
-        QTest::newRow("PipeWire blank and apostrophe")
-            << int(S::PipeWire) << "Tom's Desk"
-            << QString("sink_name=g slaves=a,b sink_properties=\"device.description='Tom") +
-                   QChar(0x2019) + "s Desk' ondril.owner.pid=42\"";
-        QTest::newRow("double quote and backslash")
-            << int(S::PulseAudio) << "A \"B\" \\C"
-            << QString("sink_name=g slaves=a,b sink_properties='device.description=\"A ") +
-                   QChar(0x201D) + "B" + QChar(0x201D) + " C\" ondril.owner.pid=42'";
-    }
-    void combineArgumentsQuoteTheDescriptionForEachServer() {
-        QFETCH(int, server);
-        QFETCH(QString, description);
-        QFETCH(QString, expected);
-        QCOMPARE(PulseModuleArguments::combineSink("g", description, {"a", "b"},
-                                                   PulseModuleArguments::Server(server), 42),
-                 expected);
+    // Blanks and apostrophes are proven on both real servers; what pactl cannot pass is cleaned.
+    void combineArgumentsCleanQuotesAndBackslashes() {
+        QCOMPARE(PulseModuleArguments::combineSink("g", "A \"B\" \\C", {"a", "b"},
+                                                   PulseModuleArguments::Server::PulseAudio, 42),
+                 QString("sink_name=g slaves=a,b sink_properties='device.description=\"A ") +
+                     QChar(0x201D) + "B" + QChar(0x201D) + " C\" ondril.owner.pid=42'");
     }
 };
 
