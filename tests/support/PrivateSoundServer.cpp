@@ -58,14 +58,21 @@ PrivateSoundServer::Device PrivateSoundServer::defaultInput() {
     return {"studio_mic", "Studio Microphone"};
 }
 
-std::unique_ptr<PrivateSoundServer> PrivateSoundServer::startFromEnvironment(QString& error) {
+std::optional<PrivateSoundServer::Kind> PrivateSoundServer::kindFromEnvironment() {
     const QString name = qEnvironmentVariable("ONDRIL_TEST_SERVER");
-    if (name != kindName(Kind::PulseAudio) && name != kindName(Kind::PipeWire)) {
+    for (const Kind kind : {Kind::PulseAudio, Kind::PipeWire})
+        if (name == kindName(kind))
+            return kind;
+    return std::nullopt;
+}
+
+std::unique_ptr<PrivateSoundServer> PrivateSoundServer::startFromEnvironment(QString& error) {
+    const auto kind = kindFromEnvironment();
+    if (!kind) {
         error = "ONDRIL_TEST_SERVER must name the server to test against (pulse or pipewire)";
         return nullptr;
     }
-    auto server = std::make_unique<PrivateSoundServer>(
-        name == kindName(Kind::PulseAudio) ? Kind::PulseAudio : Kind::PipeWire);
+    auto server = std::make_unique<PrivateSoundServer>(*kind);
     if (!server->start()) {
         error = server->error();
         return nullptr;

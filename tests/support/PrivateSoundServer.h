@@ -24,6 +24,8 @@ public:
     };
 
     static QString kindName(Kind kind);
+    // The server ONDRIL_TEST_SERVER names ("pulse" or "pipewire"), if it names one.
+    static std::optional<Kind> kindFromEnvironment();
 
     // The stand-ins every server test starts with: four null sinks and one input.
     static std::vector<Device> defaultSinks();
