@@ -118,7 +118,10 @@ private slots:
         m_apps->setVolume(player, volume);
         m_apps->setMuted(player, muted);
         QVERIFY(m_apps->session(player));
-        verifyLevels(*plain, factors);
+        // The sink the stream must end up on: the route's one sink, or the session's combined sink.
+        const QString routed = routes.size() > 1 ? PulseStreamRouter::sinkPrefix + player
+                                                 : routes.value(0, sinks.first());
+        verifyLevels(*plain, factors, routed);
 
         // A stream the application starts later gets the same treatment.
         auto second = startPlayer();
@@ -130,15 +133,14 @@ private slots:
         first->waitForFinished();
         QVERIFY(
             QTest::qWaitFor([&] { return sessionPids() == QList{secondPid}; }, kGenerousWaitMs));
-        verifyLevels(*plain, factors);
+        verifyLevels(*plain, factors, routed);
 
         // Back to neutral: the stream plays as before on its own sink, and no private sink stays.
         m_apps->setRoutes(player, {});
         m_apps->setVolume(player, 1.0);
         m_apps->setMuted(player, false);
         QVERIFY(!m_apps->session(player));
-        QCOMPARE(m_server->sinkOfStream(QStringLiteral("Player")), sinks.first());
-        verifyLevels(*plain, {1.0, 0.0, 0.0});
+        verifyLevels(*plain, {1.0, 0.0, 0.0}, sinks.first());
         for (const QString& sink : m_server->sinkNames())
             QVERIFY2(!sink.startsWith(QStringLiteral("com.kestrivane.ondril.")), qPrintable(sink));
         second->kill();
@@ -289,7 +291,11 @@ private:
         return session ? pidsOf(session->processObjects()) : QList<std::int32_t>{};
     }
 
-    void verifyLevels(double plain, const QList<double>& factors) {
+    // Once the app's stream plays to `sink`, each sink is heard at its factor of `plain`.
+    void verifyLevels(double plain, const QList<double>& factors, const QString& sink) {
+        QVERIFY(QTest::qWaitFor(
+            [&] { return m_server->sinkOfStream(QStringLiteral("Player")) == sink; },
+            kGenerousWaitMs));
         QTest::qWait(300); // what was buffered before the change drains
         for (qsizetype i = 0; i < sinks.size(); ++i) {
             const auto level = m_server->recordLevel(sinks[i]);

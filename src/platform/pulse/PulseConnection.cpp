@@ -479,6 +479,12 @@ OSStatus PulseConnection::waitForMirror(const std::function<bool(const PulseMirr
     return kAudioHardwareNotRunningError;
 }
 
+bool PulseConnection::settleMirror(const std::function<bool(const PulseMirror&)>& holds, int ms) {
+    std::unique_lock lock(m_mirrorMutex);
+    return m_mirrorChanged.wait_for(lock, std::chrono::milliseconds(ms),
+                                    [&] { return holds(m_mirror); });
+}
+
 namespace {
 
 void successCallback(pa_context*, int success, void* userdata) {

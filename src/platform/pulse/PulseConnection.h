@@ -55,6 +55,9 @@ public:
     // Waits (at most kOperationTimeoutMs) until `holds` is true of the mirror, for what the
     // server's own events bring in; a timeout counts as a stall.
     OSStatus waitForMirror(const std::function<bool(const PulseMirror&)>& holds);
+    // Waits at most `ms` until `holds` is true of the mirror, for what the server's session
+    // manager does in its own time; false when it did not happen, which is no stall.
+    bool settleMirror(const std::function<bool(const PulseMirror&)>& holds, int ms);
 
     // A volume (one value per channel) or a mute, written to a sink or source in one request;
     // the mirror holds the written value when it returns.

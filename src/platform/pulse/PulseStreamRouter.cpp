@@ -13,6 +13,12 @@ Q_LOGGING_CATEGORY(lcPulseStreamRouter, "com.kestrivane.ondril.PulseStreamRouter
 
 namespace {
 
+// How long after a move the stream's sink is looked at again, and how often at most.
+constexpr int kPlacementCheckMs = 400;
+constexpr int kPlacementChecks = 6;
+// How long stopping waits for the streams to leave the combined sink before it goes.
+constexpr int kSettleMs = 500;
+
 QString sinkNameOf(const PulseMirror& mirror, std::uint32_t index) {
     for (const auto* sink : mirror.sinksInServerOrder())
         if (sink->index == index)
@@ -26,7 +32,12 @@ PulseStreamRouter::PulseStreamRouter(PulseConnection& connection, AudioHardware&
                                      PulseStreamHomes& homes)
     : m_connection(connection)
     , m_hardware(hardware)
-    , m_homes(homes) {}
+    , m_homes(homes) {
+    m_placementCheck.setSingleShot(true);
+    m_placementCheck.setInterval(kPlacementCheckMs);
+    QObject::connect(&m_placementCheck, &QTimer::timeout, &m_placementCheck,
+                     [this] { checkPlacement(); });
+}
 
 PulseStreamRouter::~PulseStreamRouter() {
     stop();
@@ -37,6 +48,7 @@ bool PulseStreamRouter::start(const QString& bundleID, const std::vector<std::in
     if (destinationUIDs.isEmpty())
         return false;
     m_pids = pids;
+    m_firstDestination = destinationUIDs.first();
     setGain(gain);
     if (destinationUIDs.size() == 1) {
         m_target = destinationUIDs.first();
@@ -65,9 +77,10 @@ bool PulseStreamRouter::start(const QString& bundleID, const std::vector<std::in
             kAudioObjectSystemObject,
             {kAudioHardwarePropertyProcessObjectList, kAudioObjectPropertyScopeGlobal,
              kAudioObjectPropertyElementMain},
-            [this](const auto&) { takeNewStreams(); }, token) == kAudioHardwareNoError)
+            [this](const auto&) { takeNewStreams(Unplaced::Wait); },
+            token) == kAudioHardwareNoError)
         m_listener = token;
-    takeNewStreams();
+    takeNewStreams(Unplaced::Wait);
     return true;
 }
 
@@ -90,26 +103,34 @@ void PulseStreamRouter::writeGain(std::uint32_t index, std::uint32_t channels) {
     m_connection.setSinkInputMute(index, m_gain == 0.0f);
 }
 
-void PulseStreamRouter::takeNewStreams() {
+void PulseStreamRouter::takeNewStreams(Unplaced unplaced) {
     struct Taken {
         std::uint32_t index;
         std::uint32_t channels;
         QString sink;
     };
-    const auto found = m_connection.readMirror([this](const PulseMirror& mirror) {
+    const auto [found, waiting] = m_connection.readMirror([&](const PulseMirror& mirror) {
         std::vector<Taken> taken;
+        bool waiting = false;
         for (const auto& [index, stream] : mirror.streams()) {
-            // PipeWire reports no sink while it is still placing a stream: the next event has it.
-            if (stream.sink == PulseRecords::kInvalidIndex || m_originalSinks.count(index) ||
+            if (m_originalSinks.count(index) ||
                 std::find(m_pids.begin(), m_pids.end(), stream.pid) == m_pids.end())
                 continue;
+            // PipeWire reports no sink while it is still placing a stream: the next event, or the
+            // placement check, has it.
+            if (stream.sink == PulseRecords::kInvalidIndex && unplaced == Unplaced::Wait) {
+                waiting = true;
+                continue;
+            }
             // A stream that starts on the target got there by the server's memory of an earlier
-            // move of Ondril's; without Ondril it would play to the default.
+            // move of Ondril's; without Ondril it would play to the default, as would one that
+            // was never placed.
             const QString sink = sinkNameOf(mirror, stream.sink);
             taken.push_back(
-                {index, stream.channels, sink == m_target ? mirror.server().defaultSink : sink});
+                {index, stream.channels,
+                 sink.isEmpty() || sink == m_target ? mirror.server().defaultSink : sink});
         }
-        return taken;
+        return std::make_pair(taken, waiting);
     });
     for (const Taken& stream : found) {
         m_homes.take(stream.index, stream.sink, this);
@@ -118,7 +139,41 @@ void PulseStreamRouter::takeNewStreams() {
         writeGain(stream.index, stream.channels);
         m_connection.moveSinkInput(stream.index, m_target);
     }
+    if (!found.empty() || waiting) {
+        m_placementChecksLeft = kPlacementChecks;
+        // Not restarted: stream events come more often than the check's delay.
+        if (!m_placementCheck.isActive())
+            m_placementCheck.start();
+    }
     refreshMeters();
+}
+
+// PipeWire 0.3 (WirePlumber 0.4) does not always carry out a move into a sink it is still setting
+// up, such as a combined sink just made or made again: the stream stays where it was, or is left
+// with no sink at all, corked, and the app is silent; no later event says so. A moment after each
+// move the streams are looked at again, and each that is not on the target is moved once more.
+void PulseStreamRouter::checkPlacement() {
+    takeNewStreams(Unplaced::Take);
+    const auto misplaced = m_connection.readMirror([this](const PulseMirror& mirror) {
+        std::vector<std::uint32_t> found;
+        const auto* target = mirror.sink(m_target);
+        if (!target)
+            return found;
+        for (const auto& [index, stream] : mirror.streams())
+            if (m_originalSinks.count(index) && m_homes.holds(index, this) &&
+                stream.sink != target->index)
+                found.push_back(index);
+        return found;
+    });
+    // A second move to the target changes nothing the session manager acts on: the stream is
+    // first moved to the first destination, where it is heard meanwhile, then to the target.
+    for (std::uint32_t index : misplaced) {
+        if (m_target != m_firstDestination)
+            m_connection.moveSinkInput(index, m_firstDestination);
+        m_connection.moveSinkInput(index, m_target);
+    }
+    if (!misplaced.empty() && --m_placementChecksLeft > 0 && !m_placementCheck.isActive())
+        m_placementCheck.start();
 }
 
 void PulseStreamRouter::meter(std::shared_ptr<std::atomic<float>> peak) {
@@ -144,6 +199,7 @@ void PulseStreamRouter::refreshMeters() {
 }
 
 void PulseStreamRouter::stop() {
+    m_placementCheck.stop();
     m_meters.clear();
     m_peak.reset();
     if (m_listener) {
@@ -196,6 +252,16 @@ void PulseStreamRouter::stop() {
     m_connection.unpinRestoredSinkInputs(defaultSink, backToDefault);
     m_originalSinks.clear();
     if (m_combined) {
+        // WirePlumber carries out the moves in its own time, and a stream still on the combined
+        // sink when it goes is left with no sink at all: wait a little for them to leave.
+        const std::uint32_t combined = combinedIndex; // clang 14 cannot capture a binding
+        m_connection.settleMirror(
+            [combined](const PulseMirror& mirror) {
+                return std::none_of(
+                    mirror.streams().begin(), mirror.streams().end(),
+                    [combined](const auto& entry) { return entry.second.sink == combined; });
+            },
+            kSettleMs);
         m_hardware.AudioHardwareDestroyAggregateDevice(*m_combined);
         m_combined.reset();
     }

@@ -5,6 +5,7 @@
 #include "platform/pulse/PulsePeakStream.h"
 
 #include <QLoggingCategory>
+#include <QTimer>
 
 #include <map>
 #include <optional>
@@ -43,7 +44,11 @@ public:
     static void clearLeftovers(PulseConnection& connection);
 
 private:
-    void takeNewStreams();
+    // Whether a stream of the app that the server shows on no sink yet is taken now or waited for.
+    enum class Unplaced { Wait, Take };
+    void takeNewStreams(Unplaced unplaced);
+    // Moves again each taken stream that is not on the target a moment after its move.
+    void checkPlacement();
     void writeGain(std::uint32_t index, std::uint32_t channels);
     // A meter for each taken stream without a live one; a move ends a stream's meter.
     void refreshMeters();
@@ -53,10 +58,13 @@ private:
     PulseStreamHomes& m_homes;
     std::vector<std::int32_t> m_pids;
     QString m_target; // the sink the streams play to
+    QString m_firstDestination;
     std::optional<AudioObjectID> m_combined;
     float m_gain = 1.0f;
     bool m_toldNoBoost = false;
     std::map<std::uint32_t, QString> m_originalSinks; // by sink-input index
+    QTimer m_placementCheck;
+    int m_placementChecksLeft = 0;
     std::optional<AudioObjectPropertyListenerToken> m_listener;
     std::shared_ptr<std::atomic<float>> m_peak;                         // set while metered
     std::map<std::uint32_t, std::unique_ptr<PulsePeakStream>> m_meters; // by sink-input index
