@@ -43,304 +43,275 @@ class AppAudioManagerTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void neutralBoundary_data();
-    void neutralBoundary();
-    void sliderPathKeepsTheSession();
-    void routeChangesRebuildTheSession();
-    void storedRecordFollowsItsApplication();
-    void followersMoveWithTheDefaultOutput();
-    void favouriteWithoutProcessIsListed();
-    void attribution();
-    void playStateBurstCostsOneRefresh();
-    void recordsSurviveARestart();
-    void permissionFlow_data();
-    void permissionFlow();
-    void levelsRiseAtOnceAndFallByBallistics();
+    void neutralBoundary_data() {
+        QTest::addColumn<QStringList>(
+            "steps"); // "volume x", "mute", "route", "favourite", "unroute"
+        QTest::addColumn<bool>("stored");
+        QTest::addColumn<double>("storedVolume");
+        QTest::addColumn<bool>("hasSession");
+        QTest::addColumn<float>("value");
+        QTest::addColumn<bool>("boost");
+
+        QTest::newRow("half volume")
+            << QStringList{"volume 0.5"} << true << 0.5 << true << 0.5f << false;
+        QTest::newRow("back to unity removes record and session")
+            << QStringList{"volume 0.5", "volume 1"} << false << 1.0 << false << 0.0f << false;
+        QTest::newRow("above 4 clamps to 4, boosted")
+            << QStringList{"volume 4.5"} << true << 4.0 << true << 4.0f << true;
+        QTest::newRow("below 0 clamps to 0, a session at 0")
+            << QStringList{"volume -1"} << true << 0.0 << true << 0.0f << false;
+        QTest::newRow("muted boost: value 0, no limiter")
+            << QStringList{"volume 2", "mute"} << true << 2.0 << true << 0.0f << false;
+        QTest::newRow("unity with a route has a session")
+            << QStringList{"route"} << true << 1.0 << true << 1.0f << false;
+        QTest::newRow("favourite at unity: record, no session")
+            << QStringList{"favourite"} << true << 1.0 << false << 0.0f << false;
+        QTest::newRow("unrouting a favourite keeps its record")
+            << QStringList{"favourite", "route", "unroute"} << true << 1.0 << false << 0.0f
+            << false;
+    }
+
+    void neutralBoundary() {
+        QFETCH(QStringList, steps);
+        QFETCH(bool, stored);
+        QFETCH(double, storedVolume);
+        QFETCH(bool, hasSession);
+        QFETCH(float, value);
+        QFETCH(bool, boost);
+
+        AppRig rig;
+        rig.addApp(4242, player, QStringLiteral("Player"));
+        rig.apps->refresh();
+        settle();
+        for (const QString& step : std::as_const(steps)) {
+            if (step.startsWith(QLatin1String("volume ")))
+                rig.apps->setVolume(player, step.mid(7).toDouble());
+            else if (step == QLatin1String("mute"))
+                rig.apps->setMuted(player, true);
+            else if (step == QLatin1String("route"))
+                rig.apps->setRoutes(player, {GroupTestRig::headphonesUID});
+            else if (step == QLatin1String("unroute"))
+                rig.apps->setRoutes(player, {});
+            else if (step == QLatin1String("favourite"))
+                rig.apps->setFavourite(player, true);
+        }
+        settle();
+
+        QCOMPARE(rig.apps->prefs().contains(player), stored);
+        const auto decoded = AppAudioPrefs::decodeAll(
+            rig.defaults->dataForKey(SettingsKeys::appPrefs).value_or(QByteArray("{}")));
+        QCOMPARE(decoded->contains(player), stored);
+        QCOMPARE(rig.apps->prefs().value(player).volume, storedVolume);
+        const auto row = rig.row(rig.apps->allApps(), player);
+        QVERIFY(row);
+        QCOMPARE(row->prefs, rig.apps->prefs().value(player));
+
+        QCOMPARE(rig.session() != nullptr, hasSession);
+        QCOMPARE(rig.hardware->processTaps().size(), std::size_t(hasSession ? 1 : 0));
+        if (hasSession) {
+            QCOMPARE(rig.session()->gain().value.load(), value);
+            QCOMPARE(rig.session()->gain().boost.load(), boost);
+        }
+    }
+
+    void sliderPathKeepsTheSession() {
+        AppRig rig;
+        rig.addApp(4242, player);
+        rig.apps->setVolume(player, 0.5);
+        const RouteSession* session = rig.session();
+        QVERIFY(session);
+        const int aggregates = rig.hardware->createAggregateCallCount();
+
+        rig.apps->setVolume(player, 0.7);
+        rig.apps->setVolume(player, 1.5);
+        QCOMPARE(rig.session(), session);
+        QCOMPARE(rig.hardware->createAggregateCallCount(), aggregates);
+        QCOMPARE(session->gain().value.load(), 1.5f);
+        QVERIFY(session->gain().boost.load());
+    }
+
+    void routeChangesRebuildTheSession() {
+        AppRig rig;
+        rig.addApp(4242, player);
+        rig.apps->setRoutes(player, {GroupTestRig::leftUID});
+        QCOMPARE(rig.destinations(), QStringList{GroupTestRig::leftUID});
+
+        rig.apps->setRoutes(player, {GroupTestRig::leftUID, GroupTestRig::rightUID});
+        QCOMPARE(rig.destinations(), (QStringList{GroupTestRig::leftUID, GroupTestRig::rightUID}));
+        QCOMPARE(rig.hardware->aggregateDevices().size(), std::size_t(1));
+
+        // A routed device that is gone is dropped; with none left the app plays normally.
+        rig.hardware->removeDevice(rig.left);
+        rig.hardware->removeDevice(rig.right);
+        settle();
+        rig.apps->reconcile(player);
+        QVERIFY(!rig.session());
+        QVERIFY(rig.apps->prefs().contains(player));
+        QVERIFY(rig.hardware->processTaps().empty());
+    }
+
+    void storedRecordFollowsItsApplication() {
+        AppRig rig;
+        rig.apps->setVolume(player, 0.5);
+        QVERIFY(!rig.session());
+
+        // With the panel closed, the process list alone starts and ends the session.
+        const AudioObjectID object = rig.addApp(4242, player);
+        QVERIFY(rig.session());
+        QVERIFY(rig.apps->allApps().isEmpty());
+
+        // A helper joining the application rebuilds the session over both processes.
+        const AudioObjectID helper = rig.addApp(4243, std::nullopt, {}, true, 4242);
+        QCOMPARE(rig.session()->processObjects().size(), std::size_t(2));
+
+        rig.hardware->removeProcess(helper);
+        rig.hardware->removeProcess(object);
+        settle();
+        QVERIFY(!rig.session());
+        QVERIFY(rig.hardware->processTaps().empty());
+    }
+
+    void followersMoveWithTheDefaultOutput() {
+        AppRig rig;
+        rig.addApp(4242, player);
+        const QString routed = QStringLiteral("org.example.Routed");
+        rig.addApp(4300, routed);
+        rig.apps->setVolume(player, 0.5);
+        rig.apps->setRoutes(routed, {GroupTestRig::leftUID});
+        QCOMPARE(rig.destinations(), QStringList{GroupTestRig::speakersUID});
+        const RouteSession* routedSession = rig.session(routed);
+
+        rig.hardware->setDefaultOutputDevice(rig.headphones);
+        settle();
+        QCOMPARE(rig.destinations(), QStringList{GroupTestRig::headphonesUID});
+        QCOMPARE(rig.session(routed), routedSession);
+
+        // With a group on, they play to its members.
+        const OutputGroup displays =
+            makeGroup(QStringLiteral("Displays"), {GroupTestRig::leftUID, GroupTestRig::rightUID});
+        rig.manager->setGroups({displays});
+        QVERIFY(rig.manager->activate(displays));
+        settle();
+        QCOMPARE(rig.destinations(), (QStringList{GroupTestRig::leftUID, GroupTestRig::rightUID}));
+    }
+
+    void favouriteWithoutProcessIsListed() {
+        AppRig rig;
+        const QString absent = QStringLiteral("org.example.Absent");
+        const QString silent = QStringLiteral("org.example.Silent");
+        rig.applications.addProcess(5000, {silent, QStringLiteral("Silent Editor"), 0});
+        rig.apps->setFavourite(absent, true);
+        rig.apps->setFavourite(silent, true);
+        settle();
+
+        QCOMPARE(rig.apps->apps().size(), 2);
+        const auto absentRow = rig.row(rig.apps->apps(), absent);
+        QVERIFY(absentRow);
+        QCOMPARE(absentRow->name, absent);
+        QCOMPARE(absentRow->pid, 0);
+        QVERIFY(!absentRow->isPlaying);
+        QCOMPARE(rig.row(rig.apps->apps(), silent)->name, QStringLiteral("Silent Editor"));
+        QVERIFY(rig.hardware->processTaps().empty());
+    }
+
+    void attribution() {
+        AppRig rig;
+        rig.addApp(100, QStringLiteral("org.example.Browser"), QStringLiteral("Browser"), false);
+        rig.addApp(101, std::nullopt, {}, true, 100); // a renderer with no identity of its own
+        rig.addApp(200, std::nullopt, QStringLiteral("Launcher"), false);
+        rig.addApp(201, QStringLiteral("org.example.Tool"), QStringLiteral("tool"), false, 200);
+        rig.addApp(300, std::nullopt, QStringLiteral("nameless daemon"));
+        rig.addApp(400, QStringLiteral("com.kestrivane.ondril"), QStringLiteral("Ondril"));
+        rig.addApp(500, QStringLiteral("org.example.Alpha"), QStringLiteral("alpha"), false);
+        rig.apps->refresh();
+        settle();
+
+        QStringList order;
+        for (const AppAudioState& row : rig.apps->allApps())
+            order.append(row.bundleID);
+        // Playing first, then by name without regard to case.
+        QCOMPARE(order,
+                 (QStringList{"org.example.Browser", "org.example.Alpha", "org.example.Tool"}));
+        const auto browser = rig.row(rig.apps->allApps(), QStringLiteral("org.example.Browser"));
+        QVERIFY(browser->isPlaying);
+        QCOMPARE(browser->pid, 100);
+        QCOMPARE(rig.apps->apps().size(), 1);
+    }
+
+    void playStateBurstCostsOneRefresh() {
+        AppRig rig;
+        const AudioObjectID object = rig.addApp(4242, player, QStringLiteral("Player"), false);
+        rig.apps->setPanelOpen(true);
+        rig.apps->refresh();
+        settle();
+        QVERIFY(rig.apps->apps().isEmpty());
+
+        QSignalSpy published(rig.apps.get(), &AppAudioManager::allAppsChanged);
+        rig.hardware->setProcessRunningOutput(object, true);
+        rig.hardware->setProcessRunningOutput(object, false);
+        rig.hardware->setProcessRunningOutput(object, true);
+        QTRY_COMPARE(published.size(), 1);
+        QTest::qWait(2 * AppAudioManager::refreshDelayMs);
+        QCOMPARE(published.size(), 1);
+        QCOMPARE(rig.apps->apps().size(), 1);
+
+        // With the panel closed nothing listens for play state.
+        rig.apps->removeOutputListeners();
+        rig.hardware->setProcessRunningOutput(object, false);
+        QTest::qWait(2 * AppAudioManager::refreshDelayMs);
+        QCOMPARE(published.size(), 1);
+    }
+
+    void recordsSurviveARestart() {
+        AppRig rig;
+        rig.addApp(4242, player);
+        rig.apps->setVolume(player, 0.25);
+        rig.apps->setRoutes(player, {GroupTestRig::rightUID});
+        rig.configs.reset();
+        rig.apps.reset();
+        QVERIFY(rig.hardware->processTaps().empty());
+
+        // A stored table with stray fields and wrong types keeps what it can.
+        const QByteArray stored = rig.defaults->dataForKey(SettingsKeys::appPrefs).value();
+        QByteArray tampered = stored;
+        tampered.replace("\"muted\":false", "\"muted\":\"no\"");
+        QVERIFY(tampered != stored);
+        rig.defaults->setData(tampered, SettingsKeys::appPrefs);
+        rig.startUpper();
+        QCOMPARE(rig.destinations(), QStringList{GroupTestRig::rightUID});
+        QCOMPARE(rig.session()->gain().value.load(), 0.25f);
+    }
+
+    void permissionFlow_data() {
+        QTest::addColumn<int>("failingProbes");
+        QTest::addColumn<bool>("granted");
+
+        QTest::newRow("first probe succeeds") << 0 << true;
+        QTest::newRow("the last timed probe succeeds") << 41 << true;
+        QTest::newRow("denied after 41 timed probes") << 42 << false;
+    }
+
+    void permissionFlow() {
+        QFETCH(int, failingProbes);
+        QFETCH(bool, granted);
+
+        AppRig rig;
+        rig.apps->setPermissionPollInterval(1);
+        if (failingProbes)
+            rig.hardware->failNextTapCreation(failingProbes);
+        rig.apps->requestPermission();
+        QTRY_VERIFY(!rig.apps->requestingPermission());
+
+        QCOMPARE(rig.apps->permissionGranted(), granted);
+        QCOMPARE(rig.apps->permissionDenied(), !granted);
+        QCOMPARE(rig.defaults->storedBoolForKey(SettingsKeys::audioCaptureGranted).has_value(),
+                 granted);
+        QVERIFY(rig.hardware->processTaps().empty());
+        // Every failure was consumed by a probe, and no probe ran after the end.
+        AudioObjectID tap = 0;
+        QCOMPARE(rig.hardware->AudioHardwareCreateProcessTap({}, tap), kAudioHardwareNoError);
+    }
 };
-
-void AppAudioManagerTest::neutralBoundary_data() {
-    QTest::addColumn<QStringList>("steps"); // "volume x", "mute", "route", "favourite", "unroute"
-    QTest::addColumn<bool>("stored");
-    QTest::addColumn<double>("storedVolume");
-    QTest::addColumn<bool>("hasSession");
-    QTest::addColumn<float>("value");
-    QTest::addColumn<bool>("boost");
-
-    QTest::newRow("half volume") << QStringList{"volume 0.5"} << true << 0.5 << true << 0.5f
-                                 << false;
-    QTest::newRow("back to unity removes record and session")
-        << QStringList{"volume 0.5", "volume 1"} << false << 1.0 << false << 0.0f << false;
-    QTest::newRow("above 4 clamps to 4, boosted")
-        << QStringList{"volume 4.5"} << true << 4.0 << true << 4.0f << true;
-    QTest::newRow("below 0 clamps to 0, a session at 0")
-        << QStringList{"volume -1"} << true << 0.0 << true << 0.0f << false;
-    QTest::newRow("muted boost: value 0, no limiter")
-        << QStringList{"volume 2", "mute"} << true << 2.0 << true << 0.0f << false;
-    QTest::newRow("unity with a route has a session")
-        << QStringList{"route"} << true << 1.0 << true << 1.0f << false;
-    QTest::newRow("favourite at unity: record, no session")
-        << QStringList{"favourite"} << true << 1.0 << false << 0.0f << false;
-    QTest::newRow("unrouting a favourite keeps its record")
-        << QStringList{"favourite", "route", "unroute"} << true << 1.0 << false << 0.0f << false;
-}
-
-void AppAudioManagerTest::neutralBoundary() {
-    QFETCH(QStringList, steps);
-    QFETCH(bool, stored);
-    QFETCH(double, storedVolume);
-    QFETCH(bool, hasSession);
-    QFETCH(float, value);
-    QFETCH(bool, boost);
-
-    AppRig rig;
-    rig.addApp(4242, player, QStringLiteral("Player"));
-    rig.apps->refresh();
-    settle();
-    for (const QString& step : std::as_const(steps)) {
-        if (step.startsWith(QLatin1String("volume ")))
-            rig.apps->setVolume(player, step.mid(7).toDouble());
-        else if (step == QLatin1String("mute"))
-            rig.apps->setMuted(player, true);
-        else if (step == QLatin1String("route"))
-            rig.apps->setRoutes(player, {GroupTestRig::headphonesUID});
-        else if (step == QLatin1String("unroute"))
-            rig.apps->setRoutes(player, {});
-        else if (step == QLatin1String("favourite"))
-            rig.apps->setFavourite(player, true);
-    }
-    settle();
-
-    QCOMPARE(rig.apps->prefs().contains(player), stored);
-    const auto decoded = AppAudioPrefs::decodeAll(
-        rig.defaults->dataForKey(SettingsKeys::appPrefs).value_or(QByteArray("{}")));
-    QCOMPARE(decoded->contains(player), stored);
-    QCOMPARE(rig.apps->prefs().value(player).volume, storedVolume);
-    const auto row = rig.row(rig.apps->allApps(), player);
-    QVERIFY(row);
-    QCOMPARE(row->prefs, rig.apps->prefs().value(player));
-
-    QCOMPARE(rig.session() != nullptr, hasSession);
-    QCOMPARE(rig.hardware->processTaps().size(), std::size_t(hasSession ? 1 : 0));
-    if (hasSession) {
-        QCOMPARE(rig.session()->gain().value.load(), value);
-        QCOMPARE(rig.session()->gain().boost.load(), boost);
-    }
-}
-
-void AppAudioManagerTest::sliderPathKeepsTheSession() {
-    AppRig rig;
-    rig.addApp(4242, player);
-    rig.apps->setVolume(player, 0.5);
-    const RouteSession* session = rig.session();
-    QVERIFY(session);
-    const int aggregates = rig.hardware->createAggregateCallCount();
-
-    rig.apps->setVolume(player, 0.7);
-    rig.apps->setVolume(player, 1.5);
-    QCOMPARE(rig.session(), session);
-    QCOMPARE(rig.hardware->createAggregateCallCount(), aggregates);
-    QCOMPARE(session->gain().value.load(), 1.5f);
-    QVERIFY(session->gain().boost.load());
-}
-
-void AppAudioManagerTest::routeChangesRebuildTheSession() {
-    AppRig rig;
-    rig.addApp(4242, player);
-    rig.apps->setRoutes(player, {GroupTestRig::leftUID});
-    QCOMPARE(rig.destinations(), QStringList{GroupTestRig::leftUID});
-
-    rig.apps->setRoutes(player, {GroupTestRig::leftUID, GroupTestRig::rightUID});
-    QCOMPARE(rig.destinations(), (QStringList{GroupTestRig::leftUID, GroupTestRig::rightUID}));
-    QCOMPARE(rig.hardware->aggregateDevices().size(), std::size_t(1));
-
-    // A routed device that is gone is dropped; with none left the app plays normally.
-    rig.hardware->removeDevice(rig.left);
-    rig.hardware->removeDevice(rig.right);
-    settle();
-    rig.apps->reconcile(player);
-    QVERIFY(!rig.session());
-    QVERIFY(rig.apps->prefs().contains(player));
-    QVERIFY(rig.hardware->processTaps().empty());
-}
-
-void AppAudioManagerTest::storedRecordFollowsItsApplication() {
-    AppRig rig;
-    rig.apps->setVolume(player, 0.5);
-    QVERIFY(!rig.session());
-
-    // With the panel closed, the process list alone starts and ends the session.
-    const AudioObjectID object = rig.addApp(4242, player);
-    QVERIFY(rig.session());
-    QVERIFY(rig.apps->allApps().isEmpty());
-
-    // A helper joining the application rebuilds the session over both processes.
-    const AudioObjectID helper = rig.addApp(4243, std::nullopt, {}, true, 4242);
-    QCOMPARE(rig.session()->processObjects().size(), std::size_t(2));
-
-    rig.hardware->removeProcess(helper);
-    rig.hardware->removeProcess(object);
-    settle();
-    QVERIFY(!rig.session());
-    QVERIFY(rig.hardware->processTaps().empty());
-}
-
-void AppAudioManagerTest::followersMoveWithTheDefaultOutput() {
-    AppRig rig;
-    rig.addApp(4242, player);
-    const QString routed = QStringLiteral("org.example.Routed");
-    rig.addApp(4300, routed);
-    rig.apps->setVolume(player, 0.5);
-    rig.apps->setRoutes(routed, {GroupTestRig::leftUID});
-    QCOMPARE(rig.destinations(), QStringList{GroupTestRig::speakersUID});
-    const RouteSession* routedSession = rig.session(routed);
-
-    rig.hardware->setDefaultOutputDevice(rig.headphones);
-    settle();
-    QCOMPARE(rig.destinations(), QStringList{GroupTestRig::headphonesUID});
-    QCOMPARE(rig.session(routed), routedSession);
-
-    // With a group on, they play to its members.
-    const OutputGroup displays =
-        makeGroup(QStringLiteral("Displays"), {GroupTestRig::leftUID, GroupTestRig::rightUID});
-    rig.manager->setGroups({displays});
-    QVERIFY(rig.manager->activate(displays));
-    settle();
-    QCOMPARE(rig.destinations(), (QStringList{GroupTestRig::leftUID, GroupTestRig::rightUID}));
-}
-
-void AppAudioManagerTest::favouriteWithoutProcessIsListed() {
-    AppRig rig;
-    const QString absent = QStringLiteral("org.example.Absent");
-    const QString silent = QStringLiteral("org.example.Silent");
-    rig.applications.addProcess(5000, {silent, QStringLiteral("Silent Editor"), 0});
-    rig.apps->setFavourite(absent, true);
-    rig.apps->setFavourite(silent, true);
-    settle();
-
-    QCOMPARE(rig.apps->apps().size(), 2);
-    const auto absentRow = rig.row(rig.apps->apps(), absent);
-    QVERIFY(absentRow);
-    QCOMPARE(absentRow->name, absent);
-    QCOMPARE(absentRow->pid, 0);
-    QVERIFY(!absentRow->isPlaying);
-    QCOMPARE(rig.row(rig.apps->apps(), silent)->name, QStringLiteral("Silent Editor"));
-    QVERIFY(rig.hardware->processTaps().empty());
-}
-
-void AppAudioManagerTest::attribution() {
-    AppRig rig;
-    rig.addApp(100, QStringLiteral("org.example.Browser"), QStringLiteral("Browser"), false);
-    rig.addApp(101, std::nullopt, {}, true, 100); // a renderer with no identity of its own
-    rig.addApp(200, std::nullopt, QStringLiteral("Launcher"), false);
-    rig.addApp(201, QStringLiteral("org.example.Tool"), QStringLiteral("tool"), false, 200);
-    rig.addApp(300, std::nullopt, QStringLiteral("nameless daemon"));
-    rig.addApp(400, QStringLiteral("com.kestrivane.ondril"), QStringLiteral("Ondril"));
-    rig.addApp(500, QStringLiteral("org.example.Alpha"), QStringLiteral("alpha"), false);
-    rig.apps->refresh();
-    settle();
-
-    QStringList order;
-    for (const AppAudioState& row : rig.apps->allApps())
-        order.append(row.bundleID);
-    // Playing first, then by name without regard to case.
-    QCOMPARE(order, (QStringList{"org.example.Browser", "org.example.Alpha", "org.example.Tool"}));
-    const auto browser = rig.row(rig.apps->allApps(), QStringLiteral("org.example.Browser"));
-    QVERIFY(browser->isPlaying);
-    QCOMPARE(browser->pid, 100);
-    QCOMPARE(rig.apps->apps().size(), 1);
-}
-
-void AppAudioManagerTest::playStateBurstCostsOneRefresh() {
-    AppRig rig;
-    const AudioObjectID object = rig.addApp(4242, player, QStringLiteral("Player"), false);
-    rig.apps->setPanelOpen(true);
-    rig.apps->refresh();
-    settle();
-    QVERIFY(rig.apps->apps().isEmpty());
-
-    QSignalSpy published(rig.apps.get(), &AppAudioManager::allAppsChanged);
-    rig.hardware->setProcessRunningOutput(object, true);
-    rig.hardware->setProcessRunningOutput(object, false);
-    rig.hardware->setProcessRunningOutput(object, true);
-    QTRY_COMPARE(published.size(), 1);
-    QTest::qWait(2 * AppAudioManager::refreshDelayMs);
-    QCOMPARE(published.size(), 1);
-    QCOMPARE(rig.apps->apps().size(), 1);
-
-    // With the panel closed nothing listens for play state.
-    rig.apps->removeOutputListeners();
-    rig.hardware->setProcessRunningOutput(object, false);
-    QTest::qWait(2 * AppAudioManager::refreshDelayMs);
-    QCOMPARE(published.size(), 1);
-}
-
-void AppAudioManagerTest::recordsSurviveARestart() {
-    AppRig rig;
-    rig.addApp(4242, player);
-    rig.apps->setVolume(player, 0.25);
-    rig.apps->setRoutes(player, {GroupTestRig::rightUID});
-    rig.configs.reset();
-    rig.apps.reset();
-    QVERIFY(rig.hardware->processTaps().empty());
-
-    // A stored table with stray fields and wrong types keeps what it can.
-    const QByteArray stored = rig.defaults->dataForKey(SettingsKeys::appPrefs).value();
-    QByteArray tampered = stored;
-    tampered.replace("\"muted\":false", "\"muted\":\"no\"");
-    QVERIFY(tampered != stored);
-    rig.defaults->setData(tampered, SettingsKeys::appPrefs);
-    rig.startUpper();
-    QCOMPARE(rig.destinations(), QStringList{GroupTestRig::rightUID});
-    QCOMPARE(rig.session()->gain().value.load(), 0.25f);
-}
-
-void AppAudioManagerTest::permissionFlow_data() {
-    QTest::addColumn<int>("failingProbes");
-    QTest::addColumn<bool>("granted");
-
-    QTest::newRow("first probe succeeds") << 0 << true;
-    QTest::newRow("the last timed probe succeeds") << 41 << true;
-    QTest::newRow("denied after 41 timed probes") << 42 << false;
-}
-
-void AppAudioManagerTest::permissionFlow() {
-    QFETCH(int, failingProbes);
-    QFETCH(bool, granted);
-
-    AppRig rig;
-    rig.apps->setPermissionPollInterval(1);
-    if (failingProbes)
-        rig.hardware->failNextTapCreation(failingProbes);
-    rig.apps->requestPermission();
-    QTRY_VERIFY(!rig.apps->requestingPermission());
-
-    QCOMPARE(rig.apps->permissionGranted(), granted);
-    QCOMPARE(rig.apps->permissionDenied(), !granted);
-    QCOMPARE(rig.defaults->storedBoolForKey(SettingsKeys::audioCaptureGranted).has_value(),
-             granted);
-    QVERIFY(rig.hardware->processTaps().empty());
-    // Every failure was consumed by a probe, and no probe ran after the end.
-    AudioObjectID tap = 0;
-    QCOMPARE(rig.hardware->AudioHardwareCreateProcessTap({}, tap), kAudioHardwareNoError);
-}
-
-// The session's peak reaches the panel's levels and is taken; a neutral app shows none.
-void AppAudioManagerTest::levelsRiseAtOnceAndFallByBallistics() {
-    AppRig rig;
-    rig.addApp(4242, player);
-    rig.apps->setVolume(player, 0.5);
-    GainBox& gain = const_cast<RouteSession*>(rig.session())->gain();
-    gain.peak = 0.5f;
-    rig.apps->meterTick();
-    QCOMPARE(rig.apps->levels().value(player).toDouble(), 1.0); // -6 dB: above -12 dB is full
-    QCOMPARE(gain.peak.load(), 0.0f);
-    rig.apps->meterTick();
-    QCOMPARE(rig.apps->levels().value(player).toDouble(), 0.72); // falls by 0.28 of the distance
-
-    rig.apps->setVolume(player, 1.0);
-    rig.apps->meterTick();
-    QVERIFY(rig.apps->levels().isEmpty());
-}
 
 QTEST_GUILESS_MAIN(AppAudioManagerTest)
 #include "tst_appaudiomanager.moc"

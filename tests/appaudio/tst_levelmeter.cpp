@@ -15,124 +15,118 @@ class LevelMeterTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void meterReadsEveryFourthFloatWhileRunning();
-    void withoutARealOutputNothingIsLeftBehind();
-    void tickScaleAndBallistics_data();
-    void tickScaleAndBallistics();
-    void switchSound_data();
-    void switchSound();
-};
+    void meterReadsEveryFourthFloatWhileRunning() {
+        SimulatedAudioHardware hardware;
+        SimulatedAudioHardware::DeviceSpec speakers;
+        speakers.uid = QStringLiteral("speakers");
+        hardware.setDefaultOutputDevice(hardware.addDevice(speakers));
+        AudioDeviceManager audio(hardware);
+        LevelMeter meter(audio);
 
-void LevelMeterTest::meterReadsEveryFourthFloatWhileRunning() {
-    SimulatedAudioHardware hardware;
-    SimulatedAudioHardware::DeviceSpec speakers;
-    speakers.uid = QStringLiteral("speakers");
-    hardware.setDefaultOutputDevice(hardware.addDevice(speakers));
-    AudioDeviceManager audio(hardware);
-    LevelMeter meter(audio);
+        meter.stop(); // without start: nothing
+        meter.start();
+        meter.start();
+        QVERIFY(meter.isRunning());
+        QCOMPARE(hardware.processTaps().size(), std::size_t(1));
+        QVERIFY(hardware.tapDescription(hardware.processTaps().front())->isExclusive);
 
-    meter.stop(); // without start: nothing
-    meter.start();
-    meter.start();
-    QVERIFY(meter.isRunning());
-    QCOMPARE(hardware.processTaps().size(), std::size_t(1));
-    QVERIFY(hardware.tapDescription(hardware.processTaps().front())->isExclusive);
+        // Float 1 is not looked at; float 4 is.
+        hardware.runIOCycle(meter.aggID(), {0.1f, 1.0f, 0.1f, 0.1f, 0.25f, 0.1f, 0.1f, 0.1f}, 4);
+        QCOMPARE(meter.box().peak.load(), 0.25f);
 
-    // Float 1 is not looked at; float 4 is.
-    hardware.runIOCycle(meter.aggID(), {0.1f, 1.0f, 0.1f, 0.1f, 0.25f, 0.1f, 0.1f, 0.1f}, 4);
-    QCOMPARE(meter.box().peak.load(), 0.25f);
-
-    meter.tick();
-    QVERIFY(meter.outputLevel() > 0.0);
-    meter.stop();
-    QCOMPARE(meter.outputLevel(), 0.0);
-    QVERIFY(hardware.processTaps().empty());
-    QVERIFY(hardware.aggregateDevices().empty());
-}
-
-void LevelMeterTest::withoutARealOutputNothingIsLeftBehind() {
-    SimulatedAudioHardware hardware;
-    AudioDeviceManager audio(hardware);
-    TestSupport::spinEventLoop();
-    LevelMeter meter(audio);
-    meter.start();
-    QVERIFY(!meter.isRunning());
-    QVERIFY(hardware.processTaps().empty());
-}
-
-void LevelMeterTest::tickScaleAndBallistics_data() {
-    QTest::addColumn<QList<float>>("peaks");
-    QTest::addColumn<double>("level");
-
-    QTest::newRow("-12 dB is full at once") << QList<float>{0.2512f} << 1.0;
-    QTest::newRow("-60 dB is 0") << QList<float>{0.001f} << 0.0;
-    QTest::newRow("above the floor, below -60 dB: 0") << QList<float>{0.0001f} << 0.0;
-    QTest::newRow("silence falls by 0.28 per tick")
-        << QList<float>{1.0f, 0.0f, 0.0f} << 0.72 * 0.72;
-    QTest::newRow("-24 dB rises at once after a fall")
-        << QList<float>{1.0f, 0.0f, 0.0f, 0.0630957f} << 0.75;
-}
-
-void LevelMeterTest::tickScaleAndBallistics() {
-    QFETCH(QList<float>, peaks);
-    QFETCH(double, level);
-
-    SimulatedAudioHardware hardware;
-    AudioDeviceManager audio(hardware);
-    LevelMeter meter(audio);
-    for (float peak : peaks) {
-        meter.box().peak = peak;
         meter.tick();
+        QVERIFY(meter.outputLevel() > 0.0);
+        meter.stop();
+        QCOMPARE(meter.outputLevel(), 0.0);
+        QVERIFY(hardware.processTaps().empty());
+        QVERIFY(hardware.aggregateDevices().empty());
     }
-    QVERIFY2(qAbs(meter.outputLevel() - level) < 1e-4,
-             qPrintable(QString::number(meter.outputLevel())));
-    QCOMPARE(meter.box().peak.load(), 0.0f);
-}
 
-void LevelMeterTest::switchSound_data() {
-    QTest::addColumn<bool>("enabled");
-    QTest::addColumn<QStringList>("known");
-    QTest::addColumn<QString>("played");
-
-    const QString theme =
-        QStringLiteral("/usr/share/sounds/freedesktop/stereo/audio-volume-change.oga");
-    QTest::newRow("the named pop") << true << QStringList{"Pop", theme} << "Pop";
-    QTest::newRow("the theme's sound when there is no pop") << true << QStringList{theme} << theme;
-    QTest::newRow("no sound: silence") << true << QStringList{} << "";
-    QTest::newRow("switched off") << false << QStringList{"Pop"} << "";
-}
-
-void LevelMeterTest::switchSound() {
-    QFETCH(bool, enabled);
-    QFETCH(QStringList, known);
-    QFETCH(QString, played);
-
-    QTemporaryDir directory;
-    UserDefaults defaults(directory.filePath(QStringLiteral("defaults.json")));
-    NotificationCenter center;
-    AppSettings settings(defaults, center);
-    if (!enabled)
-        defaults.setBool(false, SettingsKeys::switchSound);
-    SimulatedSoundLibrary library;
-    for (const QString& sound : std::as_const(known))
-        library.addSound(sound);
-
-    playSwitchSound(QStringLiteral("headphones"), settings, library);
-    playSwitchSound(std::nullopt, settings, library);
-    if (played.isEmpty()) {
-        QVERIFY(library.played().isEmpty());
-        QCOMPARE(activeSwitchSoundCount(), 0);
-        return;
+    void withoutARealOutputNothingIsLeftBehind() {
+        SimulatedAudioHardware hardware;
+        AudioDeviceManager audio(hardware);
+        TestSupport::spinEventLoop();
+        LevelMeter meter(audio);
+        meter.start();
+        QVERIFY(!meter.isRunning());
+        QVERIFY(hardware.processTaps().empty());
     }
-    QCOMPARE(library.played().size(), 2);
-    QCOMPARE(library.played()[0].sound, played);
-    QCOMPARE(library.played()[0].volume, 0.35f);
-    QCOMPARE(library.played()[0].deviceUID, QStringLiteral("headphones"));
-    QCOMPARE(library.played()[1].deviceUID, QString());
-    // Each is held from its start until 2 s later.
-    QCOMPARE(activeSwitchSoundCount(), 2);
-    QTRY_COMPARE_WITH_TIMEOUT(activeSwitchSoundCount(), 0, 3000);
-}
+
+    void tickScaleAndBallistics_data() {
+        QTest::addColumn<QList<float>>("peaks");
+        QTest::addColumn<double>("level");
+
+        QTest::newRow("-12 dB is full at once") << QList<float>{0.2512f} << 1.0;
+        QTest::newRow("-60 dB is 0") << QList<float>{0.001f} << 0.0;
+        QTest::newRow("above the floor, below -60 dB: 0") << QList<float>{0.0001f} << 0.0;
+        QTest::newRow("silence falls by 0.28 per tick")
+            << QList<float>{1.0f, 0.0f, 0.0f} << 0.72 * 0.72;
+        QTest::newRow("-24 dB rises at once after a fall")
+            << QList<float>{1.0f, 0.0f, 0.0f, 0.0630957f} << 0.75;
+    }
+
+    void tickScaleAndBallistics() {
+        QFETCH(QList<float>, peaks);
+        QFETCH(double, level);
+
+        SimulatedAudioHardware hardware;
+        AudioDeviceManager audio(hardware);
+        LevelMeter meter(audio);
+        for (float peak : peaks) {
+            meter.box().peak = peak;
+            meter.tick();
+        }
+        QVERIFY2(qAbs(meter.outputLevel() - level) < 1e-4,
+                 qPrintable(QString::number(meter.outputLevel())));
+        QCOMPARE(meter.box().peak.load(), 0.0f);
+    }
+
+    void switchSound_data() {
+        QTest::addColumn<bool>("enabled");
+        QTest::addColumn<QStringList>("known");
+        QTest::addColumn<QString>("played");
+
+        const QString theme =
+            QStringLiteral("/usr/share/sounds/freedesktop/stereo/audio-volume-change.oga");
+        QTest::newRow("the named pop") << true << QStringList{"Pop", theme} << "Pop";
+        QTest::newRow("the theme's sound when there is no pop")
+            << true << QStringList{theme} << theme;
+        QTest::newRow("no sound: silence") << true << QStringList{} << "";
+        QTest::newRow("switched off") << false << QStringList{"Pop"} << "";
+    }
+
+    void switchSound() {
+        QFETCH(bool, enabled);
+        QFETCH(QStringList, known);
+        QFETCH(QString, played);
+
+        QTemporaryDir directory;
+        UserDefaults defaults(directory.filePath(QStringLiteral("defaults.json")));
+        NotificationCenter center;
+        AppSettings settings(defaults, center);
+        if (!enabled)
+            defaults.setBool(false, SettingsKeys::switchSound);
+        SimulatedSoundLibrary library;
+        for (const QString& sound : std::as_const(known))
+            library.addSound(sound);
+
+        playSwitchSound(QStringLiteral("headphones"), settings, library);
+        playSwitchSound(std::nullopt, settings, library);
+        if (played.isEmpty()) {
+            QVERIFY(library.played().isEmpty());
+            QCOMPARE(activeSwitchSoundCount(), 0);
+            return;
+        }
+        QCOMPARE(library.played().size(), 2);
+        QCOMPARE(library.played()[0].sound, played);
+        QCOMPARE(library.played()[0].volume, 0.35f);
+        QCOMPARE(library.played()[0].deviceUID, QStringLiteral("headphones"));
+        QCOMPARE(library.played()[1].deviceUID, QString());
+        // Each is held from its start until 2 s later.
+        QCOMPARE(activeSwitchSoundCount(), 2);
+        QTRY_COMPARE_WITH_TIMEOUT(activeSwitchSoundCount(), 0, 3000);
+    }
+};
 
 QTEST_GUILESS_MAIN(LevelMeterTest)
 #include "tst_levelmeter.moc"

@@ -20,220 +20,212 @@ class ConfigManagerTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void saveTakesTheRouting_data();
-    void saveTakesTheRouting();
-    void applyRestoresOutputInputAndRecords();
-    void applyAfterTheGroupWasDeleted();
-    void applySkipsAbsentDevices();
-    void namesMatchIgnoringCaseFirstWins();
-    void tolerantDecoding_data();
-    void tolerantDecoding();
-    void emptyRecordsEndEverySession();
-};
-
-void ConfigManagerTest::saveTakesTheRouting_data() {
-    QTest::addColumn<QString>("output"); // "group", "single" or "aggregate"
-    QTest::newRow("active group") << "group";
-    QTest::newRow("single output") << "single";
-    QTest::newRow("own aggregate as default, no group") << "aggregate";
-}
-
-void ConfigManagerTest::saveTakesTheRouting() {
-    QFETCH(QString, output);
-    ConfigRig rig;
-    const OutputGroup group =
-        makeGroup(QStringLiteral("Both Displays"), {GroupTestRig::leftUID, GroupTestRig::rightUID});
-    rig.manager->setGroups({group});
-    rig.manager->activate(group);
-    settle();
-    if (output == QLatin1String("single"))
-        rig.manager->switchToDevice(rig.headphones);
-    if (output == QLatin1String("aggregate")) {
-        // An aggregate of ours left as the default while no group is on.
-        rig.manager->deactivate();
-        rig.hardware->setDefaultOutputDevice(rig.addOutput(
-            GroupManager::aggregateUID(QUuid::createUuid()), QStringLiteral("Group")));
+    void saveTakesTheRouting_data() {
+        QTest::addColumn<QString>("output"); // "group", "single" or "aggregate"
+        QTest::newRow("active group") << "group";
+        QTest::newRow("single output") << "single";
+        QTest::newRow("own aggregate as default, no group") << "aggregate";
     }
-    settle();
-    rig.hardware->setDefaultInputDevice(rig.webcam);
-    rig.apps->setVolume(ConfigRig::player, 2.0);
-    settle();
 
-    rig.configs->saveCurrent(QStringLiteral("Desk"));
-    rig.startUpper(); // read back from the store
-    QCOMPARE(rig.configs->configs().size(), 1);
-    const QuickConfig saved = rig.configs->configs().first();
-    QCOMPARE(saved.name, QStringLiteral("Desk"));
-    QCOMPARE(saved.activeGroupID,
-             output == QLatin1String("group") ? std::optional<QUuid>(group.id) : std::nullopt);
-    QCOMPARE(saved.singleOutputUID, output == QLatin1String("single")
-                                        ? std::optional<QString>(GroupTestRig::headphonesUID)
-                                        : std::nullopt);
-    QCOMPARE(saved.inputUID, std::optional<QString>(ConfigRig::webcamUID));
-    QCOMPARE(saved.appRoutes.value(ConfigRig::player).volume, 2.0);
-}
+    void saveTakesTheRouting() {
+        QFETCH(QString, output);
+        ConfigRig rig;
+        const OutputGroup group = makeGroup(QStringLiteral("Both Displays"),
+                                            {GroupTestRig::leftUID, GroupTestRig::rightUID});
+        rig.manager->setGroups({group});
+        rig.manager->activate(group);
+        settle();
+        if (output == QLatin1String("single"))
+            rig.manager->switchToDevice(rig.headphones);
+        if (output == QLatin1String("aggregate")) {
+            // An aggregate of ours left as the default while no group is on.
+            rig.manager->deactivate();
+            rig.hardware->setDefaultOutputDevice(rig.addOutput(
+                GroupManager::aggregateUID(QUuid::createUuid()), QStringLiteral("Group")));
+        }
+        settle();
+        rig.hardware->setDefaultInputDevice(rig.webcam);
+        rig.apps->setVolume(ConfigRig::player, 2.0);
+        settle();
 
-void ConfigManagerTest::applyRestoresOutputInputAndRecords() {
-    ConfigRig rig;
-    rig.addPlayer();
-    rig.manager->switchToDevice(rig.headphones);
-    rig.apps->setVolume(ConfigRig::player, 1.5); // a follower of the default output
-    settle();
-    rig.configs->saveCurrent(QStringLiteral("Desk"));
+        rig.configs->saveCurrent(QStringLiteral("Desk"));
+        rig.startUpper(); // read back from the store
+        QCOMPARE(rig.configs->configs().size(), 1);
+        const QuickConfig saved = rig.configs->configs().first();
+        QCOMPARE(saved.name, QStringLiteral("Desk"));
+        QCOMPARE(saved.activeGroupID,
+                 output == QLatin1String("group") ? std::optional<QUuid>(group.id) : std::nullopt);
+        QCOMPARE(saved.singleOutputUID, output == QLatin1String("single")
+                                            ? std::optional<QString>(GroupTestRig::headphonesUID)
+                                            : std::nullopt);
+        QCOMPARE(saved.inputUID, std::optional<QString>(ConfigRig::webcamUID));
+        QCOMPARE(saved.appRoutes.value(ConfigRig::player).volume, 2.0);
+    }
 
-    rig.manager->switchToDevice(rig.speakers);
-    rig.hardware->setDefaultInputDevice(rig.webcam);
-    rig.apps->setVolume(ConfigRig::player, 0.5);
-    settle();
+    void applyRestoresOutputInputAndRecords() {
+        ConfigRig rig;
+        rig.addPlayer();
+        rig.manager->switchToDevice(rig.headphones);
+        rig.apps->setVolume(ConfigRig::player, 1.5); // a follower of the default output
+        settle();
+        rig.configs->saveCurrent(QStringLiteral("Desk"));
 
-    rig.configs->apply(QStringLiteral("desk"));
-    settle();
-    QCOMPARE(rig.defaultOutput(), rig.headphones);
-    QCOMPARE(rig.defaultInput(), rig.mic);
-    QCOMPARE(rig.apps->prefs().value(ConfigRig::player).volume, 1.5);
-    // The records went last: the session plays to the output the config chose.
-    QVERIFY(rig.apps->session(ConfigRig::player));
-    QCOMPARE(rig.apps->session(ConfigRig::player)->destinationUIDs(),
-             QStringList{GroupTestRig::headphonesUID});
-}
+        rig.manager->switchToDevice(rig.speakers);
+        rig.hardware->setDefaultInputDevice(rig.webcam);
+        rig.apps->setVolume(ConfigRig::player, 0.5);
+        settle();
 
-void ConfigManagerTest::applyAfterTheGroupWasDeleted() {
-    ConfigRig rig;
-    const OutputGroup group =
-        makeGroup(QStringLiteral("Both Displays"), {GroupTestRig::leftUID, GroupTestRig::rightUID});
-    rig.manager->setGroups({group});
-    rig.manager->activate(group);
-    settle();
-    rig.configs->saveCurrent(QStringLiteral("Desk"));
-    rig.manager->deleteGroup(group);
-    settle();
-    rig.startUpper();
-    QCOMPARE(rig.configs->configs().first().activeGroupID, std::nullopt); // stored so
+        rig.configs->apply(QStringLiteral("desk"));
+        settle();
+        QCOMPARE(rig.defaultOutput(), rig.headphones);
+        QCOMPARE(rig.defaultInput(), rig.mic);
+        QCOMPARE(rig.apps->prefs().value(ConfigRig::player).volume, 1.5);
+        // The records went last: the session plays to the output the config chose.
+        QVERIFY(rig.apps->session(ConfigRig::player));
+        QCOMPARE(rig.apps->session(ConfigRig::player)->destinationUIDs(),
+                 QStringList{GroupTestRig::headphonesUID});
+    }
 
-    rig.manager->switchToDevice(rig.right);
-    rig.hardware->setDefaultInputDevice(rig.webcam);
-    rig.apps->setMuted(ConfigRig::player, true);
-    settle();
-    rig.configs->apply(QStringLiteral("Desk"));
-    settle();
-    QCOMPARE(rig.defaultOutput(), rig.right); // saved with a group: no single output to fall to
-    QCOMPARE(rig.defaultInput(), rig.mic);
-    QVERIFY(rig.apps->prefs().isEmpty());
+    void applyAfterTheGroupWasDeleted() {
+        ConfigRig rig;
+        const OutputGroup group = makeGroup(QStringLiteral("Both Displays"),
+                                            {GroupTestRig::leftUID, GroupTestRig::rightUID});
+        rig.manager->setGroups({group});
+        rig.manager->activate(group);
+        settle();
+        rig.configs->saveCurrent(QStringLiteral("Desk"));
+        rig.manager->deleteGroup(group);
+        settle();
+        rig.startUpper();
+        QCOMPARE(rig.configs->configs().first().activeGroupID, std::nullopt); // stored so
 
-    // A config that names a group that is gone falls to its single output.
-    QuickConfig config = rig.configs->configs().first();
-    config.activeGroupID = group.id;
-    config.singleOutputUID = GroupTestRig::headphonesUID;
-    rig.configs->apply(config);
-    settle();
-    QCOMPARE(rig.defaultOutput(), rig.headphones);
-}
+        rig.manager->switchToDevice(rig.right);
+        rig.hardware->setDefaultInputDevice(rig.webcam);
+        rig.apps->setMuted(ConfigRig::player, true);
+        settle();
+        rig.configs->apply(QStringLiteral("Desk"));
+        settle();
+        QCOMPARE(rig.defaultOutput(), rig.right); // saved with a group: no single output to fall to
+        QCOMPARE(rig.defaultInput(), rig.mic);
+        QVERIFY(rig.apps->prefs().isEmpty());
 
-void ConfigManagerTest::applySkipsAbsentDevices() {
-    ConfigRig rig;
-    QuickConfig config;
-    config.name = QStringLiteral("Away");
-    config.singleOutputUID = QStringLiteral("usb:Gone:Speaker:9:1");
-    config.inputUID = QStringLiteral("usb:Gone:Mic:9:1");
-    config.appRoutes.insert(ConfigRig::player,
-                            boosted(3.0, {QStringLiteral("usb:Gone:Speaker:9:1")}));
-    rig.configs->apply(config);
-    settle();
-    QCOMPARE(rig.defaultOutput(), rig.speakers);
-    QCOMPARE(rig.defaultInput(), rig.mic);
-    // The records are kept as saved, the absent route included.
-    QCOMPARE(rig.apps->prefs().value(ConfigRig::player), config.appRoutes.value(ConfigRig::player));
-}
+        // A config that names a group that is gone falls to its single output.
+        QuickConfig config = rig.configs->configs().first();
+        config.activeGroupID = group.id;
+        config.singleOutputUID = GroupTestRig::headphonesUID;
+        rig.configs->apply(config);
+        settle();
+        QCOMPARE(rig.defaultOutput(), rig.headphones);
+    }
 
-void ConfigManagerTest::namesMatchIgnoringCaseFirstWins() {
-    ConfigRig rig;
-    rig.manager->switchToDevice(rig.left);
-    settle();
-    rig.configs->saveCurrent(QStringLiteral("Ünterwegs"));
-    rig.manager->switchToDevice(rig.right);
-    settle();
-    rig.configs->saveCurrent(QStringLiteral("ünterwegs"));
-    QCOMPARE(rig.configs->configs().size(), 2); // a save never replaces
+    void applySkipsAbsentDevices() {
+        ConfigRig rig;
+        QuickConfig config;
+        config.name = QStringLiteral("Away");
+        config.singleOutputUID = QStringLiteral("usb:Gone:Speaker:9:1");
+        config.inputUID = QStringLiteral("usb:Gone:Mic:9:1");
+        config.appRoutes.insert(ConfigRig::player,
+                                boosted(3.0, {QStringLiteral("usb:Gone:Speaker:9:1")}));
+        rig.configs->apply(config);
+        settle();
+        QCOMPARE(rig.defaultOutput(), rig.speakers);
+        QCOMPARE(rig.defaultInput(), rig.mic);
+        // The records are kept as saved, the absent route included.
+        QCOMPARE(rig.apps->prefs().value(ConfigRig::player),
+                 config.appRoutes.value(ConfigRig::player));
+    }
 
-    rig.configs->apply(QStringLiteral("nothing like it"));
-    settle();
-    QCOMPARE(rig.defaultOutput(), rig.right);
-    rig.configs->apply(QStringLiteral("ÜNTERWEGS"));
-    settle();
-    QCOMPARE(rig.defaultOutput(), rig.left);
-}
+    void namesMatchIgnoringCaseFirstWins() {
+        ConfigRig rig;
+        rig.manager->switchToDevice(rig.left);
+        settle();
+        rig.configs->saveCurrent(QStringLiteral("Ünterwegs"));
+        rig.manager->switchToDevice(rig.right);
+        settle();
+        rig.configs->saveCurrent(QStringLiteral("ünterwegs"));
+        QCOMPARE(rig.configs->configs().size(), 2); // a save never replaces
 
-void ConfigManagerTest::tolerantDecoding_data() {
-    QTest::addColumn<QByteArray>("json");
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<bool>("keepsID");
-    QTest::addColumn<bool>("hasGroup");
-    QTest::addColumn<bool>("hasOutput");
-    QTest::addColumn<bool>("hasInput");
-    QTest::addColumn<int>("routes");
-    const QByteArray whole =
-        R"({"id":"6F0C7A3E-2B1D-4C9A-8E55-0A1B2C3D4E5F","name":"Desk",)"
-        R"("activeGroupID":"1E2D3C4B-5A69-4788-9766-554433221100","singleOutputUID":"out",)"
-        R"("inputUID":"in","appRoutes":{"org.example.Player":{"volume":2}}})";
-    auto damaged = [&](const char* key, const char* value) {
-        QJsonObject object = QJsonDocument::fromJson(whole).object();
-        object.insert(QLatin1String(key),
-                      QJsonDocument::fromJson(QByteArray("[") + value + "]").array().first());
-        return QJsonDocument(QJsonArray{object}).toJson();
-    };
-    QTest::newRow("whole") << QByteArray("[" + whole + "]") << "Desk" << true << true << true
-                           << true << 1;
-    QTest::newRow("id not a uuid")
-        << damaged("id", "\"x\"") << "Desk" << false << true << true << true << 1;
-    QTest::newRow("name a number")
-        << damaged("name", "7") << "Setup" << true << true << true << true << 1;
-    QTest::newRow("group id damaged")
-        << damaged("activeGroupID", "\"1E2D\"") << "Desk" << true << false << true << true << 1;
-    QTest::newRow("output not text")
-        << damaged("singleOutputUID", "[]") << "Desk" << true << true << false << true << 1;
-    QTest::newRow("input null") << damaged("inputUID", "null") << "Desk" << true << true << true
-                                << false << 1;
-    QTest::newRow("routes an array")
-        << damaged("appRoutes", "[1]") << "Desk" << true << true << true << true << 0;
-    QTest::newRow("empty object") << QByteArray("[{}]") << "Setup" << false << false << false
-                                  << false << 0;
-}
+        rig.configs->apply(QStringLiteral("nothing like it"));
+        settle();
+        QCOMPARE(rig.defaultOutput(), rig.right);
+        rig.configs->apply(QStringLiteral("ÜNTERWEGS"));
+        settle();
+        QCOMPARE(rig.defaultOutput(), rig.left);
+    }
 
-void ConfigManagerTest::tolerantDecoding() {
-    QFETCH(QByteArray, json);
-    QFETCH(QString, name);
-    QFETCH(bool, keepsID);
-    QFETCH(bool, hasGroup);
-    QFETCH(bool, hasOutput);
-    QFETCH(bool, hasInput);
-    QFETCH(int, routes);
-    const auto configs = QuickConfig::decodeAll(json);
-    QVERIFY(configs);
-    QCOMPARE(configs->size(), 1);
-    const QuickConfig& config = configs->first();
-    QCOMPARE(config.name, name);
-    QVERIFY(!config.id.isNull());
-    QCOMPARE(config.id == QUuid::fromString(QStringLiteral("6F0C7A3E-2B1D-4C9A-8E55-0A1B2C3D4E5F")),
-             keepsID);
-    QCOMPARE(config.activeGroupID.has_value(), hasGroup);
-    QCOMPARE(config.singleOutputUID.has_value(), hasOutput);
-    QCOMPARE(config.inputUID.has_value(), hasInput);
-    QCOMPARE(config.appRoutes.size(), routes);
-    QCOMPARE(QuickConfig::decodeAll(QuickConfig::encodeAll(*configs)), configs);
-}
+    void tolerantDecoding_data() {
+        QTest::addColumn<QByteArray>("json");
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<bool>("keepsID");
+        QTest::addColumn<bool>("hasGroup");
+        QTest::addColumn<bool>("hasOutput");
+        QTest::addColumn<bool>("hasInput");
+        QTest::addColumn<int>("routes");
+        const QByteArray whole =
+            R"({"id":"6F0C7A3E-2B1D-4C9A-8E55-0A1B2C3D4E5F","name":"Desk",)"
+            R"("activeGroupID":"1E2D3C4B-5A69-4788-9766-554433221100","singleOutputUID":"out",)"
+            R"("inputUID":"in","appRoutes":{"org.example.Player":{"volume":2}}})";
+        auto damaged = [&](const char* key, const char* value) {
+            QJsonObject object = QJsonDocument::fromJson(whole).object();
+            object.insert(QLatin1String(key),
+                          QJsonDocument::fromJson(QByteArray("[") + value + "]").array().first());
+            return QJsonDocument(QJsonArray{object}).toJson();
+        };
+        QTest::newRow("whole") << QByteArray("[" + whole + "]") << "Desk" << true << true << true
+                               << true << 1;
+        QTest::newRow("id not a uuid")
+            << damaged("id", "\"x\"") << "Desk" << false << true << true << true << 1;
+        QTest::newRow("name a number")
+            << damaged("name", "7") << "Setup" << true << true << true << true << 1;
+        QTest::newRow("group id damaged")
+            << damaged("activeGroupID", "\"1E2D\"") << "Desk" << true << false << true << true << 1;
+        QTest::newRow("output not text")
+            << damaged("singleOutputUID", "[]") << "Desk" << true << true << false << true << 1;
+        QTest::newRow("input null")
+            << damaged("inputUID", "null") << "Desk" << true << true << true << false << 1;
+        QTest::newRow("routes an array")
+            << damaged("appRoutes", "[1]") << "Desk" << true << true << true << true << 0;
+        QTest::newRow("empty object")
+            << QByteArray("[{}]") << "Setup" << false << false << false << false << 0;
+    }
 
-void ConfigManagerTest::emptyRecordsEndEverySession() {
-    ConfigRig rig;
-    rig.addPlayer();
-    rig.apps->setVolume(ConfigRig::player, 2.0);
-    settle();
-    QVERIFY(rig.apps->session(ConfigRig::player));
-    QuickConfig config;
-    rig.configs->apply(config);
-    settle();
-    QVERIFY(!rig.apps->session(ConfigRig::player));
-    QVERIFY(rig.apps->prefs().isEmpty());
-}
+    void tolerantDecoding() {
+        QFETCH(QByteArray, json);
+        QFETCH(QString, name);
+        QFETCH(bool, keepsID);
+        QFETCH(bool, hasGroup);
+        QFETCH(bool, hasOutput);
+        QFETCH(bool, hasInput);
+        QFETCH(int, routes);
+        const auto configs = QuickConfig::decodeAll(json);
+        QVERIFY(configs);
+        QCOMPARE(configs->size(), 1);
+        const QuickConfig& config = configs->first();
+        QCOMPARE(config.name, name);
+        QVERIFY(!config.id.isNull());
+        QCOMPARE(config.id ==
+                     QUuid::fromString(QStringLiteral("6F0C7A3E-2B1D-4C9A-8E55-0A1B2C3D4E5F")),
+                 keepsID);
+        QCOMPARE(config.activeGroupID.has_value(), hasGroup);
+        QCOMPARE(config.singleOutputUID.has_value(), hasOutput);
+        QCOMPARE(config.inputUID.has_value(), hasInput);
+        QCOMPARE(config.appRoutes.size(), routes);
+        QCOMPARE(QuickConfig::decodeAll(QuickConfig::encodeAll(*configs)), configs);
+    }
+
+    void emptyRecordsEndEverySession() {
+        ConfigRig rig;
+        rig.addPlayer();
+        rig.apps->setVolume(ConfigRig::player, 2.0);
+        settle();
+        QVERIFY(rig.apps->session(ConfigRig::player));
+        QuickConfig config;
+        rig.configs->apply(config);
+        settle();
+        QVERIFY(!rig.apps->session(ConfigRig::player));
+        QVERIFY(rig.apps->prefs().isEmpty());
+    }
+};
 
 QTEST_GUILESS_MAIN(ConfigManagerTest)
 #include "tst_configmanager.moc"

@@ -31,98 +31,94 @@ class ProcRunningApplicationsTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void cgroupScope_data();
-    void cgroupScope();
-    void identityNameAndResponsibility();
+    void cgroupScope_data() {
+        QTest::addColumn<QString>("line");
+        QTest::addColumn<QString>("id"); // "" for none
+
+        const QString slice =
+            QStringLiteral("0::/user.slice/user-1000.slice/user@1000.service/app.slice/");
+        const QList<std::pair<const char*, const char*>> scopes{
+            {"app-gnome-org.gnome.Terminal-1234.scope", "org.gnome.Terminal"},
+            {"app-flatpak-org.mozilla.firefox-5678.scope", "org.mozilla.firefox"},
+            {"app-org.kde.konsole-99.scope", "org.kde.konsole"},
+            {"app-gnome-firefox\\x2desr-12.scope", "firefox-esr"},
+            {"app-org.example.Bar@abc.service", "org.example.Bar"}};
+        for (const auto& [scope, id] : scopes)
+            QTest::newRow(scope) << slice + scope << id;
+        QTest::newRow("a login session") << QStringLiteral("0::/user.slice/session-2.scope") << "";
+        QTest::newRow("a system service") << QStringLiteral("0::/system.slice/cron.service") << "";
+    }
+
+    void cgroupScope() {
+        QFETCH(QString, line);
+        QFETCH(QString, id);
+        QCOMPARE(ProcRunningApplications::bundleIdentifierFromCgroup(line).value_or(QString()), id);
+    }
+
+    void identityNameAndResponsibility() {
+        QTemporaryDir data;
+        QDir().mkpath(data.filePath(QStringLiteral("applications/org.example")));
+        FakeProc::write(data.filePath(QStringLiteral("applications/org.example/Sleeper.desktop")),
+                        QStringLiteral("[Desktop Entry]\nName=Sleeper\nName[xx]=Dormeur\n"
+                                       "Exec=sleep %U\nIcon=sleeper\n[Desktop Action New]\n"
+                                       "Name=Other\nExec=true\n"));
+        FakeProc::write(
+            data.filePath(QStringLiteral("applications/org.example.Viewer.desktop")),
+            QStringLiteral("[Desktop Entry]\nName=Viewer\nExec=/opt/viewer\nIcon=viewer\n"));
+
+        FakeProc proc;
+        proc.add(10, QStringLiteral("/usr/bin/env"), 1);
+        proc.add(11, QStringLiteral("/usr/bin/env"), 10); // a helper of 10
+        proc.add(12, QStringLiteral("/usr/bin/true"), 11);
+        proc.add(20, QStringLiteral("/usr/bin/true"), 1,
+                 QStringLiteral("0::/app.slice/app-flatpak-org.example.Viewer-77.scope"));
+        proc.add(30, QStringLiteral("/usr/bin/sleep"), 1);
+        ProcRunningApplications applications(proc.root.path(), {data.path()});
+
+        QCOMPARE(applications.responsibilityGetPidResponsibleForPid(11), 10);
+        QCOMPARE(applications.responsibilityGetPidResponsibleForPid(12), 12);
+        QCOMPARE(applications.responsibilityGetPidResponsibleForPid(99), -1);
+
+        const auto sleeper = applications.runningApplicationWithProcessIdentifier(30);
+        QCOMPARE(sleeper->bundleIdentifier, QStringLiteral("org.example-Sleeper"));
+        QCOMPARE(sleeper->localizedName, QStringLiteral("Sleeper"));
+        QCOMPARE(sleeper->iconName, QStringLiteral("sleeper"));
+        // The app scope comes before the executable's entry.
+        const auto viewer = applications.runningApplicationWithProcessIdentifier(20);
+        QCOMPARE(viewer->bundleIdentifier, QStringLiteral("org.example.Viewer"));
+        QCOMPARE(viewer->localizedName, QStringLiteral("Viewer"));
+        const auto plain = applications.runningApplicationWithProcessIdentifier(12);
+        QCOMPARE(plain->bundleIdentifier, QStringLiteral("true"));
+        QVERIFY(!plain->localizedName);
+        QVERIFY(!applications.runningApplicationWithProcessIdentifier(99));
+
+        QList<std::int32_t> pids;
+        for (const RunningApplication& app :
+             applications.runningApplicationsWithBundleIdentifier(QStringLiteral("env")))
+            pids.append(app.processIdentifier);
+        std::sort(pids.begin(), pids.end());
+        QCOMPARE(pids, (QList<std::int32_t>{10, 11}));
+
+        // What a process's stream says comes first: application.id, then the sandbox's app id; the
+        // entry's name and icon still win over the stream's.
+        applications.setStreamIdentities(
+            [](std::int32_t pid) -> std::optional<ProcRunningApplications::StreamIdentity> {
+                if (pid == 12)
+                    return {{"org.example.Viewer", "org.example.Ignored", "Player", "player"}};
+                if (pid == 20)
+                    return {{{}, "org.example.Portal", "Portal App", "portal"}};
+                return std::nullopt;
+            });
+        const auto byStream = applications.runningApplicationWithProcessIdentifier(12);
+        QCOMPARE(byStream->bundleIdentifier, QStringLiteral("org.example.Viewer"));
+        QCOMPARE(byStream->localizedName, QStringLiteral("Viewer"));
+        QCOMPARE(byStream->iconName, QStringLiteral("viewer"));
+        const auto bySandbox = applications.runningApplicationWithProcessIdentifier(20);
+        QCOMPARE(bySandbox->bundleIdentifier, QStringLiteral("org.example.Portal"));
+        QCOMPARE(bySandbox->localizedName, QStringLiteral("Portal App"));
+        QCOMPARE(bySandbox->iconName, QStringLiteral("portal"));
+    }
 };
-
-void ProcRunningApplicationsTest::cgroupScope_data() {
-    QTest::addColumn<QString>("line");
-    QTest::addColumn<QString>("id"); // "" for none
-
-    const QString slice =
-        QStringLiteral("0::/user.slice/user-1000.slice/user@1000.service/app.slice/");
-    const QList<std::pair<const char*, const char*>> scopes{
-        {"app-gnome-org.gnome.Terminal-1234.scope", "org.gnome.Terminal"},
-        {"app-flatpak-org.mozilla.firefox-5678.scope", "org.mozilla.firefox"},
-        {"app-org.kde.konsole-99.scope", "org.kde.konsole"},
-        {"app-gnome-firefox\\x2desr-12.scope", "firefox-esr"},
-        {"app-org.example.Bar@abc.service", "org.example.Bar"}};
-    for (const auto& [scope, id] : scopes)
-        QTest::newRow(scope) << slice + scope << id;
-    QTest::newRow("a login session") << QStringLiteral("0::/user.slice/session-2.scope") << "";
-    QTest::newRow("a system service") << QStringLiteral("0::/system.slice/cron.service") << "";
-}
-
-void ProcRunningApplicationsTest::cgroupScope() {
-    QFETCH(QString, line);
-    QFETCH(QString, id);
-    QCOMPARE(ProcRunningApplications::bundleIdentifierFromCgroup(line).value_or(QString()), id);
-}
-
-void ProcRunningApplicationsTest::identityNameAndResponsibility() {
-    QTemporaryDir data;
-    QDir().mkpath(data.filePath(QStringLiteral("applications/org.example")));
-    FakeProc::write(data.filePath(QStringLiteral("applications/org.example/Sleeper.desktop")),
-                    QStringLiteral("[Desktop Entry]\nName=Sleeper\nName[xx]=Dormeur\n"
-                                   "Exec=sleep %U\nIcon=sleeper\n[Desktop Action New]\n"
-                                   "Name=Other\nExec=true\n"));
-    FakeProc::write(
-        data.filePath(QStringLiteral("applications/org.example.Viewer.desktop")),
-        QStringLiteral("[Desktop Entry]\nName=Viewer\nExec=/opt/viewer\nIcon=viewer\n"));
-
-    FakeProc proc;
-    proc.add(10, QStringLiteral("/usr/bin/env"), 1);
-    proc.add(11, QStringLiteral("/usr/bin/env"), 10); // a helper of 10
-    proc.add(12, QStringLiteral("/usr/bin/true"), 11);
-    proc.add(20, QStringLiteral("/usr/bin/true"), 1,
-             QStringLiteral("0::/app.slice/app-flatpak-org.example.Viewer-77.scope"));
-    proc.add(30, QStringLiteral("/usr/bin/sleep"), 1);
-    ProcRunningApplications applications(proc.root.path(), {data.path()});
-
-    QCOMPARE(applications.responsibilityGetPidResponsibleForPid(11), 10);
-    QCOMPARE(applications.responsibilityGetPidResponsibleForPid(12), 12);
-    QCOMPARE(applications.responsibilityGetPidResponsibleForPid(99), -1);
-
-    const auto sleeper = applications.runningApplicationWithProcessIdentifier(30);
-    QCOMPARE(sleeper->bundleIdentifier, QStringLiteral("org.example-Sleeper"));
-    QCOMPARE(sleeper->localizedName, QStringLiteral("Sleeper"));
-    QCOMPARE(sleeper->iconName, QStringLiteral("sleeper"));
-    // The app scope comes before the executable's entry.
-    const auto viewer = applications.runningApplicationWithProcessIdentifier(20);
-    QCOMPARE(viewer->bundleIdentifier, QStringLiteral("org.example.Viewer"));
-    QCOMPARE(viewer->localizedName, QStringLiteral("Viewer"));
-    const auto plain = applications.runningApplicationWithProcessIdentifier(12);
-    QCOMPARE(plain->bundleIdentifier, QStringLiteral("true"));
-    QVERIFY(!plain->localizedName);
-    QVERIFY(!applications.runningApplicationWithProcessIdentifier(99));
-
-    QList<std::int32_t> pids;
-    for (const RunningApplication& app :
-         applications.runningApplicationsWithBundleIdentifier(QStringLiteral("env")))
-        pids.append(app.processIdentifier);
-    std::sort(pids.begin(), pids.end());
-    QCOMPARE(pids, (QList<std::int32_t>{10, 11}));
-
-    // What a process's stream says comes first: application.id, then the sandbox's app id; the
-    // entry's name and icon still win over the stream's.
-    applications.setStreamIdentities(
-        [](std::int32_t pid) -> std::optional<ProcRunningApplications::StreamIdentity> {
-            if (pid == 12)
-                return {{"org.example.Viewer", "org.example.Ignored", "Player", "player"}};
-            if (pid == 20)
-                return {{{}, "org.example.Portal", "Portal App", "portal"}};
-            return std::nullopt;
-        });
-    const auto byStream = applications.runningApplicationWithProcessIdentifier(12);
-    QCOMPARE(byStream->bundleIdentifier, QStringLiteral("org.example.Viewer"));
-    QCOMPARE(byStream->localizedName, QStringLiteral("Viewer"));
-    QCOMPARE(byStream->iconName, QStringLiteral("viewer"));
-    const auto bySandbox = applications.runningApplicationWithProcessIdentifier(20);
-    QCOMPARE(bySandbox->bundleIdentifier, QStringLiteral("org.example.Portal"));
-    QCOMPARE(bySandbox->localizedName, QStringLiteral("Portal App"));
-    QCOMPARE(bySandbox->iconName, QStringLiteral("portal"));
-}
 
 QTEST_GUILESS_MAIN(ProcRunningApplicationsTest)
 #include "tst_procrunningapplications.moc"
