@@ -101,13 +101,17 @@ private slots:
 
         rig.manager->switchToDevice(rig.right);
         rig.hardware->setDefaultInputDevice(rig.webcam);
-        rig.apps->setMuted(ConfigRig::player, true);
+        rig.addPlayer();
+        rig.apps->setVolume(ConfigRig::player, 2.0);
         settle();
+        QVERIFY(rig.apps->session(ConfigRig::player));
         rig.configs->apply(QStringLiteral("Desk"));
         settle();
         QCOMPARE(rig.defaultOutput(), rig.right); // saved with a group: no single output to fall to
         QCOMPARE(rig.defaultInput(), rig.mic);
+        // Saved without records: every record and session ends.
         QVERIFY(rig.apps->prefs().isEmpty());
+        QVERIFY(!rig.apps->session(ConfigRig::player));
 
         // A config that names a group that is gone falls to its single output.
         QuickConfig config = rig.configs->configs().first();
@@ -211,19 +215,6 @@ private slots:
         QCOMPARE(config.inputUID.has_value(), hasInput);
         QCOMPARE(config.appRoutes.size(), routes);
         QCOMPARE(QuickConfig::decodeAll(QuickConfig::encodeAll(*configs)), configs);
-    }
-
-    void emptyRecordsEndEverySession() {
-        ConfigRig rig;
-        rig.addPlayer();
-        rig.apps->setVolume(ConfigRig::player, 2.0);
-        settle();
-        QVERIFY(rig.apps->session(ConfigRig::player));
-        QuickConfig config;
-        rig.configs->apply(config);
-        settle();
-        QVERIFY(!rig.apps->session(ConfigRig::player));
-        QVERIFY(rig.apps->prefs().isEmpty());
     }
 };
 

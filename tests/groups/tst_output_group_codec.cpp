@@ -101,27 +101,6 @@ private slots:
         group.masterVolume = std::numeric_limits<double>::quiet_NaN();
         QVERIFY(!OutputGroupCodec::encode({group}));
     }
-
-    void uuidParsing_data() {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<bool>("valid");
-        QTest::newRow("upper") << "6F9619FF-8B86-D011-B42D-00C04FC964FF" << true;
-        QTest::newRow("lower") << "6f9619ff-8b86-d011-b42d-00c04fc964ff" << true;
-        QTest::newRow("nil") << "00000000-0000-0000-0000-000000000000" << true;
-        QTest::newRow("braces") << "{6F9619FF-8B86-D011-B42D-00C04FC964FF}" << false;
-        QTest::newRow("short") << "6F9619FF-8B86-D011-B42D" << false;
-        QTest::newRow("junk of the right length")
-            << "zzzzzzzz-8b86-d011-b42d-00c04fc964ff" << false;
-    }
-
-    void uuidParsing() {
-        QFETCH(QString, text);
-        QFETCH(bool, valid);
-        const auto uuid = OutputGroupCodec::parseUuid(text);
-        QCOMPARE(uuid.has_value(), valid);
-        if (valid)
-            QCOMPARE(OutputGroupCodec::uuidText(*uuid), text.toUpper());
-    }
 };
 
 QTEST_GUILESS_MAIN(TestOutputGroupCodec)

@@ -1,10 +1,8 @@
-#include "ui/panel/PanelController.h"
 #include "ui/panel/PanelPlacement.h"
 
 #include <QTest>
 
 using Screen = PanelPlacement::Screen;
-Q_DECLARE_METATYPE(std::optional<qint64>)
 Q_DECLARE_METATYPE(std::optional<double>)
 
 namespace {
@@ -85,20 +83,6 @@ private slots:
         QCOMPARE(PanelPlacement::resized(top, 500), QRectF(1142, -2, 400, 580));
         const auto bottom = PanelPlacement::place(QPointF(1500, 1064), bottomBarScreen(), 400);
         QCOMPARE(PanelPlacement::resized(bottom, 500), QRectF(1142, 1082 - 580, 400, 580));
-    }
-
-    void reopensOnlyAfterTheGuard_data() {
-        QTest::addColumn<std::optional<qint64>>("sinceClose");
-        QTest::addColumn<bool>("reopens");
-        QTest::newRow("never closed") << std::optional<qint64>() << true;
-        QTest::newRow("just closed") << std::optional<qint64>(50) << false;
-        QTest::newRow("exactly 0.2 s") << std::optional<qint64>(200) << false;
-        QTest::newRow("0.3 s later") << std::optional<qint64>(300) << true;
-    }
-    void reopensOnlyAfterTheGuard() {
-        QFETCH(std::optional<qint64>, sinceClose);
-        QFETCH(bool, reopens);
-        QCOMPARE(PanelController::mayReopen(sinceClose), reopens);
     }
 };
 

@@ -63,23 +63,16 @@ const AudioDevice* findByUID(const QList<AudioDevice>& devices, const QString& u
 }
 
 QString groupUID() {
-    return QStringLiteral("com.kestrivane.ondril.group.") +
-           QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper();
+    return GroupManager::aggregateUID(QUuid::createUuid());
 }
 
+// What a group hands over, under `uid`.
 QVariantMap aggregateDescription(const QString& uid, const QString& name,
                                  const QStringList& members, const QString& master) {
-    QVariantList subdevices;
-    for (const QString& member : members)
-        subdevices.append(
-            QVariantMap{{kAudioSubDeviceUIDKey, member},
-                        {kAudioSubDeviceDriftCompensationKey, member == master ? 0 : 1}});
-    return {{kAudioAggregateDeviceNameKey, name},
-            {kAudioAggregateDeviceUIDKey, uid},
-            {kAudioAggregateDeviceIsStackedKey, 1},
-            {kAudioAggregateDeviceIsPrivateKey, 0},
-            {kAudioAggregateDeviceMainSubDeviceKey, master},
-            {kAudioAggregateDeviceSubDeviceListKey, subdevices}};
+    QVariantMap description =
+        GroupManager::aggregateDescription(name, members, master, QUuid::createUuid());
+    description.insert(kAudioAggregateDeviceUIDKey, uid);
+    return description;
 }
 
 } // namespace
