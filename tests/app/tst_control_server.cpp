@@ -23,33 +23,14 @@
 // A running `ondril --headless` on a private sound server, driven from other processes the way
 // scripts and launchers drive it: URLs, the command line, and the one-instance rule.
 constexpr uid_t kNobody = 65534;
+using TestSupport::Run;
+using TestSupport::runOndril;
 
 class TestControlOnServer : public QObject {
     Q_OBJECT
 
 private:
-    struct Run {
-        int exitCode = -1;
-        QByteArray out;
-        QByteArray err;
-    };
-
     static QString ondril() { return TestSupport::helperDirectory() + QStringLiteral("/ondril"); }
-
-    static Run
-    runOndril(const QStringList& arguments,
-              const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment()) {
-        QProcess process;
-        process.setProcessEnvironment(environment);
-        process.start(ondril(), arguments);
-        Run run;
-        if (!process.waitForFinished(30000))
-            return run;
-        run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-        run.out = process.readAllStandardOutput();
-        run.err = process.readAllStandardError();
-        return run;
-    }
 
     static std::unique_ptr<QProcess> startHeadless() {
         auto process = std::make_unique<QProcess>();
@@ -72,7 +53,7 @@ private:
     static bool answers() { return runOndril({QStringLiteral("status")}).exitCode == 0; }
 
     QJsonObject status() const {
-        return QJsonDocument::fromJson(runOndril({"status", "--json"}).out).object();
+        return QJsonDocument::fromJson(runOndril({"status", "--json"}).out.toUtf8()).object();
     }
 
     bool groupIsDefault() const {
@@ -114,7 +95,7 @@ private slots:
         deadDisplay.insert(QStringLiteral("DISPLAY"), QStringLiteral(":4242"));
         Run run = runOndril({}, deadDisplay);
         QCOMPARE(run.exitCode, 0);
-        QVERIFY2(run.err.contains("already running"), run.err.constData());
+        QVERIFY2(run.err.contains("already running"), qPrintable(run.err));
 
         // A URL boosts a playing application through the limiter: a half-scale sine at 200 % is
         // heard at the RMS of the limited sine (0.575), where clipping would give 0.707.
@@ -159,7 +140,7 @@ private slots:
         QCOMPARE(instance->exitStatus(), QProcess::NormalExit); // quit, not killed
         run = runOndril({QStringLiteral("status")});
         QCOMPARE(run.exitCode, 1);
-        QVERIFY2(run.err.contains("not running"), run.err.constData());
+        QVERIFY2(run.err.contains("not running"), qPrintable(run.err));
     }
 
     void twoStartedAtOnceLeaveOne() {
@@ -211,7 +192,7 @@ private slots:
 
         const Run root = runOndril({QStringLiteral("status")}, environment);
         QCOMPARE(root.exitCode, 1);
-        QVERIFY2(root.err.contains("did not answer"), root.err.constData());
+        QVERIFY2(root.err.contains("did not answer"), qPrintable(root.err));
         instance.terminate();
         QVERIFY(instance.waitForFinished(10000));
     }

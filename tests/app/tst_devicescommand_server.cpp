@@ -6,15 +6,15 @@
 #include <QJsonObject>
 #include <QtTest>
 
+using TestSupport::Run;
+using TestSupport::runOndril;
+
 // `ondril devices` against a real sound server (a private PulseAudio or PipeWire): what a user
 // sees of their own devices, and what scripts read from the JSON.
 class TestDevicesCommandOnServer : public QObject {
     Q_OBJECT
 
 private:
-    using Run = TestSupport::Run;
-    static Run runOndril(const QStringList& arguments) { return TestSupport::runOndril(arguments); }
-
     static QJsonObject byUID(const QJsonArray& devices, const QString& uid) {
         for (const auto& device : devices)
             if (device.toObject().value("uid").toString() == uid)
