@@ -189,28 +189,6 @@ private slots:
         QCOMPARE(allocationCount.load(), 0);
     }
 
-    void sessionPlaysTheTapThroughItsGain() {
-        Service hardware;
-        const AudioObjectID process = hardware.process;
-        RouteSession session(hardware, bundle, {process}, {QStringLiteral("speakers")});
-        session.gain().value = 0.5f;
-        QVERIFY(session.start());
-        const auto tap = hardware.tapDescription(session.tapID());
-        QVERIFY(tap);
-        QCOMPARE(tap->processes, std::vector<AudioObjectID>{process});
-        QCOMPARE(tap->muteBehavior, CATapMuteBehavior::CATapMutedWhenTapped);
-        QVERIFY(hardware.isDeviceRunning(session.aggID()));
-
-        const auto cycle = hardware.runIOCycle(session.aggID(), {0.8f, -0.4f}, 1);
-        QCOMPARE(cycle.output, (std::vector<float>{0.4f, -0.2f}));
-        QCOMPARE(session.gain().peak.load(), 0.4f);
-
-        session.stop();
-        session.stop();
-        QVERIFY(hardware.processTaps().empty());
-        QVERIFY(hardware.aggregateDevices().empty());
-    }
-
     void aggregateLeavesOutOndrilsOwnDevices_data() {
         QTest::addColumn<QStringList>("destinations");
         QTest::addColumn<QStringList>("subdevices");
