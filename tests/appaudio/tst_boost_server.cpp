@@ -28,6 +28,8 @@ namespace {
 constexpr int kWaitMs = 20000;
 constexpr int kRate = 48000;
 constexpr double kTolerance = 0.01;
+// Long enough for three recordings of a sink's monitor.
+constexpr int kRecordingsMs = 3000;
 const QString player = QStringLiteral("org.example.Player");
 const QStringList sinks{QStringLiteral("studio_left"), QStringLiteral("studio_right"),
                         QStringLiteral("airpods")}; // the default first
@@ -88,11 +90,17 @@ private slots:
             session = m_apps->session(player);
         }
         QTest::qWait(300); // what was queued before the last change drains
+        // A loaded machine may drop a fragment, whose edge makes one 50 ms window louder than
+        // the tone: a recording is taken again then, a wrong level never settles.
         for (qsizetype i = 0; i < sinks.size(); ++i) {
-            const auto level = m_server->recordLevel(sinks[i]);
-            QVERIFY(level);
-            QVERIFY2(std::abs(*level - levels[i]) < kTolerance,
-                     qPrintable(QStringLiteral("%1: %2").arg(sinks[i]).arg(*level)));
+            std::optional<double> level;
+            QVERIFY2(QTest::qWaitFor(
+                         [&] {
+                             level = m_server->recordLevel(sinks[i]);
+                             return level && std::abs(*level - levels[i]) < kTolerance;
+                         },
+                         kRecordingsMs),
+                     qPrintable(QStringLiteral("%1: %2").arg(sinks[i]).arg(level.value_or(-1))));
         }
 
         // The application quits: its session goes, and so does every sink Ondril made for it.
