@@ -114,17 +114,4 @@ struct GroupTestRig {
     AudioObjectID defaultOutput() const { return audio->readDefaultOutputID(); }
 
     float volumeOf(AudioObjectID id) const { return audio->volume(id).value_or(-1.0f); }
-
-    QVariantMap activeDescription() const {
-        const auto id = manager->activeDeviceID();
-        return id ? hardware->aggregateDescription(*id) : QVariantMap();
-    }
-
-    static QStringList subdeviceUIDs(const QVariantMap& description) {
-        QStringList uids;
-        for (const QVariant& entry :
-             description.value(kAudioAggregateDeviceSubDeviceListKey).toList())
-            uids.append(entry.toMap().value(kAudioSubDeviceUIDKey).toString());
-        return uids;
-    }
 };

@@ -15,6 +15,15 @@ public:
     }
 };
 
+// "uid/drift compensation" of each subdevice of an aggregate, in order.
+static QStringList subdevices(const QVariantMap& description) {
+    QStringList entries;
+    for (const QVariant& entry : description.value(kAudioAggregateDeviceSubDeviceListKey).toList())
+        entries.append(entry.toMap().value(kAudioSubDeviceUIDKey).toString() + u'/' +
+                       entry.toMap().value(kAudioSubDeviceDriftCompensationKey).toString());
+    return entries;
+}
+
 // Activation, the three group states and every way between them, on the simulated service.
 class TestGroupActivation : public QObject {
     Q_OBJECT
@@ -36,16 +45,12 @@ private slots:
                  std::optional<QString>(OutputGroupCodec::uuidText(displays.id)));
         QCOMPARE(rig.volumeOf(rig.left), 0.5f);
         QCOMPARE(rig.volumeOf(rig.speakers), 0.5f); // the simulated default, untouched
-        const QVariantMap description = rig.activeDescription();
+        const QVariantMap description =
+            rig.hardware->aggregateDescription(*manager.activeDeviceID());
         QCOMPARE(description.value("name").toString(), QStringLiteral("Both Displays"));
-        QCOMPARE(description.value("uid").toString(), GroupManager::aggregateUID(displays.id));
         QCOMPARE(description.value("master").toString(), rig.headphonesUID);
-        QList<int> drift;
-        for (const QVariant& entry : description.value("subdevices").toList())
-            drift.append(entry.toMap().value("drift").toInt());
-        QCOMPARE(GroupTestRig::subdeviceUIDs(description),
-                 (QStringList{rig.headphonesUID, rig.leftUID}));
-        QCOMPARE(drift, (QList<int>{0, 1}));
+        QCOMPARE(subdevices(description),
+                 (QStringList{rig.headphonesUID + "/0", rig.leftUID + "/1"}));
         QCOMPARE(manager.activeGroup()->masterUID, gone); // the stored master is not rewritten
     }
 
@@ -61,7 +66,7 @@ private slots:
 
         QCOMPARE(service.descriptions.size(), 1);
         const QVariantMap description = service.descriptions.first();
-        QCOMPARE(GroupTestRig::subdeviceUIDs(description), (QStringList{drifted, rig.rightUID}));
+        QCOMPARE(subdevices(description), (QStringList{drifted + "/0", rig.rightUID + "/1"}));
         QCOMPARE(description.value("master").toString(), drifted);
     }
 
