@@ -1,10 +1,7 @@
+#include "../groups/GroupTestRig.h"
+
 #include "app/AppDelegate.h"
-#include "app/AppSettings.h"
 #include "control/VolumeKeyMonitor.h"
-#include "groups/GroupManager.h"
-#include "groups/OutputGroupCodec.h"
-#include "platform/UserDefaults.h"
-#include "platform/simulated/SimulatedAudioHardware.h"
 
 #include "TestSupport.h"
 
@@ -20,18 +17,14 @@ private slots:
         QTemporaryDir config;
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path()));
         auto hardware = std::make_unique<SimulatedAudioHardware>();
-        OutputGroup group;
-        group.id = QUuid::createUuid();
-        group.name = QStringLiteral("Desk");
-        for (const QString& uid :
-             {QStringLiteral("usb:A:Left:1:1,2"), QStringLiteral("usb:A:Right:2:1,2")}) {
+        const OutputGroup group = makeGroup(
+            "Desk", {QStringLiteral("usb:A:Left:1:1,2"), QStringLiteral("usb:A:Right:2:1,2")});
+        for (const QString& uid : group.memberUIDs) {
             SimulatedAudioHardware::DeviceSpec spec;
             spec.uid = uid;
             spec.name = uid;
             hardware->addDevice(spec);
-            group.memberUIDs.append(uid);
         }
-        group.masterUID = group.memberUIDs.first();
         UserDefaults store(UserDefaults::standardFilePath());
         store.setData(*OutputGroupCodec::encode({group}), SettingsKeys::groups);
         store.setString(OutputGroupCodec::uuidText(group.id), SettingsKeys::activeGroup);

@@ -1,9 +1,7 @@
-#include "PrivateSoundServer.h"
+#include "ServerRig.h"
 #include "TestSupport.h"
 
-#include "app/AppSettings.h"
 #include "groups/OutputGroupCodec.h"
-#include "platform/UserDefaults.h"
 
 #include <QDeadlineTimer>
 #include <QJsonArray>
@@ -73,11 +71,8 @@ private slots:
         m_server = PrivateSoundServer::startFromEnvironment(error);
         if (!m_server)
             QFAIL(qPrintable(error));
-        OutputGroup group;
-        group.id = QUuid::createUuid();
+        OutputGroup group = serverGroup({"studio_left", "studio_right"});
         group.name = QStringLiteral("Both Displays");
-        group.memberUIDs = {QStringLiteral("studio_left"), QStringLiteral("studio_right")};
-        group.masterUID = group.memberUIDs.first();
         UserDefaults defaults(UserDefaults::standardFilePath());
         QVERIFY(defaults.setData(*OutputGroupCodec::encode({group}), SettingsKeys::groups));
         QVERIFY(m_server->pactl({"set-default-sink", "builtin"}));
