@@ -467,11 +467,8 @@ void PulseConnection::stallEnded(pa_context*, const pa_server_info*, void* userd
 OSStatus PulseConnection::waitForMirror(const std::function<bool(const PulseMirror&)>& holds) {
     if (m_stalled || !isReady())
         return kAudioHardwareNotRunningError;
-    std::unique_lock lock(m_mirrorMutex);
-    if (m_mirrorChanged.wait_for(lock, std::chrono::milliseconds(kOperationTimeoutMs),
-                                 [&] { return holds(m_mirror); }))
+    if (settleMirror(holds, kOperationTimeoutMs))
         return kAudioHardwareNoError;
-    lock.unlock();
     pa_threaded_mainloop_lock(m_mainloop);
     if (isReady())
         beginStall();
