@@ -379,6 +379,7 @@ void AppAudioManager::reconcile(const QString& bundleID) {
         return endSession(bundleID);
 
     // The path of every slider movement: the running session only gets its two gain fields.
+    std::unique_ptr<RouteSession> previous;
     const auto existing = m_sessions.find(bundleID);
     if (existing != m_sessions.end()) {
         const RouteSession& session = *existing->second;
@@ -389,15 +390,18 @@ void AppAudioManager::reconcile(const QString& bundleID) {
             writeGain(*existing->second, record);
             return;
         }
-        // The aggregate's UID depends only on the bundle: the old session goes first.
+        previous = std::move(existing->second);
         m_sessions.erase(existing);
     }
 
     auto session =
         std::make_unique<RouteSession>(m_audio.hardware(), bundleID, objects, destinations);
     writeGain(*session, record);
+    const bool continued = previous && session->continueFrom(*previous);
+    // The aggregate's UID depends only on the bundle: the old session goes before a new start.
+    previous.reset();
     // A session that does not start is dropped, which stops it; the next reconcile tries again.
-    if (!session->start())
+    if (!continued && !session->start())
         return;
     session->setMetered(m_meterTimer != nullptr);
     m_sessions[bundleID] = std::move(session);

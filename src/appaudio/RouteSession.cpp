@@ -83,6 +83,26 @@ bool RouteSession::start() {
     return m_running;
 }
 
+// Rebuilding the router instead would unload the combined sink of several outputs under the
+// streams and load it again, and WirePlumber 0.4 now and then refuses every later move of a
+// stream caught in that: it would stay on its old sink. Carrying on moves only the new streams.
+bool RouteSession::continueFrom(RouteSession& previous) {
+    if (!previous.m_running || !previous.m_routed ||
+        previous.m_destinationUIDs != m_destinationUIDs ||
+        m_gain->boost.load(std::memory_order_relaxed))
+        return false;
+    m_router = std::move(previous.m_router);
+    m_destinations = previous.m_destinations;
+    previous.m_routed = false;
+    previous.m_running = false;
+    m_router->setProcesses(pids());
+    m_router->setGain(m_gain->value.load(std::memory_order_relaxed));
+    applyMeter(); // the previous session's box is no longer read
+    m_routed = true;
+    m_running = true;
+    return true;
+}
+
 bool RouteSession::startRouted() {
     m_routed = m_router->start(m_bundleID, pids(), m_destinations,
                                m_gain->value.load(std::memory_order_relaxed));

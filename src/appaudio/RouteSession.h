@@ -44,6 +44,11 @@ public:
     AudioObjectID aggID() const { return m_aggID; }
 
     bool start();
+    // Starts in place of `previous`, the session of the same application, when both play on the
+    // server's controls to the same outputs and only the processes changed: its router carries
+    // on with the new processes. False when it cannot; the caller then stops `previous` and
+    // calls start().
+    bool continueFrom(RouteSession& previous);
     void stop(); // safe in any state, any number of times
 
     // The dictionary handed to the audio service; `destinations` already lack Ondril's own

@@ -19,6 +19,9 @@ public:
     // Takes over the streams of `pids`; false when the server refused (the caller then stops).
     virtual bool start(const QString& bundleID, const std::vector<std::int32_t>& pids,
                        const QStringList& destinationUIDs, float gain) = 0;
+    // The application's processes changed while the outputs stayed: the streams of new ones are
+    // taken, and nothing already taken moves.
+    virtual void setProcesses(const std::vector<std::int32_t>& pids) = 0;
     // Linear gain; 0 mutes. The server's controls go no higher than unity.
     virtual void setGain(float gain) = 0;
     // While `peak` is set, each block the application's streams play raises it to its largest

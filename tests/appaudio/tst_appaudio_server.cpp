@@ -133,13 +133,6 @@ private slots:
         first->waitForFinished();
         QVERIFY(
             QTest::qWaitFor([&] { return sessionPids() == QList{secondPid}; }, kGenerousWaitMs));
-        // WirePlumber 0.4 now and then refuses every move of a stream that a session rebuilt for
-        // a new process moved out of and back into the combined sink (docs/app-audio.md).
-        if (m_server->kind() == PrivateSoundServer::Kind::PipeWire &&
-            !QTest::qWaitFor(
-                [&] { return m_server->sinkOfStream(QStringLiteral("Player")) == routed; },
-                kGenerousWaitMs))
-            QSKIP("WirePlumber kept the new process's stream off the session's sink");
         verifyLevels(*plain, factors, routed);
 
         // Back to neutral: the stream plays as before on its own sink, and no private sink stays.
@@ -163,6 +156,11 @@ private slots:
         QVERIFY(m_apps->session(player));
         LevelMeter meter(*m_audio);
         QVERIFY(meterSources().isEmpty());
+        // Closed again before the server has confirmed the meters' streams: none may stay.
+        meter.start();
+        m_apps->startMetering();
+        meter.stop();
+        m_apps->stopMetering();
 
         meter.start();
         m_apps->startMetering();

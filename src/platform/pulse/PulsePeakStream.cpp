@@ -31,6 +31,14 @@ void readable(pa_stream* stream, std::size_t, void* userdata) {
         peak.store(blockPeak, std::memory_order_relaxed);
 }
 
+// A stream the server has not confirmed yet cannot be disconnected (libpulse refuses until it
+// has its channel) and would live on in the server: it is ended as soon as it is ready. The
+// context keeps it alive until then.
+void disconnectWhenReady(pa_stream* stream, void*) {
+    if (pa_stream_get_state(stream) == PA_STREAM_READY)
+        pa_stream_disconnect(stream);
+}
+
 } // namespace
 
 PulsePeakStream::PulsePeakStream(PulseConnection& connection, const QString& source,
@@ -69,7 +77,10 @@ PulsePeakStream::~PulsePeakStream() {
         return;
     m_connection.withContext([this](pa_context*) {
         pa_stream_set_read_callback(m_stream, nullptr, nullptr);
-        pa_stream_disconnect(m_stream);
+        if (pa_stream_get_state(m_stream) == PA_STREAM_CREATING)
+            pa_stream_set_state_callback(m_stream, &disconnectWhenReady, nullptr);
+        else
+            pa_stream_disconnect(m_stream);
         pa_stream_unref(m_stream);
     });
 }

@@ -84,6 +84,12 @@ bool PulseStreamRouter::start(const QString& bundleID, const std::vector<std::in
     return true;
 }
 
+// A process that went away took its streams with it; what stays taken is put back on stopping.
+void PulseStreamRouter::setProcesses(const std::vector<std::int32_t>& pids) {
+    m_pids = pids;
+    takeNewStreams(Unplaced::Wait);
+}
+
 void PulseStreamRouter::setGain(float gain) {
     if (gain > 1.0f && !m_toldNoBoost) {
         qCInfo(lcPulseStreamRouter, "a volume above 1.0 plays at 1.0 on the sound server");

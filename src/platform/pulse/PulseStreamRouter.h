@@ -36,6 +36,7 @@ public:
 
     bool start(const QString& bundleID, const std::vector<std::int32_t>& pids,
                const QStringList& destinationUIDs, float gain) override;
+    void setProcesses(const std::vector<std::int32_t>& pids) override;
     void setGain(float gain) override;
     void meter(std::shared_ptr<std::atomic<float>> peak) override;
     void stop() override;
