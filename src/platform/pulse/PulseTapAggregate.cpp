@@ -265,9 +265,20 @@ bool PulseTapAggregate::playbackOverfull() const {
 
 std::optional<std::int64_t> PulseTapAggregate::bufferedUsec(pa_stream* destination) {
     const pa_timing_info* timing = pa_stream_get_timing_info(destination);
+    if (!timing)
+        return std::nullopt;
+    // A stream that ran dry waits for its prebuffer and plays nothing. Its clock then stands
+    // still, so the latency it gives stays at what it was before (60 ms and more were seen, which
+    // dropped every fragment and kept it dry for seconds); what it holds is what was written
+    // and not yet read.
+    if (!timing->playing)
+        return timing->write_index > timing->read_index
+                   ? std::int64_t(pa_bytes_to_usec(
+                         std::uint64_t(timing->write_index - timing->read_index), &kSpec))
+                   : 0;
     pa_usec_t latency = 0;
     int negative = 0;
-    if (!timing || pa_stream_get_latency(destination, &latency, &negative) < 0 || negative)
+    if (pa_stream_get_latency(destination, &latency, &negative) < 0 || negative)
         return std::nullopt;
     return latency > timing->sink_usec ? std::int64_t(latency - timing->sink_usec) : 0;
 }
