@@ -103,11 +103,17 @@ void PulseTapAggregate::matchClocks() {
     m_rateTimer->setInterval(kRateReadingMs);
     QObject::connect(m_rateTimer.get(), &QTimer::timeout, [this] {
         const bool adjust = ++m_rateReadings % kReadingsPerAdjustment == 0;
+        // The first period is the start's: the first writes and the sink settling, not the level
+        // the stream keeps. Taken as the target, it drove the latency up for minutes.
+        const bool settling = m_rateReadings <= kReadingsPerAdjustment;
         pa_threaded_mainloop_lock(m_mainloop);
         for (std::size_t i = 0; i < m_playback.size(); ++i) {
             PlaybackRateController& controller = m_rateControllers[i];
-            if (const auto level = bufferedUsec(m_playback[i]))
-                controller.addLevel(*level);
+            // A stream that has not started or ran dry says nothing about the clocks.
+            const pa_timing_info* timing = pa_stream_get_timing_info(m_playback[i]);
+            if (!settling && timing && timing->playing)
+                if (const auto level = bufferedUsec(m_playback[i]))
+                    controller.addLevel(*level);
             if (!adjust)
                 continue;
             const std::uint32_t before = controller.rate();
@@ -116,6 +122,14 @@ void PulseTapAggregate::matchClocks() {
                         pa_stream_update_sample_rate(m_playback[i], rate, nullptr, nullptr))
                     pa_operation_unref(operation);
         }
+        // What a stall of the machine left queued beyond the level the streams keep would stay
+        // for as long as the rate takes to drain it; more than two fragments of it are dropped.
+        std::int64_t dropAbove = 0;
+        for (const PlaybackRateController& controller : m_rateControllers)
+            if (const auto target = controller.targetUsec())
+                dropAbove = std::max(dropAbove, *target + 2 * std::int64_t(kFragmentMs) * 1000);
+        if (dropAbove > 0)
+            m_dropAboveUsec.store(dropAbove, std::memory_order_relaxed);
         pa_threaded_mainloop_unlock(m_mainloop);
     });
     m_rateTimer->start();
@@ -258,7 +272,7 @@ void PulseTapAggregate::play(const float* frames, std::size_t frameCount) {
 bool PulseTapAggregate::playbackOverfull() const {
     for (pa_stream* destination : m_playback)
         if (const auto level = bufferedUsec(destination);
-            level && *level > 2 * std::int64_t(kTargetMs) * 1000)
+            level && *level > m_dropAboveUsec.load(std::memory_order_relaxed))
             return true;
     return false;
 }

@@ -7,6 +7,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -78,6 +79,10 @@ private:
     std::vector<float> m_output; // one chunk, interleaved
     double m_sampleTime = 0;
     std::vector<PlaybackRateController> m_rateControllers; // one per destination
+    // Captured fragments are dropped while a destination holds more than this: twice the target
+    // until the rate controllers know the level the streams keep (PulseAudio only), then two
+    // fragments above it. Set by the main thread, read by the audio thread.
+    std::atomic<std::int64_t> m_dropAboveUsec{2 * std::int64_t(kTargetMs) * 1000};
     std::unique_ptr<QTimer> m_rateTimer;
     int m_rateReadings = 0;
 };

@@ -15,10 +15,10 @@ private slots:
         QTest::addColumn<int>("rate");
         QTest::newRow("steady") << QList{20, 20} << QList{20, 20} << 48000;
         QTest::newRow("a saw-tooth around the target") << QList{15, 25} << QList{10, 30} << 48000;
-        QTest::newRow("fuller plays faster") << QList{20} << QList{25} << 48005;
-        QTest::newRow("emptier plays slower") << QList{20} << QList{15} << 47995;
-        QTest::newRow("far fuller is held at +300 ppm") << QList{20} << QList{200} << 48014;
-        QTest::newRow("empty is held at -300 ppm") << QList{20} << QList{0} << 47986;
+        QTest::newRow("fuller plays faster") << QList{20} << QList{25} << 48024;
+        QTest::newRow("emptier plays slower") << QList{20} << QList{15} << 47976;
+        QTest::newRow("far fuller is held at +1000 ppm") << QList{20} << QList{200} << 48048;
+        QTest::newRow("empty is held at -1000 ppm") << QList{20} << QList{0} << 47952;
         QTest::newRow("no readings keep the rate") << QList{20} << QList<int>{} << 48000;
     }
 
