@@ -8,19 +8,6 @@ namespace {
 const QString player = QStringLiteral("org.example.Player");
 
 struct AppRig : ConfigRig {
-
-    // A process that plays through the audio service, known to the desktop as `bundleID`.
-    AudioObjectID addApp(std::int32_t pid, const std::optional<QString>& bundleID,
-                         const QString& name = {}, bool playing = true,
-                         std::int32_t responsible = 0) {
-        applications.addProcess(
-            pid,
-            {bundleID, name.isEmpty() ? std::nullopt : std::optional<QString>(name), responsible});
-        const AudioObjectID object = hardware->addProcess({pid, bundleID.value_or(""), playing});
-        settle();
-        return object;
-    }
-
     const RouteSession* session(const QString& bundleID = player) const {
         return apps->session(bundleID);
     }

@@ -63,7 +63,7 @@ private slots:
         QFETCH(double, left);
         QFETCH(double, right);
         QFETCH(double, airpods);
-        OutputGroup group = serverGroup({kLeft, kRight, kAirPods}, 0.5);
+        OutputGroup group = makeGroup("Studio", {kLeft, kRight, kAirPods}, {}, 0.5);
         group.balance = {{kLeft, 0.4}, {kAirPods, 0.8}};
         const QString aggregate = activate(group);
         QVERIFY(!aggregate.isEmpty());
@@ -84,7 +84,7 @@ private slots:
     }
 
     void vanishedMemberDropsOutAndComesBackByName() {
-        OutputGroup group = serverGroup({kLeft, kRight, kAirPods}, 0.9);
+        OutputGroup group = makeGroup("Studio", {kLeft, kRight, kAirPods}, {}, 0.9);
         group.balance = {{kRight, 0.8}};
         const QString aggregate = activate(group);
         QVERIFY(!aggregate.isEmpty());
@@ -135,7 +135,7 @@ private slots:
     }
 
     void lastMemberGoneEndsTheGroupAndGivesThePreviousOutputBack() {
-        const OutputGroup group = serverGroup({kLeft, kAirPods});
+        const OutputGroup group = makeGroup("Studio", {kLeft, kAirPods});
         const QString aggregate = activate(group);
         QVERIFY(!aggregate.isEmpty());
         GroupManager& manager = *m_rig->manager;
@@ -163,8 +163,8 @@ private slots:
     }
     void deactivateGivesThePreviousOutputBack() {
         QFETCH(bool, throughAnotherGroup);
-        const OutputGroup first = serverGroup({kLeft, kRight});
-        const OutputGroup second = serverGroup({kAirPods, kRight});
+        const OutputGroup first = makeGroup("Studio", {kLeft, kRight});
+        const OutputGroup second = makeGroup("Studio", {kAirPods, kRight});
         QString aggregate = activate(first);
         QVERIFY(!aggregate.isEmpty());
         GroupManager& manager = *m_rig->manager;
@@ -193,7 +193,7 @@ private slots:
     }
 
     void restartedServerGetsTheGroupBackWithItsVolumes() {
-        OutputGroup group = serverGroup({kLeft, kRight}, 0.9);
+        OutputGroup group = makeGroup("Studio", {kLeft, kRight}, {}, 0.9);
         group.balance = {{kRight, 0.8}};
         const QString aggregate = activate(group);
         QVERIFY(!aggregate.isEmpty());
@@ -219,7 +219,7 @@ private slots:
     }
 
     void serverStalledDuringARebuildKeepsTheGroup() {
-        const OutputGroup group = serverGroup({kLeft, kRight, kAirPods});
+        const OutputGroup group = makeGroup("Studio", {kLeft, kRight, kAirPods});
         const QString aggregate = activate(group);
         QVERIFY(!aggregate.isEmpty());
         GroupManager& manager = *m_rig->manager;

@@ -9,20 +9,7 @@
 #include <QSignalSpy>
 #include <QTest>
 
-namespace {
-
-const QString player = QStringLiteral("org.example.Player");
-
-QQuickItem* findItem(QQuickItem* item, const QString& name) {
-    if (item->objectName() == name)
-        return item;
-    for (QQuickItem* child : item->childItems())
-        if (QQuickItem* found = findItem(child, name))
-            return found;
-    return nullptr;
-}
-
-} // namespace
+static const QString player = QStringLiteral("org.example.Player");
 
 // The apps card on the simulated service: each control of a row writes the app's record, the
 // app's session follows, and the rows and levels follow what the manager publishes.

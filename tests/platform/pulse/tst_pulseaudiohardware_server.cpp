@@ -212,7 +212,8 @@ private slots:
         QCOMPARE(m_hardware->AudioObjectSetPropertyData(id, kMute, std::uint32_t(muted)),
                  kAudioHardwareNoError);
         QCOMPARE(read<std::uint32_t>(*m_hardware, id, kMute), std::uint32_t(muted));
-        QCOMPARE(m_server->sinkMute("airpods"), std::optional<bool>(muted));
+        const auto serverSays = m_server->pactl({"get-sink-mute", "airpods"});
+        QVERIFY(serverSays && serverSays->contains(muted ? "yes" : "no"));
     }
 
     void inputVolumeAndMuteLiveInTheInputScope() {
