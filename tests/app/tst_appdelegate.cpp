@@ -3,8 +3,6 @@
 #include "app/AppDelegate.h"
 #include "control/VolumeKeyMonitor.h"
 
-#include "TestSupport.h"
-
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -35,8 +33,7 @@ private slots:
         // The restore is still queued, and the volume keys are already taken.
         QCOMPARE(GroupManager::shared().activeGroupID(), std::nullopt);
         QVERIFY(VolumeKeyMonitor::shared().isRunning());
-        QVERIFY(TestSupport::spinUntil(
-            [] { return GroupManager::shared().activeGroupID().has_value(); }));
+        QVERIFY(QTest::qWaitFor([] { return GroupManager::shared().activeGroupID().has_value(); }));
         QCOMPARE(*GroupManager::shared().activeGroupID(), group.id);
     }
 };

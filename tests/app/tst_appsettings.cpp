@@ -54,15 +54,9 @@ private slots:
         QTest::newRow("overlay: absent") << hud << QVariant() << true;
         QTest::newRow("overlay: string no") << hud << QVariant(QStringLiteral("no")) << true;
         QTest::newRow("overlay: stored false") << hud << QVariant(false) << false;
-        QTest::newRow("analytics: stored false")
-            << SettingsKeys::analyticsEnabled << QVariant(false) << false;
         QTest::newRow("pin: absent") << pin << QVariant() << false;
         QTest::newRow("pin: number 1") << pin << QVariant(1.0) << false;
         QTest::newRow("pin: stored true") << pin << QVariant(true) << true;
-        QTest::newRow("auto inputs: string true")
-            << SettingsKeys::autoSwitchInputs << QVariant(QStringLiteral("true")) << false;
-        QTest::newRow("auto inputs: stored true")
-            << SettingsKeys::autoSwitchInputs << QVariant(true) << true;
     }
 
     void onlyAStoredBooleanCounts() {
@@ -73,9 +67,7 @@ private slots:
             QVERIFY(m_defaults->setObject(stored, key));
         const QMap<QString, bool (AppSettings::*)() const> readers{
             {SettingsKeys::showVolumeHUD, &AppSettings::showVolumeHUD},
-            {SettingsKeys::analyticsEnabled, &AppSettings::analyticsEnabled},
-            {SettingsKeys::pinPanel, &AppSettings::pinPanel},
-            {SettingsKeys::autoSwitchInputs, &AppSettings::autoSwitchInputs}};
+            {SettingsKeys::pinPanel, &AppSettings::pinPanel}};
         QCOMPARE((m_settings.get()->*readers.value(key))(), expected);
         // Reading never writes a default.
         QCOMPARE(m_defaults->objectForKey(key).value_or(QVariant()), stored);
@@ -86,7 +78,6 @@ private slots:
         QTest::addColumn<QVariant>("stored");
         QTest::addColumn<HUDPosition>("expected");
         QTest::newRow("absent") << QVariant() << HUDPosition::bottom;
-        QTest::newRow("middle") << QVariant(QStringLiteral("middle")) << HUDPosition::bottom;
         QTest::newRow("wrong case") << QVariant(QStringLiteral("TopLeft")) << HUDPosition::bottom;
         QTest::newRow("not a string") << QVariant(true) << HUDPosition::bottom;
         QTest::newRow("topLeft") << QVariant(QStringLiteral("topLeft")) << HUDPosition::topLeft;

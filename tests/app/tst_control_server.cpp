@@ -3,13 +3,11 @@
 
 #include "groups/OutputGroupCodec.h"
 
-#include <QDeadlineTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
-#include <QThread>
 #include <QtTest>
 
 #include <cmath>
@@ -30,22 +28,9 @@ class TestControlOnServer : public QObject {
 private:
     static QString ondril() { return TestSupport::helperDirectory() + QStringLiteral("/ondril"); }
 
-    static std::unique_ptr<QProcess> startHeadless() {
-        auto process = std::make_unique<QProcess>();
-        process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        process->start(ondril(), {QStringLiteral("--headless"), QStringLiteral("--backend=pulse")});
-        return process;
-    }
-
     // An outside process's effect shows after its own time: wait for it, with a generous bound.
     static bool eventually(const std::function<bool()>& condition) {
-        QDeadlineTimer deadline(20000);
-        while (!condition()) {
-            if (deadline.hasExpired())
-                return false;
-            QThread::msleep(50);
-        }
-        return true;
+        return QTest::qWaitFor(condition, 20000);
     }
 
     static bool answers() { return runOndril({QStringLiteral("status")}).exitCode == 0; }
@@ -71,8 +56,7 @@ private slots:
         m_server = PrivateSoundServer::startFromEnvironment(error);
         if (!m_server)
             QFAIL(qPrintable(error));
-        OutputGroup group = serverGroup({"studio_left", "studio_right"});
-        group.name = QStringLiteral("Both Displays");
+        const OutputGroup group = makeGroup("Both Displays", {"studio_left", "studio_right"});
         UserDefaults defaults(UserDefaults::standardFilePath());
         QVERIFY(defaults.setData(*OutputGroupCodec::encode({group}), SettingsKeys::groups));
         QVERIFY(m_server->pactl({"set-default-sink", "builtin"}));
@@ -81,7 +65,7 @@ private slots:
     void cleanupTestCase() { m_server.reset(); }
 
     void urlsAndCommandsReachTheRunningInstance() {
-        auto instance = startHeadless();
+        auto instance = TestSupport::startOndril();
         QVERIFY(eventually(answers));
 
         // A plain second launch hands over without opening a display: this one names a dead one.
@@ -139,8 +123,8 @@ private slots:
     }
 
     void twoStartedAtOnceLeaveOne() {
-        auto first = startHeadless();
-        auto second = startHeadless();
+        auto first = TestSupport::startOndril();
+        auto second = TestSupport::startOndril();
         // The one that lost the name hands over and leaves.
         QVERIFY(eventually(
             [&] { return first->waitForFinished(100) || second->waitForFinished(100); }));

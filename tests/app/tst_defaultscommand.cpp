@@ -1,47 +1,31 @@
-#include "app/CommandLine.h"
+#include "TestSupport.h"
+
 #include "platform/UserDefaults.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
-#include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
 
-// Each command runs in a child process (this executable, re-run with --child-defaults) whose
-// XDG_CONFIG_HOME is a fresh folder, so that the real store of the user is never touched.
+// `ondril defaults`, each command run by the built executable with a fresh XDG_CONFIG_HOME, so
+// that the real store of the user is never touched.
 class TestDefaultsCommand : public QObject {
     Q_OBJECT
-
-    struct Outcome {
-        int exitCode = -1;
-        QString out;
-        QString err;
-    };
 
     std::unique_ptr<QTemporaryDir> m_config;
 
     // "FILE:name" in an argument stands for a file of that name in the test's folder.
-    Outcome run(const QString& command) {
+    TestSupport::Run run(const QString& command) {
         QStringList arguments = command.split(u' ', Qt::SkipEmptyParts);
         for (QString& argument : arguments)
             if (argument.startsWith(QLatin1String("FILE:")))
                 argument = m_config->filePath(argument.mid(5));
-        QProcess child;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("XDG_CONFIG_HOME"), m_config->path());
-        child.setProcessEnvironment(environment);
-        child.start(QCoreApplication::applicationFilePath(),
-                    QStringList{QStringLiteral("--child-defaults")} + arguments);
-        Outcome outcome;
-        if (!child.waitForFinished(30000))
-            return outcome;
-        outcome.exitCode = child.exitStatus() == QProcess::NormalExit ? child.exitCode() : -2;
-        outcome.out = QString::fromUtf8(child.readAllStandardOutput());
-        outcome.err = QString::fromUtf8(child.readAllStandardError());
-        return outcome;
+        return TestSupport::runOndril(QStringList{QStringLiteral("defaults")} + arguments,
+                                      environment);
     }
 
     void writeFile(const QString& name, const QByteArray& bytes) {
@@ -119,10 +103,10 @@ private slots:
         QFETCH(int, exitCode);
         QFETCH(QString, output);
         for (const QString& step : setup) {
-            const Outcome outcome = run(step);
+            const TestSupport::Run outcome = run(step);
             QVERIFY2(outcome.exitCode == 0, qPrintable(outcome.err));
         }
-        const Outcome outcome = run(command);
+        const TestSupport::Run outcome = run(command);
         QCOMPARE(outcome.exitCode, exitCode);
         if (!output.startsWith(u'!')) {
             QCOMPARE(outcome.out, output);
@@ -149,7 +133,7 @@ private slots:
         // A folder in place of the file: it exists and cannot be read, also by root.
         QVERIFY(QDir().mkpath(storePath()));
         for (const QString command : {"read", "write k v"}) {
-            const Outcome outcome = run(command);
+            const TestSupport::Run outcome = run(command);
             QCOMPARE(outcome.exitCode, 1);
             QVERIFY2(outcome.err.startsWith("ondril: cannot read the settings file " + storePath()),
                      qPrintable(outcome.err));
@@ -158,13 +142,5 @@ private slots:
     }
 };
 
-int main(int argc, char* argv[]) {
-    QCoreApplication app(argc, argv);
-    const QStringList arguments = app.arguments();
-    if (arguments.size() >= 2 && arguments[1] == QLatin1String("--child-defaults"))
-        return DefaultsCommand::run(arguments.mid(2));
-    TestDefaultsCommand test;
-    return QTest::qExec(&test, argc, argv);
-}
-
+QTEST_GUILESS_MAIN(TestDefaultsCommand)
 #include "tst_defaultscommand.moc"

@@ -69,6 +69,7 @@ private slots:
         QVERIFY2(!microphone.isEmpty(), qPrintable(run.out));
         QCOMPARE(microphone.value("name").toString(), input.description);
         QCOMPARE(microphone.value("muted"), QJsonValue(true));
+        QVERIFY(byUID(outputs, input.name).isEmpty());
         // Monitors are not inputs; every device has the same keys.
         const QStringList keys{"displayName", "id",   "isAirPlay", "isDefault",
                                "muted",       "name", "uid",       "volume"};

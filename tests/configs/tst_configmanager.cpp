@@ -64,7 +64,7 @@ private slots:
 
     void applyRestoresOutputInputAndRecords() {
         ConfigRig rig;
-        rig.addPlayer();
+        rig.addApp(4100, ConfigRig::player);
         rig.manager->switchToDevice(rig.headphones);
         rig.apps->setVolume(ConfigRig::player, 1.5); // a follower of the default output
         settle();
@@ -101,7 +101,7 @@ private slots:
 
         rig.manager->switchToDevice(rig.right);
         rig.hardware->setDefaultInputDevice(rig.webcam);
-        rig.addPlayer();
+        rig.addApp(4100, ConfigRig::player);
         rig.apps->setVolume(ConfigRig::player, 2.0);
         settle();
         QVERIFY(rig.apps->session(ConfigRig::player));

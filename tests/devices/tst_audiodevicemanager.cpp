@@ -252,7 +252,6 @@ private slots:
         QTest::addColumn<bool>("writeFails");
         QTest::addColumn<bool>("expectReadable");
         QTest::addColumn<bool>("expectWritten");
-        QTest::newRow("plain mute") << true << true << false << false << true << true;
         QTest::newRow("no mute control") << false << true << false << false << false << false;
         QTest::newRow("mute not settable") << true << false << false << false << true << false;
         QTest::newRow("read fails") << true << true << true << false << false << true;

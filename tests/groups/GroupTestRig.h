@@ -1,7 +1,8 @@
 #pragma once
 
-// A complete group stack on the simulated audio service, with a private settings file and a
-// sleep monitor the test drives itself. Header-only: shared by the tests of this folder.
+// A complete group stack on the simulated audio service, with a private settings file, a sleep
+// monitor the test drives itself and running applications it makes up. Header-only: shared by the
+// tests of this folder and the rigs built on it.
 
 #include "app/AppSettings.h"
 #include "app/NotificationCenter.h"
@@ -11,8 +12,10 @@
 #include "platform/SystemSleepMonitor.h"
 #include "platform/UserDefaults.h"
 #include "platform/simulated/SimulatedAudioHardware.h"
+#include "platform/simulated/SimulatedRunningApplications.h"
 
-#include <QCoreApplication>
+#include "TestSupport.h"
+
 #include <QTemporaryDir>
 
 #include <memory>
@@ -20,21 +23,7 @@
 // Lets every queued hop run: listener, refresh, publication, our queued subscription, and what
 // those cause in turn.
 inline void settle() {
-    for (int round = 0; round < 25; ++round) {
-        QCoreApplication::sendPostedEvents();
-        QCoreApplication::processEvents();
-    }
-}
-
-inline OutputGroup makeGroup(const QString& name, const QStringList& members,
-                             const QString& master = {}, double masterVolume = 0.65) {
-    OutputGroup group;
-    group.id = QUuid::createUuid();
-    group.name = name;
-    group.memberUIDs = members;
-    group.masterUID = master.isEmpty() && !members.isEmpty() ? members.first() : master;
-    group.masterVolume = masterVolume;
-    return group;
+    TestSupport::spinEventLoop(25);
 }
 
 struct GroupTestRig {
@@ -52,6 +41,7 @@ struct GroupTestRig {
     SystemSleepMonitor sleepMonitor;
     std::unique_ptr<AudioDeviceManager> audio;
     std::unique_ptr<GroupManager> manager;
+    SimulatedRunningApplications applications;
 
     AudioObjectID speakers = 0;
     AudioObjectID left = 0;
@@ -69,6 +59,7 @@ struct GroupTestRig {
         right = addOutput(rightUID, QStringLiteral("Right Display"));
         headphones = addOutput(headphonesUID, QStringLiteral("Headphones"));
         hardware->setDefaultOutputDevice(speakers);
+        applications.setOwnBundleIdentifier(QStringLiteral("com.kestrivane.ondril"));
     }
 
     ~GroupTestRig() {
@@ -89,6 +80,18 @@ struct GroupTestRig {
     }
     AudioObjectID addInput(const QString& uid, const QString& name) {
         return addOutput(uid, name, true);
+    }
+
+    // A process that plays through the audio service, known to the desktop as `bundleID`.
+    AudioObjectID addApp(std::int32_t pid, const std::optional<QString>& bundleID,
+                         const QString& name = {}, bool playing = true,
+                         std::int32_t responsible = 0) {
+        applications.addProcess(
+            pid,
+            {bundleID, name.isEmpty() ? std::nullopt : std::optional<QString>(name), responsible});
+        const AudioObjectID object = hardware->addProcess({pid, bundleID.value_or(""), playing});
+        settle();
+        return object;
     }
 
     void storeGroups(const QList<OutputGroup>& groups) {

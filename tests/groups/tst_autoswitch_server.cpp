@@ -108,7 +108,7 @@ private slots:
 
     void groupRuleBuildsTheCombinedSink() {
         GroupManager& manager = *m_rig->manager;
-        const OutputGroup group = serverGroup({kLeft, kRight});
+        const OutputGroup group = makeGroup("Studio", {kLeft, kRight});
         manager.setGroups({group});
         manager.saveGroups();
         manager.addRule({kAirPods}, RuleAction::group(group.id));

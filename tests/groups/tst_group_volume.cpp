@@ -100,7 +100,6 @@ private slots:
         QTest::addColumn<double>("expected");
         QTest::addColumn<bool>("reportedMuted");
         QTest::addColumn<bool>("mutedAfter");
-        QTest::newRow("group: up unmutes") << true << 0.5 << true << 0.05 << 0.55 << false << false;
         QTest::newRow("group: down unmutes")
             << true << 0.5 << true << -0.05 << 0.45 << false << false;
         QTest::newRow("group: zero step stays muted")

@@ -12,9 +12,11 @@
 #include <QRegularExpression>
 #include <QThread>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 #include <cstdint>
+#include <functional>
 
 namespace {
 
@@ -33,6 +35,18 @@ QString sandboxRoot() {
 const char* kPulseScript = "load-module module-native-protocol-unix\n"
                            "load-module module-stream-restore\n"
                            "load-module module-always-sink\n";
+
+// Checks `condition` every `stepMs` until it holds or `timeoutMs` have passed; whether it held.
+bool pollUntil(const std::function<bool()>& condition, int timeoutMs, int stepMs = 50) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition()) {
+        if (timer.elapsed() >= timeoutMs)
+            return false;
+        QThread::msleep(std::uint32_t(stepMs));
+    }
+    return true;
+}
 
 // The index pactl prints for a module it loaded.
 std::optional<quint32> moduleIndex(const std::optional<QString>& output) {
@@ -135,7 +149,7 @@ std::unique_ptr<QProcess> PrivateSoundServer::spawn(const QString& program,
     return process;
 }
 
-bool PrivateSoundServer::start(bool withDevices) {
+bool PrivateSoundServer::start() {
     stop();
     m_error.clear();
     ++m_generation;
@@ -158,7 +172,7 @@ bool PrivateSoundServer::start(bool withDevices) {
         stop();
         return false;
     }
-    if (withDevices && !loadDevices()) {
+    if (!loadDevices()) {
         stop();
         return false;
     }
@@ -195,10 +209,7 @@ bool PrivateSoundServer::startPipeWire() {
         return false;
     m_processes.push_back(std::move(pipewire));
     // WirePlumber connects to the PipeWire socket; give it a moment to appear.
-    QElapsedTimer timer;
-    timer.start();
-    while (!QFile::exists(m_runtime + "/pipewire-0") && timer.elapsed() < 5000)
-        QThread::msleep(20);
+    pollUntil([&] { return QFile::exists(m_runtime + "/pipewire-0"); }, 5000, 20);
     for (const char* program : {"wireplumber", "pipewire-pulse"}) {
         auto process = spawn(program, {}, program);
         if (!process)
@@ -209,16 +220,8 @@ bool PrivateSoundServer::startPipeWire() {
 }
 
 bool PrivateSoundServer::waitUntilReady(int timeoutMs) {
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < timeoutMs) {
-        if (!isRunning())
-            return false;
-        if (pactl({"info"}, 2000))
-            return true;
-        QThread::msleep(50);
-    }
-    return false;
+    return pollUntil([&] { return !isRunning() || pactl({"info"}, 2000); }, timeoutMs) &&
+           isRunning();
 }
 
 bool PrivateSoundServer::loadDevices() {
@@ -234,17 +237,14 @@ bool PrivateSoundServer::loadDevices() {
         return false;
     }
     // Loading is asynchronous on PipeWire: wait until every sink is listed.
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < 5000) {
+    const std::vector<Device> sinks = defaultSinks();
+    const auto allListed = [&] {
         const QStringList names = sinkNames();
-        bool all = true;
-        for (const Device& sink : defaultSinks())
-            all = all && names.contains(sink.name);
-        if (all)
-            return true;
-        QThread::msleep(50);
-    }
+        return std::all_of(sinks.begin(), sinks.end(),
+                           [&](const Device& sink) { return names.contains(sink.name); });
+    };
+    if (pollUntil(allListed, 5000))
+        return true;
     m_error = QString("the null sinks did not appear: %1").arg(sinkNames().join(u' '));
     return false;
 }
@@ -321,12 +321,8 @@ QString PrivateSoundServer::defaultSourceName() const {
 
 QStringList PrivateSoundServer::sinkNames() const {
     QStringList names;
-    const QString output = pactl({"list", "short", "sinks"}).value_or(QString());
-    for (const QString& line : output.split(u'\n', Qt::SkipEmptyParts)) {
-        const QStringList fields = line.split(u'\t');
-        if (fields.size() > 1)
-            names.append(fields.at(1));
-    }
+    for (const QJsonValue& sink : listJson("sinks"))
+        names.append(sink[QLatin1String("name")].toString());
     return names;
 }
 
@@ -338,13 +334,6 @@ std::vector<int> PrivateSoundServer::sinkVolumePercent(const QString& sink) cons
     for (auto match = percent.globalMatch(firstLine); match.hasNext();)
         percents.push_back(match.next().captured(1).toInt());
     return percents;
-}
-
-std::optional<bool> PrivateSoundServer::sinkMute(const QString& sink) const {
-    const auto output = pactl({"get-sink-mute", sink});
-    if (!output)
-        return std::nullopt;
-    return output->contains(QLatin1String("yes"));
 }
 
 QJsonArray PrivateSoundServer::listJson(const QString& what) const {
@@ -470,10 +459,7 @@ std::optional<double> PrivateSoundServer::recordLevel(const QString& sink, int m
     if (!process.waitForStarted(3000))
         return std::nullopt;
     // Count from the first bytes on: connecting can take longer than the window itself.
-    QElapsedTimer timer;
-    timer.start();
-    while (QFileInfo(recording).size() == 0 && timer.elapsed() < 5000)
-        QThread::msleep(10);
+    pollUntil([&] { return QFileInfo(recording).size() > 0; }, 5000, 10);
     QThread::msleep(std::uint32_t(msec));
     ::kill(pid_t(process.processId()), SIGTERM);
     process.waitForFinished(3000);

@@ -44,7 +44,7 @@ public:
 
     // Starts the daemons, waits until `pactl info` answers, loads the devices and checks that
     // they are there. False with `error()` set when anything of that fails.
-    bool start(bool withDevices = true);
+    bool start();
     // Kills the daemons by their pids and waits for them.
     void stop();
     bool isRunning() const;
@@ -65,9 +65,8 @@ public:
     QString defaultSinkName() const;
     QString defaultSourceName() const;
     QStringList sinkNames() const;
-    // Volume of a sink in percent per channel, and its mute.
+    // Volume of a sink in percent per channel.
     std::vector<int> sinkVolumePercent(const QString& sink) const;
-    std::optional<bool> sinkMute(const QString& sink) const;
     // Sink a sink-input of the given application name plays to (name), empty if none.
     QString sinkOfStream(const QString& applicationName) const;
     std::optional<quint32> streamIndex(const QString& applicationName) const;

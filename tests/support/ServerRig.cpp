@@ -46,14 +46,9 @@ GroupManager& ServerRig::launch() {
     return *manager;
 }
 
-quint32 ServerRig::module(const QString& sink) const {
-    const auto owner = server->owningModule(sink);
-    return owner ? owner->first : 0;
-}
-
 bool ServerRig::unplug(const QString& sink) const {
-    return server->pactl({QStringLiteral("unload-module"), QString::number(module(sink))})
-        .has_value();
+    const auto owner = server->owningModule(sink);
+    return owner && server->pactl({QStringLiteral("unload-module"), QString::number(owner->first)});
 }
 
 QString ServerRig::defaultOutputUID() const {
@@ -101,14 +96,4 @@ void ServerRig::verifySlaves(const QString& aggregate, const QStringList& member
     const auto owner = server->owningModule(aggregate);
     QVERIFY2(owner, qPrintable(aggregate));
     QVERIFY2(owner->second.contains("slaves=" + members.join(u',')), qPrintable(owner->second));
-}
-
-OutputGroup serverGroup(const QStringList& members, double masterVolume) {
-    OutputGroup group;
-    group.id = QUuid::createUuid();
-    group.name = QStringLiteral("Studio Group");
-    group.memberUIDs = members;
-    group.masterUID = members.first();
-    group.masterVolume = masterVolume;
-    return group;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "PrivateSoundServer.h"
+#include "TestSupport.h"
 
 #include "app/AppSettings.h"
 #include "app/NotificationCenter.h"
@@ -48,8 +49,6 @@ struct ServerRig {
     // The group manager over it, as at launch: its queued restore has run.
     GroupManager& launch();
 
-    // Module index of the module that owns `sink`; 0 when none does.
-    quint32 module(const QString& sink) const;
     // Unloads the module behind `sink`, as unplugging the device does.
     bool unplug(const QString& sink) const;
     QString defaultOutputUID() const;
@@ -64,6 +63,3 @@ struct ServerRig {
     // The combined sink plays to `members`, the first of them its clock master.
     void verifySlaves(const QString& aggregate, const QStringList& members) const;
 };
-
-// A group of the test's own over the server's sinks, the first member its master.
-OutputGroup serverGroup(const QStringList& members, double masterVolume = 0.65);

@@ -13,15 +13,6 @@ void spinEventLoop(int turns) {
     }
 }
 
-bool spinUntil(const std::function<bool()>& condition, int maxTurns) {
-    for (int i = 0; i < maxTurns; ++i) {
-        if (condition())
-            return true;
-        spinEventLoop(1);
-    }
-    return condition();
-}
-
 QString helperDirectory() {
     return qEnvironmentVariable("ONDRIL_TEST_HELPER_DIR");
 }
@@ -39,4 +30,24 @@ Run runOndril(const QStringList& arguments, const QProcessEnvironment& environme
     return run;
 }
 
+std::unique_ptr<QProcess> startOndril(const QStringList& arguments,
+                                      const QProcessEnvironment& environment) {
+    auto process = std::make_unique<QProcess>();
+    process->setProcessEnvironment(environment);
+    process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process->start(helperDirectory() + QStringLiteral("/ondril"), arguments);
+    return process;
+}
+
 } // namespace TestSupport
+
+OutputGroup makeGroup(const QString& name, const QStringList& members, const QString& master,
+                      double masterVolume) {
+    OutputGroup group;
+    group.id = QUuid::createUuid();
+    group.name = name;
+    group.memberUIDs = members;
+    group.masterUID = master.isEmpty() && !members.isEmpty() ? members.first() : master;
+    group.masterVolume = masterVolume;
+    return group;
+}

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "groups/OutputGroup.h"
+
+#include <QProcess>
 #include <QProcessEnvironment>
 #include <QString>
 #include <QStringList>
 
-#include <functional>
+#include <memory>
 
 // Helpers for tests of code that publishes through the event loop.
 namespace TestSupport {
@@ -12,10 +15,6 @@ namespace TestSupport {
 // Lets queued deliveries run: processes posted events `turns` times (a delivery that queues
 // another one needs a second turn).
 void spinEventLoop(int turns = 3);
-
-// Processes events until `condition` holds, at most `maxTurns` turns. Counts turns rather than
-// time, so a slow machine does not turn into a failure. Returns whether the condition held.
-bool spinUntil(const std::function<bool()>& condition, int maxTurns = 1000);
 
 // The environment's helper directory (the build directory), where the built `ondril` lies.
 QString helperDirectory();
@@ -28,5 +27,13 @@ struct Run {
 };
 Run runOndril(const QStringList& arguments,
               const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment());
+// The built `ondril` started and left running, its standard error passed through.
+std::unique_ptr<QProcess>
+startOndril(const QStringList& arguments = {"--headless", "--backend=pulse"},
+            const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment());
 
 } // namespace TestSupport
+
+// A group of the test's own, the first member its master unless `master` names another.
+OutputGroup makeGroup(const QString& name, const QStringList& members, const QString& master = {},
+                      double masterVolume = 0.65);

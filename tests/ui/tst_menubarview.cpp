@@ -20,17 +20,7 @@ private:
 
     QQuickView* view() const { return m_rig->panel->window(); }
 
-    // Along the visual tree: rows made by a Repeater are not its QObject children.
-    QQuickItem* item(const QString& name, QQuickItem* from = nullptr) const {
-        from = from ? from : view()->rootObject();
-        for (QQuickItem* child : from->childItems()) {
-            if (child->objectName() == name)
-                return child;
-            if (QQuickItem* found = item(name, child))
-                return found;
-        }
-        return nullptr;
-    }
+    QQuickItem* item(const QString& name) const { return findItem(view()->rootObject(), name); }
     bool shows(const QString& name) const {
         const QQuickItem* found = item(name);
         return found && found->isVisible() && found->height() > 0;

@@ -192,7 +192,6 @@ Item {
                         ToolTip.delay: 700
                         ToolTip.text: "Volume and Boost"
                         contentItem: Text {
-                            objectName: "boostText"
                             text: row.card.percentText(row.volume)
                             horizontalAlignment: Text.AlignRight
                             font.pointSize: 11 * row.pt

@@ -90,7 +90,6 @@ Item {
                     tint: "white"
                 }
                 Text {
-                    objectName: "enableText"
                     anchors.verticalCenter: parent.verticalCenter
                     text: enable.waiting ? "Waiting for Permission" : "Enable Per-App Audio"
                     font.pointSize: 12 * prompt.pt

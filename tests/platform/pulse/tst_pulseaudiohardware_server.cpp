@@ -54,14 +54,6 @@ std::map<QString, AudioObjectID> devicesByUID(const AudioHardware& hardware) {
     return devices;
 }
 
-const AudioDevice* findByUID(const QList<AudioDevice>& devices, const QString& uid) {
-    for (const AudioDevice& device : devices) {
-        if (device.uid == uid)
-            return &device;
-    }
-    return nullptr;
-}
-
 QString groupUID() {
     return GroupManager::aggregateUID(QUuid::createUuid());
 }
@@ -90,26 +82,6 @@ private slots:
     }
 
     void cleanup() { m_rig.reset(); }
-
-    void managerListsSinksAsOutputsAndRealSourcesAsInputs() {
-        AudioDeviceManager& manager = m_rig->devices();
-        for (const auto& sink : PrivateSoundServer::defaultSinks()) {
-            const AudioDevice* device = findByUID(manager.outputDevices(), sink.name);
-            QVERIFY2(device, qPrintable(sink.name));
-            QCOMPARE(device->name, sink.description);
-            QVERIFY(device->volume.has_value());
-            QCOMPARE(*device->volume, 1.0f);
-            QVERIFY(device->isVolumeSettable);
-            QVERIFY(!device->isAirPlay);
-        }
-        const auto input = PrivateSoundServer::defaultInput();
-        const AudioDevice* mic = findByUID(manager.inputDevices(), input.name);
-        QVERIFY(mic);
-        QCOMPARE(mic->name, input.description);
-        for (const AudioDevice& device : manager.inputDevices())
-            QVERIFY2(!device.uid.endsWith(".monitor"), qPrintable(device.uid));
-        QVERIFY(!findByUID(manager.outputDevices(), input.name));
-    }
 
     void defaultWriteReachesTheServerAndReadsBack_data() {
         QTest::addColumn<bool>("output");
@@ -212,7 +184,8 @@ private slots:
         QCOMPARE(m_hardware->AudioObjectSetPropertyData(id, kMute, std::uint32_t(muted)),
                  kAudioHardwareNoError);
         QCOMPARE(read<std::uint32_t>(*m_hardware, id, kMute), std::uint32_t(muted));
-        QCOMPARE(m_server->sinkMute("airpods"), std::optional<bool>(muted));
+        const auto serverSays = m_server->pactl({"get-sink-mute", "airpods"});
+        QVERIFY(serverSays && serverSays->contains(muted ? "yes" : "no"));
     }
 
     void inputVolumeAndMuteLiveInTheInputScope() {
