@@ -14,11 +14,6 @@ std::uint32_t PlaybackRateController::adjust() {
     const std::int64_t level = m_sumUsec / m_readings;
     m_sumUsec = 0;
     m_readings = 0;
-    if (!m_hasTarget) {
-        m_hasTarget = true;
-        m_targetUsec = level;
-        return m_rate;
-    }
     const double ppm = std::clamp(double(level - m_targetUsec) / 1000.0 * kPpmPerMs,
                                   -kMaxDeviationPpm, kMaxDeviationPpm);
     m_rate = std::uint32_t(std::lround(m_nominalRate * (1.0 + ppm / 1e6)));

@@ -63,7 +63,13 @@ PulseTapAggregate::PulseTapAggregate(AudioObjectID tapID, const QString& tapSink
     : m_tapID(tapID)
     , m_tapSink(tapSink)
     , m_destinationSinks(destinationSinks)
-    , m_matchClocks(matchClocks) {}
+    , m_matchClocks(matchClocks)
+    // With the level controlled, a stall of the machine would leave its backlog queued for as
+    // long as the rate takes to drain it: more than two fragments above the level is dropped.
+    // Without (PipeWire, whose timing figures say little), only what is far beyond the target.
+    , m_dropAboveUsec(
+          std::int64_t(matchClocks ? kControlledLevelMs + 2 * kFragmentMs : 2 * kTargetMs) * 1000) {
+}
 
 PulseTapAggregate::~PulseTapAggregate() {
     stop();
@@ -97,21 +103,19 @@ OSStatus PulseTapAggregate::start() {
 // command packet and an operation (allocations). The lock is held for a few readings only, so the
 // audio thread waits no longer for it than for any other libpulse call of the main thread.
 void PulseTapAggregate::matchClocks() {
-    m_rateControllers.assign(m_playback.size(), PlaybackRateController(kRate));
+    m_rateControllers.assign(m_playback.size(),
+                             PlaybackRateController(kRate, kControlledLevelMs * 1000));
     m_rateReadings = 0;
     m_rateTimer = std::make_unique<QTimer>();
     m_rateTimer->setInterval(kRateReadingMs);
     QObject::connect(m_rateTimer.get(), &QTimer::timeout, [this] {
         const bool adjust = ++m_rateReadings % kReadingsPerAdjustment == 0;
-        // The first period is the start's: the first writes and the sink settling, not the level
-        // the stream keeps. Taken as the target, it drove the latency up for minutes.
-        const bool settling = m_rateReadings <= kReadingsPerAdjustment;
         pa_threaded_mainloop_lock(m_mainloop);
         for (std::size_t i = 0; i < m_playback.size(); ++i) {
             PlaybackRateController& controller = m_rateControllers[i];
             // A stream that has not started or ran dry says nothing about the clocks.
             const pa_timing_info* timing = pa_stream_get_timing_info(m_playback[i]);
-            if (!settling && timing && timing->playing)
+            if (timing && timing->playing)
                 if (const auto level = bufferedUsec(m_playback[i]))
                     controller.addLevel(*level);
             if (!adjust)
@@ -122,14 +126,6 @@ void PulseTapAggregate::matchClocks() {
                         pa_stream_update_sample_rate(m_playback[i], rate, nullptr, nullptr))
                     pa_operation_unref(operation);
         }
-        // What a stall of the machine left queued beyond the level the streams keep would stay
-        // for as long as the rate takes to drain it; more than two fragments of it are dropped.
-        std::int64_t dropAbove = 0;
-        for (const PlaybackRateController& controller : m_rateControllers)
-            if (const auto target = controller.targetUsec())
-                dropAbove = std::max(dropAbove, *target + 2 * std::int64_t(kFragmentMs) * 1000);
-        if (dropAbove > 0)
-            m_dropAboveUsec.store(dropAbove, std::memory_order_relaxed);
         pa_threaded_mainloop_unlock(m_mainloop);
     });
     m_rateTimer->start();
@@ -271,8 +267,7 @@ void PulseTapAggregate::play(const float* frames, std::size_t frameCount) {
 
 bool PulseTapAggregate::playbackOverfull() const {
     for (pa_stream* destination : m_playback)
-        if (const auto level = bufferedUsec(destination);
-            level && *level > m_dropAboveUsec.load(std::memory_order_relaxed))
+        if (const auto level = bufferedUsec(destination); level && *level > m_dropAboveUsec)
             return true;
     return false;
 }

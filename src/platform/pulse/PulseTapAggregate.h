@@ -7,7 +7,6 @@
 #include <QString>
 #include <QStringList>
 
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -36,6 +35,9 @@ public:
     static constexpr std::uint32_t kChannels = 2;
     static constexpr std::uint32_t kFragmentMs = 10;
     static constexpr std::uint32_t kTargetMs = 30;
+    // The level the rate controllers keep on PulseAudio: the 10 ms saw-tooth of the writes with
+    // room below it for the audio thread waking late.
+    static constexpr std::uint32_t kControlledLevelMs = 25;
 
     // Reads the monitor of `tapSink`; `matchClocks` runs the destinations at a controlled rate.
     PulseTapAggregate(AudioObjectID tapID, const QString& tapSink,
@@ -79,10 +81,8 @@ private:
     std::vector<float> m_output; // one chunk, interleaved
     double m_sampleTime = 0;
     std::vector<PlaybackRateController> m_rateControllers; // one per destination
-    // Captured fragments are dropped while a destination holds more than this: twice the target
-    // until the rate controllers know the level the streams keep (PulseAudio only), then two
-    // fragments above it. Set by the main thread, read by the audio thread.
-    std::atomic<std::int64_t> m_dropAboveUsec{2 * std::int64_t(kTargetMs) * 1000};
+    // Captured fragments are dropped while a destination holds more than this.
+    const std::int64_t m_dropAboveUsec;
     std::unique_ptr<QTimer> m_rateTimer;
     int m_rateReadings = 0;
 };
