@@ -7,6 +7,7 @@
 #include <pulse/proplist.h>
 #include <pulse/stream.h>
 #include <pulse/thread-mainloop.h>
+#include <pulse/timeval.h>
 
 #include <QElapsedTimer>
 #include <QThread>
@@ -16,7 +17,7 @@
 
 namespace {
 
-// Larger than any fragment either server hands out for a 10 ms request.
+// Larger than any fragment either server hands out for the fragments asked for.
 constexpr std::size_t kChunkFrames = 16384;
 
 const pa_sample_spec kSpec{PA_SAMPLE_FLOAT32LE, PulseTapAggregate::kRate,
@@ -64,12 +65,7 @@ PulseTapAggregate::PulseTapAggregate(AudioObjectID tapID, const QString& tapSink
     , m_tapSink(tapSink)
     , m_destinationSinks(destinationSinks)
     , m_matchClocks(matchClocks)
-    // With the level controlled, a stall of the machine would leave its backlog queued for as
-    // long as the rate takes to drain it: more than two fragments above the level is dropped.
-    // Without (PipeWire, whose timing figures say little), only what is far beyond the target.
-    , m_dropAboveUsec(
-          std::int64_t(matchClocks ? kControlledLevelMs + 2 * kFragmentMs : 2 * kTargetMs) * 1000) {
-}
+    , m_buffering(matchClocks ? kControlledBuffering : kServerBuffering) {}
 
 PulseTapAggregate::~PulseTapAggregate() {
     stop();
@@ -112,6 +108,11 @@ void PulseTapAggregate::matchClocks() {
         const bool adjust = ++m_rateReadings % kReadingsPerAdjustment == 0;
         pa_threaded_mainloop_lock(m_mainloop);
         for (std::size_t i = 0; i < m_playback.size(); ++i) {
+            // Fresh timing for the next readings here and on the audio thread: libpulse asks for
+            // it only every 1.5 s on its own.
+            if (pa_operation* operation =
+                    pa_stream_update_timing_info(m_playback[i], nullptr, nullptr))
+                pa_operation_unref(operation);
             PlaybackRateController& controller = m_rateControllers[i];
             // A stream that has not started or ran dry says nothing about the clocks.
             const pa_timing_info* timing = pa_stream_get_timing_info(m_playback[i]);
@@ -132,7 +133,7 @@ void PulseTapAggregate::matchClocks() {
 }
 
 // A null sink nobody asked for low latency renders up to 2 s ahead as soon as it exists, and its
-// monitor then stays silent for that long even once the record stream asks for 10 ms. Resuming
+// monitor then stays silent for that long even once the record stream asks for a few ms. Resuming
 // from a suspend starts its clock afresh, at the latency asked for now.
 void PulseTapAggregate::restartTapClock() {
     const QByteArray sink = m_tapSink.toUtf8();
@@ -157,14 +158,15 @@ bool PulseTapAggregate::connectStreams() {
         m_playback.push_back(stream);
         // Playback starts with the first fragment (0 would never start it): a switch into boost
         // is then silent for little more than one fragment.
-        const pa_buffer_attr attributes{std::uint32_t(-1), bytesOf(kTargetMs), bytesOf(kFragmentMs),
-                                        std::uint32_t(-1), std::uint32_t(-1)};
+        const pa_buffer_attr attributes{std::uint32_t(-1), bytesOf(m_buffering.targetMs),
+                                        bytesOf(m_buffering.fragmentMs), std::uint32_t(-1),
+                                        std::uint32_t(-1)};
         connected =
             connected &&
             pa_stream_connect_playback(
                 stream, sink.toUtf8().constData(), &attributes,
-                pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
-                                  PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_DONT_MOVE |
+                pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE |
+                                  PA_STREAM_DONT_MOVE |
                                   (m_matchClocks ? PA_STREAM_VARIABLE_RATE : PA_STREAM_NOFLAGS)),
                 nullptr, nullptr) == 0;
     }
@@ -172,7 +174,7 @@ bool PulseTapAggregate::connectStreams() {
     if (m_record) {
         pa_stream_set_read_callback(m_record, &PulseTapAggregate::captured, this);
         const pa_buffer_attr attributes{std::uint32_t(-1), std::uint32_t(-1), std::uint32_t(-1),
-                                        std::uint32_t(-1), bytesOf(kFragmentMs)};
+                                        std::uint32_t(-1), bytesOf(m_buffering.fragmentMs)};
         connected = pa_stream_connect_record(
                         m_record, (m_tapSink + QStringLiteral(".monitor")).toUtf8().constData(),
                         &attributes,
@@ -267,27 +269,32 @@ void PulseTapAggregate::play(const float* frames, std::size_t frameCount) {
 
 bool PulseTapAggregate::playbackOverfull() const {
     for (pa_stream* destination : m_playback)
-        if (const auto level = bufferedUsec(destination); level && *level > m_dropAboveUsec)
+        if (const auto level = bufferedUsec(destination);
+            level && *level > std::int64_t(m_buffering.dropAboveMs) * 1000)
             return true;
     return false;
 }
 
 std::optional<std::int64_t> PulseTapAggregate::bufferedUsec(pa_stream* destination) {
     const pa_timing_info* timing = pa_stream_get_timing_info(destination);
-    if (!timing)
+    if (!timing || timing->write_index_corrupt || timing->read_index_corrupt)
         return std::nullopt;
-    // A stream that ran dry waits for its prebuffer and plays nothing. Its clock then stands
-    // still, so the latency it gives stays at what it was before (60 ms and more were seen, which
-    // dropped every fragment and kept it dry for seconds); what it holds is what was written
-    // and not yet read.
-    if (!timing->playing)
-        return timing->write_index > timing->read_index
-                   ? std::int64_t(pa_bytes_to_usec(
-                         std::uint64_t(timing->write_index - timing->read_index), &kSpec))
-                   : 0;
-    pa_usec_t latency = 0;
-    int negative = 0;
-    if (pa_stream_get_latency(destination, &latency, &negative) < 0 || negative)
-        return std::nullopt;
-    return latency > timing->sink_usec ? std::int64_t(latency - timing->sink_usec) : 0;
+    // Not pa_stream_get_latency: its clock never runs backwards, and converts the whole stream's
+    // read index at the current rate, so each rise of the controlled rate stood it still for as
+    // long as the stream had played times the change (20 ms after 20 s at 1000 ppm). The level
+    // then seemed to grow with every write, and real audio was dropped. What was written and not
+    // yet read when the timing was current, less what the sink has read since while playing,
+    // needs neither.
+    const std::int64_t queued = timing->write_index - timing->read_index;
+    std::int64_t usec = queued > 0
+                            ? std::int64_t(pa_bytes_to_usec(std::uint64_t(queued),
+                                                            pa_stream_get_sample_spec(destination)))
+                            : 0;
+    // A stream that ran dry waits for its prebuffer and reads nothing meanwhile.
+    if (timing->playing) {
+        timeval now{};
+        pa_gettimeofday(&now);
+        usec -= std::int64_t(pa_timeval_diff(&now, &timing->timestamp) + timing->transport_usec);
+    }
+    return std::max<std::int64_t>(usec, 0);
 }

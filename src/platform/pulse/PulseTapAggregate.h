@@ -19,13 +19,14 @@ struct pa_stream;
 
 // A private aggregate of a tap and destination sinks, with its IO procedure, on a connection of
 // its own whose threaded main loop is the audio thread: a record stream reads the tap sink's
-// monitor in fragments of 10 ms, the IO block turns each into output, and that output is written
-// to one playback stream per destination (30 ms target). When a destination's buffer holds more
-// than twice its target, captured frames are dropped instead, so that latency cannot creep up.
+// monitor in small fragments, the IO block turns each into output, and that output is written to
+// one playback stream per destination. When a destination holds well above its level, captured
+// frames are dropped instead, so that latency cannot creep up.
 //
 // On PulseAudio the destinations' clocks are not the tap's: each playback stream runs at a variable
-// rate that a PlaybackRateController on the main thread adjusts once a second (PipeWire matches
-// rates by itself).
+// rate that a PlaybackRateController on the main thread adjusts once a second, keeping a level
+// small enough for the added latency to go unnoticed (PipeWire matches rates by itself, and
+// buffers in its own quanta).
 //
 // Everything the audio thread uses is made before the streams start; there it allocates, locks,
 // logs and waits for nothing of its own, and touches no Qt object.
@@ -33,11 +34,21 @@ class PulseTapAggregate {
 public:
     static constexpr std::uint32_t kRate = 48000;
     static constexpr std::uint32_t kChannels = 2;
-    static constexpr std::uint32_t kFragmentMs = 10;
-    static constexpr std::uint32_t kTargetMs = 30;
-    // The level the rate controllers keep on PulseAudio: the 10 ms saw-tooth of the writes with
-    // room below it for the audio thread waking late.
-    static constexpr std::uint32_t kControlledLevelMs = 25;
+
+    // How the streams buffer, measured on each server: fragments captured, the playback streams'
+    // target length (their prebuffer is one fragment), and the level above which captured
+    // fragments are dropped.
+    struct Buffering {
+        std::uint32_t fragmentMs;
+        std::uint32_t targetMs;
+        std::uint32_t dropAboveMs;
+    };
+    // PulseAudio: 5 ms fragments keep the writes' saw-tooth small; the controller holds 12 ms
+    // above the sink's own latency, and more than two fragments above that is dropped.
+    static constexpr std::uint32_t kControlledLevelMs = 12;
+    static constexpr Buffering kControlledBuffering{5, 20, kControlledLevelMs + 2 * 5};
+    // PipeWire: smaller requests than these only make it choose a longer quantum.
+    static constexpr Buffering kServerBuffering{10, 30, 60};
 
     // Reads the monitor of `tapSink`; `matchClocks` runs the destinations at a controlled rate.
     PulseTapAggregate(AudioObjectID tapID, const QString& tapSink,
@@ -60,7 +71,7 @@ private:
     static void captured(pa_stream* stream, std::size_t bytes, void* userdata);
     void play(const float* frames, std::size_t frameCount);
     bool playbackOverfull() const;
-    // What a destination holds beyond the sink's own latency, from the interpolated timing.
+    // What a destination holds beyond the sink's own latency, from its last timing reading.
     static std::optional<std::int64_t> bufferedUsec(pa_stream* destination);
 
     // Main thread.
@@ -73,6 +84,7 @@ private:
     const QString m_tapSink;
     const QStringList m_destinationSinks;
     const bool m_matchClocks;
+    const Buffering m_buffering;
     AudioDeviceIOBlock m_block;
     pa_threaded_mainloop* m_mainloop = nullptr;
     pa_context* m_context = nullptr;
@@ -81,8 +93,6 @@ private:
     std::vector<float> m_output; // one chunk, interleaved
     double m_sampleTime = 0;
     std::vector<PlaybackRateController> m_rateControllers; // one per destination
-    // Captured fragments are dropped while a destination holds more than this.
-    const std::int64_t m_dropAboveUsec;
     std::unique_ptr<QTimer> m_rateTimer;
     int m_rateReadings = 0;
 };
