@@ -7,13 +7,17 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
 
 #include <benchmark/benchmark.h>
 #include <pulse/simple.h>
 
+#include <fcntl.h>
+#include <pthread.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -22,6 +26,7 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
+#include <mutex>
 #include <thread>
 
 // A boosted session against a private server (ONDRIL_TEST_SERVER=pipewire for PipeWire): what the
@@ -71,8 +76,8 @@ std::unique_ptr<QProcess> play(const QString& file, const QStringList& format) {
                      format + QStringList{file});
 }
 
-// A boosted session of the process that `player` runs, to the default sink.
-std::unique_ptr<RouteSession> boost(const QProcess& player) {
+// A boosted session of the process that `player` runs, to `destination`.
+std::unique_ptr<RouteSession> boost(const QProcess& player, const QString& destination = kSink) {
     std::vector<AudioObjectID> objects;
     runFor(5000, [&] {
         AudioPropertyValue value;
@@ -89,7 +94,7 @@ std::unique_ptr<RouteSession> boost(const QProcess& player) {
         return !objects.empty();
     });
     auto session = std::make_unique<RouteSession>(*g_hardware, QStringLiteral("org.example.Bench"),
-                                                  objects, QStringList{kSink});
+                                                  objects, QStringList{destination});
     session->setGain(1.5f, true);
     return session->start() ? std::move(session) : nullptr;
 }
@@ -370,6 +375,247 @@ void BM_LongPlay(benchmark::State& state) {
 }
 BENCHMARK(BM_LongPlay)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// A sound card whose clock is not the system's: a pipe sink, which the server refills as fast as
+// it is emptied, emptied by a thread of this process at 48 kHz scaled by `ppm`, in 5 ms steps. What
+// it plays is kept on its own timeline: when each click was played, and where it had nothing to
+// play (the server gave it silence, or the pipe ran empty).
+class DriftingDevice {
+public:
+    static constexpr const char* kName = "drifting_device";
+
+    explicit DriftingDevice(int ppm)
+        : m_framesPerSecond(kRate * (1.0 + ppm / 1e6)) {}
+    ~DriftingDevice() {
+        m_stop.store(true, std::memory_order_relaxed);
+        if (m_thread.joinable())
+            m_thread.join();
+        if (m_fd >= 0)
+            ::close(m_fd);
+        if (m_module)
+            g_server->pactl({"unload-module", QString::number(*m_module)});
+    }
+
+    // Loads the sink and starts playing; false when the server has no pipe sink.
+    bool start() {
+        const QString fifo = g_directory->filePath(QStringLiteral("device.fifo"));
+        const std::optional<QString> module = g_server->pactl(
+            {"load-module", "module-pipe-sink", QStringLiteral("file=") + fifo,
+             QStringLiteral("sink_name=") + kName, "format=float32le", "rate=48000", "channels=2"});
+        if (!module)
+            return false;
+        m_module = module->trimmed().toUInt();
+        m_fd = ::open(fifo.toUtf8().constData(), O_RDONLY | O_NONBLOCK);
+        // The sink refills the pipe a page at a time: with two pages (21 ms) it fell behind now and
+        // then and the card played silence, slower than its clock. Eight pages (85 ms) keep up; the
+        // latency they add is constant, and what is measured is how the latency moves.
+        if (m_fd < 0 || ::fcntl(m_fd, F_SETPIPE_SZ, 32768) < 0)
+            return false;
+        m_thread = std::thread([this] { run(); });
+        return true;
+    }
+
+    double timeOfFrame(std::int64_t frame) const { return m_startTime + frame / m_framesPerSecond; }
+
+    // The clicks played so far, in seconds on the monotonic clock.
+    std::vector<double> clickTimes() {
+        std::lock_guard lock(m_mutex);
+        std::vector<double> times;
+        for (std::int64_t frame : m_clickFrames)
+            times.push_back(timeOfFrame(frame));
+        return times;
+    }
+    // Silences over 10 ms played after `from` (seconds on the monotonic clock), and the longest.
+    std::pair<int, double> gapsSince(double from) {
+        std::lock_guard lock(m_mutex);
+        int gaps = 0;
+        double longestMs = 0;
+        for (const auto& [startFrame, ms] : m_gaps)
+            if (timeOfFrame(startFrame) >= from) {
+                ++gaps;
+                longestMs = std::max(longestMs, ms);
+            }
+        return {gaps, longestMs};
+    }
+
+    // Frames the device played as silence because the pipe did not hold them when due, from now
+    // on: the card then ran slower than its clock.
+    void countMissingFramesFromNow() {
+        std::lock_guard lock(m_mutex);
+        m_missingFrames = 0;
+    }
+    std::int64_t missingFrames() {
+        std::lock_guard lock(m_mutex);
+        return m_missingFrames;
+    }
+
+private:
+    static double now() {
+        timespec time{};
+        clock_gettime(CLOCK_MONOTONIC, &time);
+        return double(time.tv_sec) + double(time.tv_nsec) / 1e9;
+    }
+
+    void run() {
+        constexpr int kWindow = kRate / 200; // 5 ms
+        constexpr int kMaxWindows = 20;
+        std::vector<float> frames(std::size_t(kWindow) * kMaxWindows * 2);
+        // A card plays on time whatever the machine does: the reader must not be what runs late.
+        sched_param priority{};
+        priority.sched_priority = 10;
+        pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority);
+        std::int64_t played = 0;
+        int silentWindows = 0;
+        std::int64_t lastClick = -kRate;
+        m_startTime = now();
+        timespec tick{};
+        clock_gettime(CLOCK_MONOTONIC, &tick);
+        while (!m_stop.load(std::memory_order_relaxed)) {
+            tick.tv_nsec += 5'000'000;
+            if (tick.tv_nsec >= 1'000'000'000) {
+                tick.tv_nsec -= 1'000'000'000;
+                ++tick.tv_sec;
+            }
+            clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &tick, nullptr);
+            const auto due = std::int64_t((now() - m_startTime) * m_framesPerSecond);
+            const auto wanted = std::size_t(
+                std::min<std::int64_t>((due - played) / kWindow, kMaxWindows) * kWindow);
+            // What the pipe does not hold is played as silence, as a card that ran dry would.
+            std::fill(frames.begin(), frames.end(), 0.0f);
+            const ssize_t bytes = ::read(m_fd, frames.data(), wanted * 2 * sizeof(float));
+            if (bytes < 0 && errno != EAGAIN)
+                return;
+            std::lock_guard lock(m_mutex);
+            m_missingFrames += std::int64_t(wanted) - std::max<std::int64_t>(bytes, 0) / 8;
+            for (std::size_t window = 0; window < wanted; window += kWindow) {
+                double energy = 0;
+                for (std::size_t i = window; i < window + kWindow; ++i) {
+                    const float left = frames[2 * i];
+                    energy += double(left) * left;
+                    if (left > ClickRecorder::threshold &&
+                        played + std::int64_t(i) - lastClick > kRate / 10) {
+                        lastClick = played + std::int64_t(i);
+                        m_clickFrames.push_back(lastClick);
+                    }
+                }
+                silentWindows = std::sqrt(energy / kWindow) < 0.01 ? silentWindows + 1 : 0;
+                if (silentWindows == 3)
+                    m_gaps.emplace_back(played + std::int64_t(window) - 2 * kWindow, 15.0);
+                else if (silentWindows > 3)
+                    m_gaps.back().second = silentWindows * 5.0;
+            }
+            played += std::int64_t(wanted);
+        }
+    }
+
+    const double m_framesPerSecond;
+    std::optional<quint32> m_module;
+    int m_fd = -1;
+    double m_startTime = 0;
+    std::atomic<bool> m_stop{false};
+    std::mutex m_mutex;
+    std::vector<std::int64_t> m_clickFrames;
+    std::int64_t m_missingFrames = 0;
+    std::vector<std::pair<std::int64_t, double>> m_gaps; // first frame, length in ms
+    std::thread m_thread;
+};
+// The rate at which the server plays the path's stream now, in ppm off nominal.
+std::optional<double> destinationRatePpm() {
+    const QString inputs = g_server->pactl({"list", "sink-inputs"}).value_or(QString());
+    for (const QString& block : inputs.split(QStringLiteral("Sink Input #")))
+        if (block.contains(QStringLiteral("media.name = \"Ondril boost\""))) {
+            static const QRegularExpression rate(
+                QStringLiteral("Sample Specification: \\S+ \\S+ (\\d+)Hz"));
+            if (const QRegularExpressionMatch match = rate.match(block); match.hasMatch())
+                return (match.captured(1).toDouble() / kRate - 1.0) * 1e6;
+        }
+    return std::nullopt;
+}
+
+// Median delay, in ms, from each click the tap sink rendered to the same click played by the
+// device, over `seconds`: the device's timeline has its own clock, so this holds the pipe's
+// buffering too, and what matters is how it moves over a long play.
+ClickLatency deviceClickLatency(DriftingDevice& device, const QString& tap, int seconds) {
+    ClickRecorder sent(tap + QStringLiteral(".monitor"));
+    runFor(seconds * 1000);
+    const std::vector<double> sentTimes = sent.stop();
+    runFor(500);
+    const std::vector<double> heardTimes = device.clickTimes();
+    std::vector<double> delays;
+    for (double time : sentTimes) {
+        const auto match = std::find_if(heardTimes.begin(), heardTimes.end(), [&](double heard) {
+            return heard > time - 0.002 && heard < time + 0.2;
+        });
+        if (match != heardTimes.end())
+            delays.push_back((*match - time) * 1000.0);
+    }
+    if (delays.empty())
+        return {};
+    std::nth_element(delays.begin(), delays.begin() + qsizetype(delays.size() / 2), delays.end());
+    return {delays[delays.size() / 2], int(delays.size())};
+}
+
+// One boosted session playing to a device whose clock runs `ppm` off the tap's, for as long as
+// the long play: where the rate controller settles, whether the latency stays where it started,
+// and what the device played without sound. PulseAudio only: PipeWire matches the clocks itself.
+void BM_DeviceClockDrift(benchmark::State& state) {
+    const int ppm = int(state.range(0));
+    const int seconds = qEnvironmentVariableIsSet("ONDRIL_BENCH_BOOST_SECONDS")
+                            ? qEnvironmentVariableIntValue("ONDRIL_BENCH_BOOST_SECONDS")
+                            : 600;
+    DriftingDevice device(ppm);
+    if (!device.start()) {
+        state.SkipWithError("no pipe sink");
+        return;
+    }
+    auto player = play(clickedTone(seconds + 60),
+                       {"--raw", "--format=s16le", "--channels=1", "--rate=48000"});
+    auto session = boost(*player, QString::fromLatin1(DriftingDevice::kName));
+    QString tap;
+    for (const QString& sink : g_server->sinkNames())
+        if (sink.startsWith(QStringLiteral("com.kestrivane.ondril.tap.")))
+            tap = sink;
+    if (!session || tap.isEmpty()) {
+        state.SkipWithError("no session");
+        return;
+    }
+    ClickLatency first;
+    ClickLatency last;
+    double meanPpm = 0;
+    double from = 0;
+    for (auto _ : state) {
+        runFor(5000);
+        timespec time{};
+        clock_gettime(CLOCK_MONOTONIC, &time);
+        from = double(time.tv_sec) + double(time.tv_nsec) / 1e9;
+        device.countMissingFramesFromNow();
+        first = deviceClickLatency(device, tap, 10);
+        // The controller corrects every second around the device's rate: its mean is the rate.
+        double sum = 0;
+        int readings = 0;
+        for (int second = 0; second < seconds; second += 5) {
+            runFor(5000);
+            if (const std::optional<double> ppm = destinationRatePpm()) {
+                sum += *ppm;
+                ++readings;
+            }
+        }
+        meanPpm = readings > 0 ? sum / readings : 0;
+        last = deviceClickLatency(device, tap, 10);
+    }
+    const auto [gaps, longestGapMs] = device.gapsSince(from);
+    session.reset();
+    player->kill();
+    player->waitForFinished(3000);
+    state.counters["latency_start_ms"] = first.medianMs;
+    state.counters["latency_end_ms"] = last.medianMs;
+    state.counters["clicks_matched"] = first.clicks + last.clicks;
+    state.counters["mean_stream_rate_ppm"] = meanPpm;
+    state.counters["gaps_over_10ms"] = gaps;
+    state.counters["longest_gap_ms"] = longestGapMs;
+    state.counters["frames_missing"] = double(device.missingFrames());
+    state.SetLabel(QStringLiteral("device clock %1 ppm, %2 s").arg(ppm).arg(seconds).toStdString());
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -390,6 +636,12 @@ int main(int argc, char** argv) {
     g_server = &server;
     g_hardware = hardware.get();
     g_directory = &directory;
+    if (server.kind() == PrivateSoundServer::Kind::PulseAudio)
+        for (int ppm : {300, -300})
+            benchmark::RegisterBenchmark("BM_DeviceClockDrift", BM_DeviceClockDrift)
+                ->Arg(ppm)
+                ->Iterations(1)
+                ->Unit(benchmark::kMillisecond);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
