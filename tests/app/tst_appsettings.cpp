@@ -4,8 +4,6 @@
 #include "platform/UserDefaults.h"
 
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -41,7 +39,7 @@ private slots:
         m_posted.clear();
         for (const QString& name :
              {Notifications::deviceNamesChanged, Notifications::hiddenDevicesChanged,
-              Notifications::hiddenInputDevicesChanged, Notifications::hotKeysChanged})
+              Notifications::hiddenInputDevicesChanged})
             m_center->addObserver(name, nullptr, [this, name] { m_posted << name; });
     }
 
@@ -205,45 +203,6 @@ private slots:
         m_settings->setCustomName(otherUID, QStringLiteral("TV"));
         QCOMPARE(m_settings->deviceNames(),
                  (QMap<QString, QString>{{otherUID, QStringLiteral("TV")}}));
-    }
-
-    void storedHotKeysThatDoNotDecodeCountAsEmpty_data() {
-        QTest::addColumn<QByteArray>("stored");
-        QTest::addColumn<int>("entries");
-        QTest::newRow("one binding")
-            << QByteArray(R"({"global.toggleMute":{"keyCode":46,"modifiers":6144}})") << 1;
-        QTest::newRow("not json") << QByteArray("{garbage") << 0;
-        QTest::newRow("one entry without modifiers")
-            << QByteArray(R"({"a":{"keyCode":46},"b":{"keyCode":1,"modifiers":256}})") << 0;
-        QTest::newRow("key code as text")
-            << QByteArray(R"({"a":{"keyCode":"46","modifiers":256}})") << 0;
-        QTest::newRow("fractional key code")
-            << QByteArray(R"({"a":{"keyCode":46.5,"modifiers":256}})") << 0;
-        QTest::newRow("negative mask") << QByteArray(R"({"a":{"keyCode":46,"modifiers":-1}})") << 0;
-    }
-
-    void storedHotKeysThatDoNotDecodeCountAsEmpty() {
-        QFETCH(QByteArray, stored);
-        QFETCH(int, entries);
-        m_defaults->setData(stored, SettingsKeys::hotKeys);
-        QCOMPARE(m_settings->hotKeys().size(), entries);
-        QVERIFY(m_posted.isEmpty()); // reading never writes or posts
-        QCOMPARE(m_defaults->dataForKey(SettingsKeys::hotKeys), stored);
-    }
-
-    void setHotKeyReplacesACorruptTableAndRemovesOneAction() {
-        m_defaults->setData("{garbage", SettingsKeys::hotKeys);
-        const HotKeyCombo combo{46, HotKeyCombo::controlKey | HotKeyCombo::optionKey};
-        m_settings->setHotKey(QStringLiteral("global.toggleMute"), combo);
-        QCOMPARE(m_settings->hotKeys().keys(), QStringList{"global.toggleMute"});
-        const auto json = QJsonDocument::fromJson(*m_defaults->dataForKey(SettingsKeys::hotKeys));
-        QCOMPARE(json.object().value("global.toggleMute").toObject(),
-                 (QJsonObject{{"keyCode", 46}, {"modifiers", 6144}}));
-
-        m_settings->setHotKey(QStringLiteral("group.X"), HotKeyCombo{0, HotKeyCombo::shiftKey});
-        m_settings->setHotKey(QStringLiteral("global.toggleMute"), std::nullopt);
-        QCOMPARE(m_settings->hotKeys().keys(), QStringList{"group.X"});
-        QCOMPARE(m_posted, QStringList(3, Notifications::hotKeysChanged));
     }
 };
 
