@@ -101,68 +101,40 @@ private slots:
         QCOMPARE(manager.lastAppliedToken(), token(after));
     }
 
-    void earlierOfTwoFittingRulesWinsAndMovingItChangesTheOutcomeAtOnce() {
-        AutoSwitchRig rig;
-        GroupManager& manager = rig.launch();
-        manager.addRule({rig.leftUID}, RuleAction::device(rig.leftUID));
-        manager.addRule({rig.rightUID}, RuleAction::device(rig.rightUID));
-        QCOMPARE(rig.defaultOutput(), rig.left);
-        manager.moveRule(0, 7); // beyond the end: last
-        QCOMPARE(manager.rules().last().action, RuleAction::device(rig.leftUID));
-        QCOMPARE(rig.defaultOutput(), rig.right);
-    }
-
-    // A rule that does not fit lets the next one, which switches to the right display, apply.
-    void ruleThatDoesNotFitIsPassedOver_data() {
-        QTest::addColumn<QString>("why");
+    // The first rule that fits wins; one that does not fit lets the next one, which switches to
+    // the right display, apply.
+    void firstFittingRuleWins_data() {
+        QTest::addColumn<QString>("first");
+        QTest::newRow("the first fits too") << "fits";
         QTest::newRow("its group was deleted") << "group deleted";
         QTest::newRow("its device is only an input") << "input only";
         QTest::newRow("disabled") << "disabled";
         QTest::newRow("no required devices") << "none required";
     }
-    void ruleThatDoesNotFitIsPassedOver() {
-        QFETCH(QString, why);
+    void firstFittingRuleWins() {
+        QFETCH(QString, first);
         AutoSwitchRig rig;
         const OutputGroup displays = makeGroup("Displays", {rig.leftUID});
         GroupManager& manager = rig.launchWith({displays});
-        AudioRule first = rule({rig.headphonesUID}, RuleAction::group(displays.id));
-        if (why == "group deleted")
+        AudioRule earlier = rule({rig.headphonesUID}, RuleAction::group(displays.id));
+        if (first == "fits")
+            earlier = rule({rig.headphonesUID}, RuleAction::device(rig.headphonesUID));
+        else if (first == "group deleted")
             manager.deleteGroup(displays);
-        else if (why == "input only")
-            first = rule({kMicUID}, RuleAction::device(rig.headphonesUID));
-        else if (why == "disabled")
-            first.enabled = false;
-        else if (why == "none required")
-            first.requiredDeviceUIDs.clear();
-        const AudioRule second = rule({rig.headphonesUID}, RuleAction::device(rig.rightUID));
-        manager.setRules({first, second});
+        else if (first == "input only")
+            earlier = rule({kMicUID}, RuleAction::device(rig.headphonesUID));
+        else if (first == "disabled")
+            earlier.enabled = false;
+        else if (first == "none required")
+            earlier.requiredDeviceUIDs.clear();
+        const AudioRule later = rule({rig.headphonesUID}, RuleAction::device(rig.rightUID));
+        manager.setRules({earlier, later});
         manager.evaluateRules();
         settle();
-        QCOMPARE(rig.defaultOutput(), rig.right);
-        QCOMPARE(manager.lastAppliedToken(), std::optional(tokenOf(second)));
+        const bool fits = first == "fits";
+        QCOMPARE(rig.defaultOutput(), fits ? rig.headphones : rig.right);
+        QCOMPARE(manager.lastAppliedToken(), std::optional(tokenOf(fits ? earlier : later)));
         QVERIFY(!manager.activeGroupID());
-    }
-
-    void editingTheListsReappliesARuleThatStillFits() {
-        AutoSwitchRig rig;
-        GroupManager& manager = rig.launch();
-        manager.addRule({rig.headphonesUID}, RuleAction::device(rig.headphonesUID));
-        rig.hardware->setDefaultOutputDevice(rig.speakers);
-        settle();
-        // A rule that does not fit still clears the token, so the fitting one applies again.
-        manager.addRule({QStringLiteral("absent")}, RuleAction::device(rig.leftUID));
-        settle();
-        QCOMPARE(rig.defaultOutput(), rig.headphones);
-        const auto stored =
-            AudioRuleCodec::decodeList(*rig.defaults->dataForKey(SettingsKeys::rules));
-        QVERIFY(stored);
-        QCOMPARE(*stored, manager.rules());
-
-        // A move from outside the list changes and saves nothing.
-        rig.defaults->removeObjectForKey(SettingsKeys::rules);
-        manager.moveRule(5, 0);
-        QVERIFY(!rig.defaults->dataForKey(SettingsKeys::rules));
-        QCOMPARE(manager.lastAppliedToken(), std::optional(tokenOf(manager.rules().first())));
     }
 
     // The first evaluation that sees filled lists applies the rule, whatever the restore did.
