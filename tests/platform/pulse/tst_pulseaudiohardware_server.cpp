@@ -341,32 +341,6 @@ private slots:
         QCOMPARE(m_server->sinkNames(), before);
     }
 
-    void restartedServerIsReconnectedWithTheSameIds() {
-        const auto before = devicesByUID(*m_hardware);
-        int deviceListCalls = 0;
-        AudioObjectPropertyListenerToken token = 0;
-        m_hardware->AudioObjectAddPropertyListenerBlock(
-            kAudioObjectSystemObject, kDevices, [&](const auto&) { ++deviceListCalls; }, token);
-        m_server->stop();
-        const AudioObjectID studio = before.at("studio_left");
-        // While the server is away a write fails, and does not hang.
-        QTRY_VERIFY_WITH_TIMEOUT(m_hardware->AudioObjectSetPropertyData(
-                                     studio, volumeAddress(0), 0.5f) != kAudioHardwareNoError,
-                                 kGenerousWaitMs);
-        QVERIFY2(m_server->start(), qPrintable(m_server->error()));
-        QVERIFY(QTest::qWaitFor(
-            [&] {
-                return deviceListCalls > 0 &&
-                       m_hardware->AudioObjectSetPropertyData(studio, volumeAddress(0), 0.5f) ==
-                           kAudioHardwareNoError;
-            },
-            kGenerousWaitMs));
-        const auto after = devicesByUID(*m_hardware);
-        for (const auto& sink : PrivateSoundServer::defaultSinks())
-            QCOMPARE(after.at(sink.name), before.at(sink.name));
-        QCOMPARE(m_server->sinkVolumePercent("studio_left"), (std::vector<int>{50, 50}));
-    }
-
     void automaticBackendWaitsForAServerThatMayStillStart_data() {
         QTest::addColumn<bool>("installed");
         QTest::newRow("server installed, starting late") << true;
