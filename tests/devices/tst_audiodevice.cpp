@@ -16,18 +16,11 @@ class AudioDeviceTest : public QObject {
     }
 
 private slots:
-    void stableKeyNeedsFiveParts_data() {
-        addRows({"a:b:c:d:e|b:c:e", "a:b:c:d|", "a:b:c:d:e:f:g|b:c:g", "::::|::", "plain|"});
-    }
-    void stableKeyNeedsFiveParts() {
-        QFETCH(QString, input);
-        QFETCH(QString, expected);
-        QCOMPARE(AudioDevice::stableKey(input).value_or(QString()), expected);
-    }
-
-    // The stored UID, the present ones (comma-separated) and the one that matches.
+    // The stored UID, the present ones (comma-separated) and the one that matches: the same stable
+    // key (the second, third and last of at least five parts) under another UID, only one.
     void matchingUIDTakesOnlyAnUnambiguousMatch_data() {
         addRows({"usb:mic:1:2:serial|usb:mic:1:2:serial,bt:mic:1:9:serial|bt:mic:1:9:serial",
+                 "a:b:c:d:e:f:g|x:b:c:y:z:g|x:b:c:y:z:g",
                  "usb:mic:1:2:serial|x:mic:1:3:serial,y:mic:1:4:serial|",
                  "usb:mic:1:2:serial|usb:mic:1:2:serial|", "usb:mic:1:2:serial|mic:1:serial|",
                  "a:b:c:d|x:b:c:y:d|", "a:b:c:d:e|x:b:c:d:f|"});

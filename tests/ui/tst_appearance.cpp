@@ -87,7 +87,7 @@ private slots:
             return !appearance.isDark();
         };
         QTRY_VERIFY(switchToLight());
-        QCOMPARE(appearance.settingsTheme(), SettingsTheme::light());
+        QCOMPARE(appearance.palette(), OndrilPalette::light());
     }
 };
 
