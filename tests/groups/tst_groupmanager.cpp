@@ -133,19 +133,24 @@ private slots:
         verifyOff(m_rig->defaultOutput());
     }
 
+    // A failed build leaves A on without an aggregate, muted and stored as before; a reconcile
+    // builds it again, keeping the mute, or ends it when it fails too. What changed while asleep
+    // is not announced by the lists: a wake reconciles, after a delay.
     void failedActivationLeavesTheGroupOnWithoutAggregate_data() {
-        QTest::addColumn<bool>("retryFails");
-        QTest::newRow("retry builds") << false;
-        QTest::newRow("retry fails too") << true;
+        QTest::addColumn<QString>("retry");
+        QTest::newRow("retry builds") << "builds";
+        QTest::newRow("retry fails too") << "fails";
+        QTest::newRow("wake retries after a delay") << "wake";
     }
 
     void failedActivationLeavesTheGroupOnWithoutAggregate() {
-        QFETCH(bool, retryFails);
+        QFETCH(QString, retry);
         GroupManager& manager = launch();
         QVERIFY(manager.activate(m_a));
         manager.toggleGroupMute();
         settle();
         const QString storedKey = *m_rig->defaults->stringForKey(SettingsKeys::activeGroup);
+        const QSignalBlocker quietLists(retry == "wake" ? m_rig->audio.get() : nullptr);
 
         m_rig->hardware->failNextAggregateCreation();
         QVERIFY(!manager.activate(m_b));
@@ -157,18 +162,25 @@ private slots:
         QCOMPARE(*m_rig->defaults->stringForKey(SettingsKeys::activeGroup), storedKey);
         QVERIFY(m_rig->hardware->aggregateDevices().empty());
 
-        if (retryFails)
+        if (retry == "fails")
             m_rig->hardware->failNextAggregateCreation();
-        manager.reconcile();
+        if (retry == "wake") {
+            emit m_rig->sleepMonitor.didWake();
+            settle();
+            QCOMPARE(manager.activeDeviceID(), std::nullopt); // not at once
+            QTRY_VERIFY_WITH_TIMEOUT(manager.activeDeviceID().has_value(), 5000);
+        } else {
+            manager.reconcile();
+        }
 
-        if (retryFails) {
+        if (retry == "fails") {
             verifyOff(m_rig->speakers);
             return;
         }
         QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(m_a.id));
         QCOMPARE(manager.activeMemberUIDs(), (QStringList{m_rig->leftUID, m_rig->rightUID}));
         QCOMPARE(m_rig->defaultOutput(), *manager.activeDeviceID());
-        QCOMPARE(manager.isMuted(), true); // reconcile keeps the mute
+        QCOMPARE(manager.isMuted(), true); // the mute is kept
         QCOMPARE(m_rig->volumeOf(m_rig->left), 0.0f);
     }
 
@@ -224,8 +236,6 @@ private slots:
 
         QCOMPARE(told, std::optional<QUuid>(m_a.id));
         QCOMPARE(storedAtHook, 1);
-        QCOMPARE(manager.groups().size(), 1);
-        QCOMPARE(manager.groups().first().id, m_b.id);
         QCOMPARE(m_rig->defaultOutput(), m_rig->speakers);
         QCOMPARE(manager.activeGroupID(), std::nullopt);
     }
@@ -290,26 +300,6 @@ private slots:
             QCOMPARE(*manager.activeDeviceID(), aggregate);
             QCOMPARE(m_rig->defaultOutput(), m_rig->headphones);
         }
-    }
-
-    void wakeReconcilesAfterADelay() {
-        GroupManager& manager = launch();
-        QVERIFY(manager.activate(m_a));
-        settle();
-        // What changed while asleep is not announced by the lists, as after a resume.
-        const QSignalBlocker quietLists(m_rig->audio.get());
-        m_rig->hardware->failNextAggregateCreation();
-        QVERIFY(!manager.activate(m_b)); // A on without aggregate: only a reconcile retries
-        settle();
-        QCOMPARE(manager.activeDeviceID(), std::nullopt);
-
-        emit m_rig->sleepMonitor.didWake();
-        settle();
-        QCOMPARE(manager.activeDeviceID(), std::nullopt); // not at once
-
-        QTRY_VERIFY_WITH_TIMEOUT(manager.activeDeviceID().has_value(), 5000);
-        QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(m_a.id));
-        QCOMPARE(m_rig->defaultOutput(), *manager.activeDeviceID());
     }
 
     void nonFiniteValuesNeverReachTheStoredList() {
