@@ -4,8 +4,6 @@
 #include "platform/UserDefaults.h"
 
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -41,56 +39,27 @@ private slots:
         m_posted.clear();
         for (const QString& name :
              {Notifications::deviceNamesChanged, Notifications::hiddenDevicesChanged,
-              Notifications::hiddenInputDevicesChanged, Notifications::hotKeysChanged})
+              Notifications::hiddenInputDevicesChanged})
             m_center->addObserver(name, nullptr, [this, name] { m_posted << name; });
     }
 
+    // Only a stored boolean counts, and reading never writes a default.
     void onlyAStoredBooleanCounts_data() {
-        QTest::addColumn<QString>("key");
         QTest::addColumn<QVariant>("stored"); // invalid: the key is absent
-        QTest::addColumn<bool>("expected");
-        const QString hud = SettingsKeys::showVolumeHUD;
-        const QString pin = SettingsKeys::pinPanel;
-        QTest::newRow("overlay: absent") << hud << QVariant() << true;
-        QTest::newRow("overlay: string no") << hud << QVariant(QStringLiteral("no")) << true;
-        QTest::newRow("overlay: stored false") << hud << QVariant(false) << false;
-        QTest::newRow("pin: absent") << pin << QVariant() << false;
-        QTest::newRow("pin: number 1") << pin << QVariant(1.0) << false;
-        QTest::newRow("pin: stored true") << pin << QVariant(true) << true;
+        QTest::addColumn<bool>("pinned");
+        QTest::newRow("absent") << QVariant() << false;
+        QTest::newRow("number 1") << QVariant(1.0) << false;
+        QTest::newRow("stored true") << QVariant(true) << true;
     }
 
     void onlyAStoredBooleanCounts() {
-        QFETCH(QString, key);
         QFETCH(QVariant, stored);
-        QFETCH(bool, expected);
+        QFETCH(bool, pinned);
         if (stored.isValid())
-            QVERIFY(m_defaults->setObject(stored, key));
-        const QMap<QString, bool (AppSettings::*)() const> readers{
-            {SettingsKeys::showVolumeHUD, &AppSettings::showVolumeHUD},
-            {SettingsKeys::pinPanel, &AppSettings::pinPanel}};
-        QCOMPARE((m_settings.get()->*readers.value(key))(), expected);
-        // Reading never writes a default.
-        QCOMPARE(m_defaults->objectForKey(key).value_or(QVariant()), stored);
+            QVERIFY(m_defaults->setObject(stored, SettingsKeys::pinPanel));
+        QCOMPARE(m_settings->pinPanel(), pinned);
+        QCOMPARE(m_defaults->objectForKey(SettingsKeys::pinPanel).value_or(QVariant()), stored);
         QCOMPARE(QFile::exists(path()), stored.isValid());
-    }
-
-    void unknownPositionFallsBackToBottomWithoutWriting_data() {
-        QTest::addColumn<QVariant>("stored");
-        QTest::addColumn<HUDPosition>("expected");
-        QTest::newRow("absent") << QVariant() << HUDPosition::bottom;
-        QTest::newRow("wrong case") << QVariant(QStringLiteral("TopLeft")) << HUDPosition::bottom;
-        QTest::newRow("not a string") << QVariant(true) << HUDPosition::bottom;
-        QTest::newRow("topLeft") << QVariant(QStringLiteral("topLeft")) << HUDPosition::topLeft;
-    }
-
-    void unknownPositionFallsBackToBottomWithoutWriting() {
-        QFETCH(QVariant, stored);
-        QFETCH(HUDPosition, expected);
-        if (stored.isValid())
-            QVERIFY(m_defaults->setObject(stored, SettingsKeys::volumeHUDPosition));
-        QCOMPARE(m_settings->volumeHUDPosition(), expected);
-        QCOMPARE(m_defaults->objectForKey(SettingsKeys::volumeHUDPosition).value_or(QVariant()),
-                 stored);
     }
 
     void customNameIsTrimmedAndBlankRemoves_data() {
@@ -99,7 +68,6 @@ private slots:
         QTest::newRow("padded") << "  Desk speakers \n"
                                 << "Desk speakers";
         QTest::newRow("three blanks") << "   " << QString();
-        QTest::newRow("newlines and tabs") << "\n\t\n" << QString();
     }
 
     void customNameIsTrimmedAndBlankRemoves() {
@@ -205,45 +173,6 @@ private slots:
         m_settings->setCustomName(otherUID, QStringLiteral("TV"));
         QCOMPARE(m_settings->deviceNames(),
                  (QMap<QString, QString>{{otherUID, QStringLiteral("TV")}}));
-    }
-
-    void storedHotKeysThatDoNotDecodeCountAsEmpty_data() {
-        QTest::addColumn<QByteArray>("stored");
-        QTest::addColumn<int>("entries");
-        QTest::newRow("one binding")
-            << QByteArray(R"({"global.toggleMute":{"keyCode":46,"modifiers":6144}})") << 1;
-        QTest::newRow("not json") << QByteArray("{garbage") << 0;
-        QTest::newRow("one entry without modifiers")
-            << QByteArray(R"({"a":{"keyCode":46},"b":{"keyCode":1,"modifiers":256}})") << 0;
-        QTest::newRow("key code as text")
-            << QByteArray(R"({"a":{"keyCode":"46","modifiers":256}})") << 0;
-        QTest::newRow("fractional key code")
-            << QByteArray(R"({"a":{"keyCode":46.5,"modifiers":256}})") << 0;
-        QTest::newRow("negative mask") << QByteArray(R"({"a":{"keyCode":46,"modifiers":-1}})") << 0;
-    }
-
-    void storedHotKeysThatDoNotDecodeCountAsEmpty() {
-        QFETCH(QByteArray, stored);
-        QFETCH(int, entries);
-        m_defaults->setData(stored, SettingsKeys::hotKeys);
-        QCOMPARE(m_settings->hotKeys().size(), entries);
-        QVERIFY(m_posted.isEmpty()); // reading never writes or posts
-        QCOMPARE(m_defaults->dataForKey(SettingsKeys::hotKeys), stored);
-    }
-
-    void setHotKeyReplacesACorruptTableAndRemovesOneAction() {
-        m_defaults->setData("{garbage", SettingsKeys::hotKeys);
-        const HotKeyCombo combo{46, HotKeyCombo::controlKey | HotKeyCombo::optionKey};
-        m_settings->setHotKey(QStringLiteral("global.toggleMute"), combo);
-        QCOMPARE(m_settings->hotKeys().keys(), QStringList{"global.toggleMute"});
-        const auto json = QJsonDocument::fromJson(*m_defaults->dataForKey(SettingsKeys::hotKeys));
-        QCOMPARE(json.object().value("global.toggleMute").toObject(),
-                 (QJsonObject{{"keyCode", 46}, {"modifiers", 6144}}));
-
-        m_settings->setHotKey(QStringLiteral("group.X"), HotKeyCombo{0, HotKeyCombo::shiftKey});
-        m_settings->setHotKey(QStringLiteral("global.toggleMute"), std::nullopt);
-        QCOMPARE(m_settings->hotKeys().keys(), QStringList{"group.X"});
-        QCOMPARE(m_posted, QStringList(3, Notifications::hotKeysChanged));
     }
 };
 

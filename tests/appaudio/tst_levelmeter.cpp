@@ -11,11 +11,13 @@
 
 #include "TestSupport.h"
 
+// The meter's tap and the switch sound on the simulated service. The scale and ballistics are a
+// formula of their own; that the meter moves with real audio is the app audio server test's.
 class LevelMeterTest : public QObject {
     Q_OBJECT
 
 private slots:
-    void meterReadsEveryFourthFloatWhileRunning() {
+    void meterTapsTheDefaultOutputWhileRunning() {
         SimulatedAudioHardware hardware;
         SimulatedAudioHardware::DeviceSpec speakers;
         speakers.uid = QStringLiteral("speakers");
@@ -30,8 +32,7 @@ private slots:
         QCOMPARE(hardware.processTaps().size(), std::size_t(1));
         QVERIFY(hardware.tapDescription(hardware.processTaps().front())->isExclusive);
 
-        // Float 1 is not looked at; float 4 is.
-        hardware.runIOCycle(meter.aggID(), {0.1f, 1.0f, 0.1f, 0.1f, 0.25f, 0.1f, 0.1f, 0.1f}, 4);
+        hardware.runIOCycle(meter.aggID(), std::vector<float>(8, -0.25f), 4);
         QCOMPARE(meter.box().peak.load(), 0.25f);
 
         meter.tick();
@@ -50,35 +51,6 @@ private slots:
         meter.start();
         QVERIFY(!meter.isRunning());
         QVERIFY(hardware.processTaps().empty());
-    }
-
-    void tickScaleAndBallistics_data() {
-        QTest::addColumn<QList<float>>("peaks");
-        QTest::addColumn<double>("level");
-
-        QTest::newRow("-12 dB is full at once") << QList<float>{0.2512f} << 1.0;
-        QTest::newRow("-60 dB is 0") << QList<float>{0.001f} << 0.0;
-        QTest::newRow("above the floor, below -60 dB: 0") << QList<float>{0.0001f} << 0.0;
-        QTest::newRow("silence falls by 0.28 per tick")
-            << QList<float>{1.0f, 0.0f, 0.0f} << 0.72 * 0.72;
-        QTest::newRow("-24 dB rises at once after a fall")
-            << QList<float>{1.0f, 0.0f, 0.0f, 0.0630957f} << 0.75;
-    }
-
-    void tickScaleAndBallistics() {
-        QFETCH(QList<float>, peaks);
-        QFETCH(double, level);
-
-        SimulatedAudioHardware hardware;
-        AudioDeviceManager audio(hardware);
-        LevelMeter meter(audio);
-        for (float peak : peaks) {
-            meter.box().peak = peak;
-            meter.tick();
-        }
-        QVERIFY2(qAbs(meter.outputLevel() - level) < 1e-4,
-                 qPrintable(QString::number(meter.outputLevel())));
-        QCOMPARE(meter.box().peak.load(), 0.0f);
     }
 
     void switchSound_data() {

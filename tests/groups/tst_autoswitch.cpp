@@ -101,86 +101,40 @@ private slots:
         QCOMPARE(manager.lastAppliedToken(), token(after));
     }
 
-    void earlierOfTwoFittingRulesWinsAndMovingItChangesTheOutcomeAtOnce() {
-        AutoSwitchRig rig;
-        GroupManager& manager = rig.launch();
-        manager.addRule({rig.leftUID}, RuleAction::device(rig.leftUID));
-        manager.addRule({rig.rightUID}, RuleAction::device(rig.rightUID));
-        QCOMPARE(rig.defaultOutput(), rig.left);
-        manager.moveRule(0, 7); // beyond the end: last
-        QCOMPARE(manager.rules().last().action, RuleAction::device(rig.leftUID));
-        QCOMPARE(rig.defaultOutput(), rig.right);
-    }
-
-    // A rule that does not fit lets the next one, which switches to the right display, apply.
-    void ruleThatDoesNotFitIsPassedOver_data() {
-        QTest::addColumn<QString>("why");
+    // The first rule that fits wins; one that does not fit lets the next one, which switches to
+    // the right display, apply.
+    void firstFittingRuleWins_data() {
+        QTest::addColumn<QString>("first");
+        QTest::newRow("the first fits too") << "fits";
         QTest::newRow("its group was deleted") << "group deleted";
         QTest::newRow("its device is only an input") << "input only";
         QTest::newRow("disabled") << "disabled";
         QTest::newRow("no required devices") << "none required";
     }
-    void ruleThatDoesNotFitIsPassedOver() {
-        QFETCH(QString, why);
+    void firstFittingRuleWins() {
+        QFETCH(QString, first);
         AutoSwitchRig rig;
         const OutputGroup displays = makeGroup("Displays", {rig.leftUID});
         GroupManager& manager = rig.launchWith({displays});
-        AudioRule first = rule({rig.headphonesUID}, RuleAction::group(displays.id));
-        if (why == "group deleted")
+        AudioRule earlier = rule({rig.headphonesUID}, RuleAction::group(displays.id));
+        if (first == "fits")
+            earlier = rule({rig.headphonesUID}, RuleAction::device(rig.headphonesUID));
+        else if (first == "group deleted")
             manager.deleteGroup(displays);
-        else if (why == "input only")
-            first = rule({kMicUID}, RuleAction::device(rig.headphonesUID));
-        else if (why == "disabled")
-            first.enabled = false;
-        else if (why == "none required")
-            first.requiredDeviceUIDs.clear();
-        const AudioRule second = rule({rig.headphonesUID}, RuleAction::device(rig.rightUID));
-        manager.setRules({first, second});
+        else if (first == "input only")
+            earlier = rule({kMicUID}, RuleAction::device(rig.headphonesUID));
+        else if (first == "disabled")
+            earlier.enabled = false;
+        else if (first == "none required")
+            earlier.requiredDeviceUIDs.clear();
+        const AudioRule later = rule({rig.headphonesUID}, RuleAction::device(rig.rightUID));
+        manager.setRules({earlier, later});
         manager.evaluateRules();
         settle();
-        QCOMPARE(rig.defaultOutput(), rig.right);
-        QCOMPARE(manager.lastAppliedToken(), std::optional(tokenOf(second)));
+        const bool fits = first == "fits";
+        QCOMPARE(rig.defaultOutput(), fits ? rig.headphones : rig.right);
+        QCOMPARE(manager.lastAppliedToken(), std::optional(tokenOf(fits ? earlier : later)));
         QVERIFY(!manager.activeGroupID());
-    }
-
-    void switchingOffAndOnAppliesTheFittingRuleAgain() {
-        AutoSwitchRig rig;
-        GroupManager& manager = rig.launch();
-        manager.addRule({rig.headphonesUID}, RuleAction::device(rig.headphonesUID));
-        QCOMPARE(rig.defaultOutput(), rig.headphones);
-        rig.hardware->setDefaultOutputDevice(rig.speakers); // by hand: left alone
-        settle();
-        QCOMPARE(rig.defaultOutput(), rig.speakers);
-
-        rig.defaults->setBool(false, SettingsKeys::autoSwitchGroups);
-        rig.center.post(Notifications::autoSwitchChanged);
-        QVERIFY(!manager.lastAppliedToken());
-        rig.defaults->setBool(true, SettingsKeys::autoSwitchGroups);
-        rig.center.post(Notifications::autoSwitchChanged);
-        settle();
-        QCOMPARE(rig.defaultOutput(), rig.headphones);
-    }
-
-    void editingTheListsReappliesARuleThatStillFits() {
-        AutoSwitchRig rig;
-        GroupManager& manager = rig.launch();
-        manager.addRule({rig.headphonesUID}, RuleAction::device(rig.headphonesUID));
-        rig.hardware->setDefaultOutputDevice(rig.speakers);
-        settle();
-        // A rule that does not fit still clears the token, so the fitting one applies again.
-        manager.addRule({QStringLiteral("absent")}, RuleAction::device(rig.leftUID));
-        settle();
-        QCOMPARE(rig.defaultOutput(), rig.headphones);
-        const auto stored =
-            AudioRuleCodec::decodeList(*rig.defaults->dataForKey(SettingsKeys::rules));
-        QVERIFY(stored);
-        QCOMPARE(*stored, manager.rules());
-
-        // A move from outside the list changes and saves nothing.
-        rig.defaults->removeObjectForKey(SettingsKeys::rules);
-        manager.moveRule(5, 0);
-        QVERIFY(!rig.defaults->dataForKey(SettingsKeys::rules));
-        QCOMPARE(manager.lastAppliedToken(), std::optional(tokenOf(manager.rules().first())));
     }
 
     // The first evaluation that sees filled lists applies the rule, whatever the restore did.
@@ -286,48 +240,35 @@ private slots:
     void storedRulesDecodeStrictly_data() {
         QTest::addColumn<QByteArray>("json");
         QTest::addColumn<int>("count"); // -1: the list fails
-        QTest::addColumn<QString>("error");
         const QByteArray id = R"("id":"6F9619FF-8B86-D011-B42D-00C04FC964FF")";
         const QByteArray req = R"("requiredDeviceUIDs":["a","b"])";
+        const QByteArray group = R"("group":{"_0":"0E0C1F1A-58B4-4C35-9A57-1D5A3E0F7C11"})";
+        const QByteArray device = R"("action":{"device":{"_0":"x"}})";
         QTest::newRow("device and group, keys in any order")
-            << "[{" + id + R"(,"enabled":true,"action":{"device":{"_0":"x"}},)" + req + "},{" +
-                   R"("enabled":false,)" + req + "," + id +
-                   R"(,"action":{"group":{"_0":"0E0C1F1A-58B4-4C35-9A57-1D5A3E0F7C11"}}}])"
-            << 2 << "";
-        QTest::newRow("action with two keys")
-            << "[{" + id + "," + req +
-                   R"(,"action":{"group":{"_0":"0E0C1F1A-58B4-4C35-9A57-1D5A3E0F7C11"},"device":{"_0":"x"}},"enabled":true}])"
-            << -1 << "Invalid number of keys found, expected one.";
+            << "[{" + id + R"(,"enabled":true,)" + device + "," + req + "},{" +
+                   R"("enabled":false,)" + req + "," + id + R"(,"action":{)" + group + "}}]"
+            << 2;
+        QTest::newRow("action with two keys") << "[{" + id + "," + req + R"(,"action":{)" + group +
+                                                     R"(,"device":{"_0":"x"}},"enabled":true}])"
+                                              << -1;
         QTest::newRow("action with no key")
-            << "[{" + id + "," + req + R"(,"action":{},"enabled":true}])" << -1
-            << "Invalid number of keys found, expected one.";
+            << "[{" + id + "," + req + R"(,"action":{},"enabled":true}])" << -1;
         QTest::newRow("one good rule, one without enabled")
-            << "[{" + id + "," + req + R"(,"action":{"device":{"_0":"x"}},"enabled":true},{)" + id +
-                   "," + req + R"(,"action":{"device":{"_0":"x"}}}])"
-            << -1 << "No value associated with key \"enabled\".";
+            << "[{" + id + "," + req + "," + device + R"(,"enabled":true},{)" + id + "," + req +
+                   "," + device + "}]"
+            << -1;
         QTest::newRow("payload without _0")
-            << "[{" + id + "," + req + R"(,"action":{"device":"x"},"enabled":true}])" << -1
-            << "Expected an object under \"device\".";
+            << "[{" + id + "," + req + R"(,"action":{"device":"x"},"enabled":true}])" << -1;
         QTest::newRow("id not a UUID")
-            << R"([{"id":"nope",)" + req + R"(,"action":{"device":{"_0":"x"}},"enabled":true}])"
-            << -1 << "Attempted to decode UUID from invalid UUID string.";
+            << R"([{"id":"nope",)" + req + "," + device + R"(,"enabled":true}])" << -1;
     }
     void storedRulesDecodeStrictly() {
         QFETCH(QByteArray, json);
         QFETCH(int, count);
-        QFETCH(QString, error);
-        const auto decoded = AudioRuleCodec::decode(json);
-        if (count < 0) {
-            const auto* failure = std::get_if<AudioRuleCodec::DecodingError>(&decoded);
-            QVERIFY(failure);
-            QCOMPARE(failure->text, error);
-            return;
-        }
-        const auto* rules = std::get_if<QList<AudioRule>>(&decoded);
-        QVERIFY(rules);
-        QCOMPARE(rules->size(), count);
-        // Written back, it reads the same.
-        QCOMPARE(AudioRuleCodec::decodeList(AudioRuleCodec::encode(*rules)), *rules);
+        const auto rules = AudioRuleCodec::decodeList(json);
+        QCOMPARE(rules ? int(rules->size()) : -1, count);
+        if (rules) // written back, it reads the same
+            QCOMPARE(AudioRuleCodec::decodeList(AudioRuleCodec::encode(*rules)), rules);
     }
 
     void priorityListsLoadWithTheOldFallbackMigrated_data() {
@@ -357,15 +298,6 @@ private slots:
                  std::optional(storedAfter));
         QCOMPARE(rig.defaults->stringForKey(SettingsKeys::fallbackDevice),
                  std::optional<QString>("old:fallback")); // left in place
-    }
-
-    void corruptRuleListLoadsEmptyAndStaysStored() {
-        AutoSwitchRig rig;
-        const QByteArray corrupt = R"([{"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF"}])";
-        rig.defaults->setData(corrupt, SettingsKeys::inputRules);
-        GroupManager& manager = rig.launch();
-        QVERIFY(manager.inputRules().isEmpty());
-        QCOMPARE(rig.defaults->dataForKey(SettingsKeys::inputRules), std::optional(corrupt));
     }
 };
 

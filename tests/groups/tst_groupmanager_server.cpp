@@ -201,8 +201,12 @@ private slots:
         const QString aggregate = activate(group);
         QVERIFY(!aggregate.isEmpty());
         GroupManager& manager = *m_rig->manager;
+        const auto left = m_rig->audio->deviceIDForOutputUID(kLeft);
+        QVERIFY(left);
 
         m_rig->server->stop();
+        // While the server is away a write fails, and does not hang.
+        QTRY_VERIFY_WITH_TIMEOUT(!m_rig->audio->setVolume(0.5f, *left), kWaitMs);
         QVERIFY2(m_rig->server->start(), qPrintable(m_rig->server->error()));
         // The fresh server knows nothing of the group: its sinks are new, at full volume.
         QVERIFY2(QTest::qWaitFor(
@@ -213,6 +217,7 @@ private slots:
                      },
                      kWaitMs),
                  qPrintable(m_rig->server->defaultSinkName()));
+        QCOMPARE(m_rig->audio->deviceIDForOutputUID(kLeft), left); // under the same id
         m_rig->verifySlaves(aggregate, {kLeft, kRight});
         m_rig->verifyVolume(kLeft, 0.9);
         m_rig->verifyVolume(kRight, 0.72);

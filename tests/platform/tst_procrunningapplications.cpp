@@ -25,6 +25,16 @@ struct FakeProc {
     }
 };
 
+// "bundle|name|icon" of the application running as `pid`, "-" for a part it lacks.
+QString identity(const ProcRunningApplications& applications, std::int32_t pid) {
+    const auto app = applications.runningApplicationWithProcessIdentifier(pid);
+    if (!app)
+        return QStringLiteral("none");
+    const QString none = QStringLiteral("-");
+    return app->bundleIdentifier.value_or(none) + u'|' + app->localizedName.value_or(none) + u'|' +
+           app->iconName.value_or(none);
+}
+
 } // namespace
 
 class ProcRunningApplicationsTest : public QObject {
@@ -79,18 +89,11 @@ private slots:
         QCOMPARE(applications.responsibilityGetPidResponsibleForPid(12), 12);
         QCOMPARE(applications.responsibilityGetPidResponsibleForPid(99), -1);
 
-        const auto sleeper = applications.runningApplicationWithProcessIdentifier(30);
-        QCOMPARE(sleeper->bundleIdentifier, QStringLiteral("org.example-Sleeper"));
-        QCOMPARE(sleeper->localizedName, QStringLiteral("Sleeper"));
-        QCOMPARE(sleeper->iconName, QStringLiteral("sleeper"));
+        QCOMPARE(identity(applications, 30), "org.example-Sleeper|Sleeper|sleeper");
         // The app scope comes before the executable's entry.
-        const auto viewer = applications.runningApplicationWithProcessIdentifier(20);
-        QCOMPARE(viewer->bundleIdentifier, QStringLiteral("org.example.Viewer"));
-        QCOMPARE(viewer->localizedName, QStringLiteral("Viewer"));
-        const auto plain = applications.runningApplicationWithProcessIdentifier(12);
-        QCOMPARE(plain->bundleIdentifier, QStringLiteral("true"));
-        QVERIFY(!plain->localizedName);
-        QVERIFY(!applications.runningApplicationWithProcessIdentifier(99));
+        QCOMPARE(identity(applications, 20), "org.example.Viewer|Viewer|viewer");
+        QCOMPARE(identity(applications, 12), "true|-|-");
+        QCOMPARE(identity(applications, 99), "none");
 
         QList<std::int32_t> pids;
         for (const RunningApplication& app :
@@ -109,14 +112,8 @@ private slots:
                     return {{{}, "org.example.Portal", "Portal App", "portal"}};
                 return std::nullopt;
             });
-        const auto byStream = applications.runningApplicationWithProcessIdentifier(12);
-        QCOMPARE(byStream->bundleIdentifier, QStringLiteral("org.example.Viewer"));
-        QCOMPARE(byStream->localizedName, QStringLiteral("Viewer"));
-        QCOMPARE(byStream->iconName, QStringLiteral("viewer"));
-        const auto bySandbox = applications.runningApplicationWithProcessIdentifier(20);
-        QCOMPARE(bySandbox->bundleIdentifier, QStringLiteral("org.example.Portal"));
-        QCOMPARE(bySandbox->localizedName, QStringLiteral("Portal App"));
-        QCOMPARE(bySandbox->iconName, QStringLiteral("portal"));
+        QCOMPARE(identity(applications, 12), "org.example.Viewer|Viewer|viewer");
+        QCOMPARE(identity(applications, 20), "org.example.Portal|Portal App|portal");
     }
 };
 

@@ -30,12 +30,6 @@ QString sandboxRoot() {
     return runtime.isEmpty() ? QDir::tempPath() : runtime;
 }
 
-// PulseAudio reads its startup script from a file; the devices are loaded afterwards with pactl,
-// the same way on both servers.
-const char* kPulseScript = "load-module module-native-protocol-unix\n"
-                           "load-module module-stream-restore\n"
-                           "load-module module-always-sink\n";
-
 // Checks `condition` every `stepMs` until it holds or `timeoutMs` have passed; whether it held.
 bool pollUntil(const std::function<bool()>& condition, int timeoutMs, int stepMs = 50) {
     QElapsedTimer timer;
@@ -180,21 +174,18 @@ bool PrivateSoundServer::start() {
 }
 
 bool PrivateSoundServer::startPulseAudio() {
-    const QString script = m_root + "/default.pa";
-    QFile file(script);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        return (m_error = QString("cannot write %1").arg(script)), false;
-    file.write(kPulseScript);
-    file.close();
     // PulseAudio limits itself to 256 descriptors by default: not enough for 64 null sinks.
     QDir().mkpath(m_root + "/home/.config/pulse");
     QFile configuration(m_root + "/home/.config/pulse/daemon.conf");
     if (configuration.open(QIODevice::WriteOnly | QIODevice::Truncate))
         configuration.write("rlimit-nofile = 4096\n");
     configuration.close();
-    // As root PulseAudio only warns that it is meant for --system; a per-user daemon still runs.
+    // No startup script: the devices are loaded afterwards with pactl, the same way on both
+    // servers. As root PulseAudio only warns that it is meant for --system; a per-user daemon
+    // still runs.
     auto daemon = spawn("pulseaudio",
-                        {"-n", "-F", script, "--daemonize=no", "--exit-idle-time=-1",
+                        {"-n", "--load=module-native-protocol-unix", "--load=module-stream-restore",
+                         "--load=module-always-sink", "--daemonize=no", "--exit-idle-time=-1",
                          "--use-pid-file=no", "--log-target=stderr"},
                         "pulseaudio");
     if (!daemon)

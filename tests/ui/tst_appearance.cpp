@@ -46,8 +46,6 @@ private slots:
             << false;
         QTest::newRow("any other word is light") << std::optional(QStringLiteral("auto"))
                                                  << std::optional(Scheme::dark) << true << false;
-        QTest::newRow("empty value is light")
-            << std::optional(QString()) << std::optional(Scheme::dark) << true << false;
         QTest::newRow("portal dark") << unset << std::optional(Scheme::dark) << false << true;
         QTest::newRow("portal light over a dark Qt palette")
             << unset << std::optional(Scheme::light) << true << false;
@@ -89,7 +87,7 @@ private slots:
             return !appearance.isDark();
         };
         QTRY_VERIFY(switchToLight());
-        QCOMPARE(appearance.settingsTheme(), SettingsTheme::light());
+        QCOMPARE(appearance.palette(), OndrilPalette::light());
     }
 };
 

@@ -136,12 +136,10 @@ private slots:
 
     void openGroupControlsWriteTheGroup() {
         click("groupRow_Displays");
-        QCOMPARE(item("percent")->property("text").toString(), QStringLiteral("100%"));
         dragPastTheEnd("masterSlider", +1);
         QCOMPARE(stored(m_displays.id)->masterVolume, 1.0);
         dragPastTheEnd("balanceSlider", -1);
         QCOMPARE(stored(m_displays.id)->balance.value(m_rig->leftUID, -1), 0.0);
-        QTRY_COMPARE(item("percent")->property("text").toString(), QStringLiteral("0%"));
 
         click("muteButton");
         QVERIFY(m_rig->manager->isMuted());

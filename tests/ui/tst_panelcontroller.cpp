@@ -49,12 +49,6 @@ private slots:
         QVERIFY(m_panel->msSinceLastClose().has_value());
     }
 
-    void closePanelNotificationCloses() {
-        m_panel->show(QPoint(600, 10));
-        m_rig->center.post(Notifications::closePanel);
-        QVERIFY(!m_panel->isVisible());
-    }
-
     void heightFollowsTheContentWithTheTopEdgeFixed() {
         m_panel->setContentHeight(300);
         QVERIFY(!m_panel->isVisible());

@@ -2,24 +2,10 @@
 
 #include <QTest>
 
-Q_DECLARE_METATYPE(std::optional<QString>)
-
 class TestPanelText : public QObject {
     Q_OBJECT
 
 private slots:
-    void percentRoundsHalfAwayFromZero_data() {
-        QTest::addColumn<double>("value");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("half up") << 0.125 << "13%";
-        QTest::newRow("below half") << 0.124 << "12%";
-    }
-    void percentRoundsHalfAwayFromZero() {
-        QFETCH(double, value);
-        QFETCH(QString, text);
-        QCOMPARE(PanelText::percentText(value), text);
-    }
-
     void membersShowShortLabels_data() {
         QTest::addColumn<QStringList>("names");
         QTest::addColumn<QString>("own");
