@@ -8,7 +8,14 @@ void PlaybackRateController::addLevel(std::int64_t bufferedUsec) {
     ++m_readings;
 }
 
-std::uint32_t PlaybackRateController::adjust() {
+std::uint32_t PlaybackRateController::adjust(int underruns) {
+    if (underruns > 0) {
+        m_targetUsec = std::min(m_targetUsec + kUnderrunStepUsec, kMaxTargetUsec);
+        m_quietPeriods = 0;
+    } else if (++m_quietPeriods >= kQuietPeriodsBeforeLowering) {
+        m_targetUsec = std::max(m_targetUsec - 1000, m_floorUsec);
+        m_quietPeriods = 0;
+    }
     if (m_readings == 0)
         return m_rate;
     const std::int64_t level = m_sumUsec / m_readings;

@@ -9,28 +9,41 @@
 // towards the target. A level above it plays the stream faster (it drains), a level below plays
 // it slower (it fills), by at most kMaxDeviationPpm (1.7 cents): a correction the ear does not
 // notice, fast enough to drain what a stall of the machine left queued (10 s time constant), and
-// slow enough that the loop cannot oscillate. Plain arithmetic, no server.
+// slow enough that the loop cannot oscillate.
+//
+// The target starts low and learns from under-runs, as the server's own sinks raise their
+// watermark: a sink that takes its data in larger blocks than the level holds (a device with a
+// fixed latency) runs the stream dry, so each period with an under-run raises the target by
+// kUnderrunStepUsec, up to kMaxTargetUsec, and each quiet minute lowers it by a millisecond, never
+// below where it started. Plain arithmetic, no server.
 class PlaybackRateController {
 public:
     // Proportional gain: parts per million of rate for every millisecond off target.
     static constexpr double kPpmPerMs = 100.0;
     static constexpr double kMaxDeviationPpm = 1000.0;
+    static constexpr std::int64_t kUnderrunStepUsec = 4000;
+    static constexpr std::int64_t kMaxTargetUsec = 40000;
+    static constexpr int kQuietPeriodsBeforeLowering = 60;
 
     PlaybackRateController(std::uint32_t nominalRate, std::int64_t targetUsec)
         : m_nominalRate(nominalRate)
+        , m_floorUsec(targetUsec)
         , m_targetUsec(targetUsec) {}
 
     // One reading of what the stream holds beyond the sink's own latency.
     void addLevel(std::int64_t bufferedUsec);
-    // The end of a period: the rate to play at during the next one. Without readings the rate
-    // stays.
-    std::uint32_t adjust();
+    // The end of a period, with the under-runs the server reported during it: the rate to play
+    // at during the next one. Without readings the rate stays.
+    std::uint32_t adjust(int underruns = 0);
     std::uint32_t rate() const { return m_rate; }
+    std::int64_t targetUsec() const { return m_targetUsec; }
 
 private:
     std::uint32_t m_nominalRate;
+    std::int64_t m_floorUsec;
     std::int64_t m_targetUsec;
     std::uint32_t m_rate = m_nominalRate;
     std::int64_t m_sumUsec = 0;
     int m_readings = 0;
+    int m_quietPeriods = 0;
 };

@@ -76,6 +76,11 @@ OSStatus PulseTapAggregate::start() {
         return kAudioHardwareIllegalOperationError;
     m_output.assign(kChunkFrames * kChannels, 0.0f);
     m_sampleTime = 0;
+    m_underruns = std::vector<std::atomic<int>>(std::size_t(m_destinationSinks.size()));
+    m_dropAboveUsec =
+        std::vector<std::atomic<std::int64_t>>(std::size_t(m_destinationSinks.size()));
+    for (std::atomic<std::int64_t>& bound : m_dropAboveUsec)
+        bound.store(std::int64_t(m_buffering.dropAboveMs) * 1000, std::memory_order_relaxed);
     m_mainloop = pa_threaded_mainloop_new();
     pa_proplist* properties = pa_proplist_new();
     pa_proplist_sets(properties, PA_PROP_APPLICATION_NAME, "Ondril");
@@ -122,10 +127,14 @@ void PulseTapAggregate::matchClocks() {
             if (!adjust)
                 continue;
             const std::uint32_t before = controller.rate();
-            if (const std::uint32_t rate = controller.adjust(); rate != before)
+            const std::uint32_t rate =
+                controller.adjust(m_underruns[i].exchange(0, std::memory_order_relaxed));
+            if (rate != before)
                 if (pa_operation* operation =
                         pa_stream_update_sample_rate(m_playback[i], rate, nullptr, nullptr))
                     pa_operation_unref(operation);
+            m_dropAboveUsec[i].store(controller.targetUsec() + 2 * m_buffering.fragmentMs * 1000,
+                                     std::memory_order_relaxed);
         }
         pa_threaded_mainloop_unlock(m_mainloop);
     });
@@ -155,6 +164,8 @@ bool PulseTapAggregate::connectStreams() {
             connected = false;
             break;
         }
+        pa_stream_set_underflow_callback(stream, &PulseTapAggregate::underran,
+                                         &m_underruns[m_playback.size()]);
         m_playback.push_back(stream);
         // Playback starts with the first fragment (0 would never start it): a switch into boost
         // is then silent for little more than one fragment.
@@ -268,11 +279,15 @@ void PulseTapAggregate::play(const float* frames, std::size_t frameCount) {
 }
 
 bool PulseTapAggregate::playbackOverfull() const {
-    for (pa_stream* destination : m_playback)
-        if (const auto level = bufferedUsec(destination);
-            level && *level > std::int64_t(m_buffering.dropAboveMs) * 1000)
+    for (std::size_t i = 0; i < m_playback.size(); ++i)
+        if (const auto level = bufferedUsec(m_playback[i]);
+            level && *level > m_dropAboveUsec[i].load(std::memory_order_relaxed))
             return true;
     return false;
+}
+
+void PulseTapAggregate::underran(pa_stream*, void* counter) {
+    static_cast<std::atomic<int>*>(counter)->fetch_add(1, std::memory_order_relaxed);
 }
 
 std::optional<std::int64_t> PulseTapAggregate::bufferedUsec(pa_stream* destination) {

@@ -7,6 +7,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <atomic>
+
 #include <memory>
 #include <optional>
 #include <vector>
@@ -44,7 +46,8 @@ public:
         std::uint32_t dropAboveMs;
     };
     // PulseAudio: 5 ms fragments keep the writes' saw-tooth small; the controller holds 12 ms
-    // above the sink's own latency, and more than two fragments above that is dropped.
+    // above the sink's own latency at first (more after under-runs), and more than two fragments
+    // above its level is dropped.
     static constexpr std::uint32_t kControlledLevelMs = 12;
     static constexpr Buffering kControlledBuffering{5, 20, kControlledLevelMs + 2 * 5};
     // PipeWire: smaller requests than these only make it choose a longer quantum.
@@ -71,6 +74,7 @@ private:
     static void captured(pa_stream* stream, std::size_t bytes, void* userdata);
     void play(const float* frames, std::size_t frameCount);
     bool playbackOverfull() const;
+    static void underran(pa_stream* stream, void* counter);
     // What a destination holds beyond the sink's own latency, from its last timing reading.
     static std::optional<std::int64_t> bufferedUsec(pa_stream* destination);
 
@@ -93,6 +97,11 @@ private:
     std::vector<float> m_output; // one chunk, interleaved
     double m_sampleTime = 0;
     std::vector<PlaybackRateController> m_rateControllers; // one per destination
+    // Per destination, shared with the audio thread: the under-runs the server reported since the
+    // controller last looked, and the level above which captured fragments are dropped (it
+    // follows the controller's target).
+    std::vector<std::atomic<int>> m_underruns;
+    std::vector<std::atomic<std::int64_t>> m_dropAboveUsec;
     std::unique_ptr<QTimer> m_rateTimer;
     int m_rateReadings = 0;
 };

@@ -3,8 +3,8 @@
 #include <QtTest>
 
 // The rate of a boosted destination's stream on PulseAudio: which way it moves, that readings
-// within a period are averaged (writes arrive in whole fragments), and that it never goes further
-// than 1000 ppm from nominal.
+// within a period are averaged (writes arrive in whole fragments), that it never goes further
+// than 1000 ppm from nominal, and how the level it keeps follows the sink's under-runs.
 class PlaybackRateControllerTest : public QObject {
     Q_OBJECT
 
@@ -28,6 +28,28 @@ private slots:
         for (int level : levelsMs)
             controller.addLevel(level * 1000);
         QCOMPARE(controller.adjust(), std::uint32_t(rate));
+    }
+
+    // A sink that takes larger blocks than the level holds runs the stream dry: the level learns.
+    void levelLearnsFromUnderruns_data() {
+        QTest::addColumn<int>("periodsWithAnUnderrun");
+        QTest::addColumn<int>("quietPeriods"); // after them, one a second
+        QTest::addColumn<int>("targetMs");     // it starts at 20 ms
+        QTest::newRow("an under-run raises it") << 1 << 0 << 24;
+        QTest::newRow("up to 40 ms") << 10 << 0 << 40;
+        QTest::newRow("a quiet minute lowers it by 1 ms") << 1 << 60 << 23;
+        QTest::newRow("never below where it started") << 1 << 600 << 20;
+    }
+
+    void levelLearnsFromUnderruns() {
+        QFETCH(int, periodsWithAnUnderrun);
+        QFETCH(int, quietPeriods);
+        QFETCH(int, targetMs);
+        PlaybackRateController controller(48000, 20000);
+        for (int period = 0; period < periodsWithAnUnderrun + quietPeriods; ++period)
+            controller.adjust(period < periodsWithAnUnderrun ? 1 : 0);
+        controller.addLevel(targetMs * 1000);
+        QCOMPARE(controller.adjust(), 48000u); // the level it now keeps plays at nominal
     }
 };
 
