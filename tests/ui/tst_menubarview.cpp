@@ -3,8 +3,10 @@
 #include "ui/panel/MenuBarController.h"
 #include "ui/panel/PanelController.h"
 
+#include <QImage>
 #include <QQuickItem>
 #include <QQuickView>
+#include <QSet>
 #include <QTest>
 
 // The panel's main screen on the simulated service: what its rows show and what a tap does.
@@ -82,6 +84,17 @@ private slots:
         openPanel();
     }
     void cleanup() { m_rig.reset(); }
+
+    // The panel draws: its surface is opaque and its rows paint many colours on it.
+    void panelIsNotBlank() {
+        const QImage image = view()->grabWindow();
+        QCOMPARE(qAlpha(image.pixel(200, 60)), 255);
+        QSet<QRgb> colours;
+        for (int y = 40; y < image.height() - 40; y += 3)
+            for (int x = 40; x < 360; x += 3)
+                colours.insert(image.pixel(x, y));
+        QVERIFY2(colours.size() > 50, qPrintable(QString::number(colours.size())));
+    }
 
     void rowsFollowTheDeviceList() {
         QVERIFY(shows("outputRow_Headphones"));
