@@ -184,26 +184,6 @@ private slots:
         QCOMPARE(marked, selected);
     }
 
-    void routeSummaryNamesTheDevice_data() {
-        QTest::addColumn<QString>("uid");
-        QTest::addColumn<QString>("customName");
-        QTest::addColumn<QString>("summary");
-        // A present device shows its display name (the settings test).
-        QTest::newRow("gone") << "usb:Acme:Gone:9:1,2"
-                              << ""
-                              << "Device";
-        QTest::newRow("gone, named") << "usb:Acme:Gone:9:1,2"
-                                     << "Old Dock"
-                                     << "Old Dock";
-    }
-    void routeSummaryNamesTheDevice() {
-        QFETCH(QString, uid);
-        QFETCH(QString, customName);
-        QFETCH(QString, summary);
-        m_rig->settings->setCustomName(uid, customName);
-        QCOMPARE(m_model->routeSummary({uid}), summary);
-    }
-
     void rowsComeAndGoWithTheirProcesses() {
         m_rig->apps->markPermissionGranted();
         m_rig->panel->show(QPoint(600, 10));
