@@ -74,7 +74,7 @@ private slots:
         QTest::addColumn<bool>("listShown");
         QTest::newRow("not asked") << 0 << false << false << false;
         QTest::newRow("waiting") << 1000 << true << false << false;
-        QTest::newRow("declined") << 45 << true << true << false;
+        QTest::newRow("declined after 41 timed probes") << 42 << true << true << false;
         QTest::newRow("granted") << 0 << true << false << true;
     }
     void permissionStates() {
@@ -95,6 +95,14 @@ private slots:
         QCOMPARE(item(QStringLiteral("emptyText"))->isVisible(), listShown);
         if (!listShown)
             QCOMPARE(item(QStringLiteral("enableButton"))->isEnabled(), failedProbes != 1000);
+        QCOMPARE(m_rig->defaults->storedBoolForKey(SettingsKeys::audioCaptureGranted).has_value(),
+                 listShown);
+        if (failedProbes == 1000)
+            return;
+        // No probe leaves a tap, every failure was taken by a probe, and none ran after the end.
+        QVERIFY(m_rig->hardware->processTaps().empty());
+        AudioObjectID tap = 0;
+        QCOMPARE(m_rig->hardware->AudioHardwareCreateProcessTap({}, tap), kAudioHardwareNoError);
     }
 
     void rowControlsWriteTheRecord_data() {
