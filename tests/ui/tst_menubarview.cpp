@@ -162,7 +162,7 @@ private slots:
         QTest::addColumn<QString>("typed");
         QTest::addColumn<Qt::Key>("key");
         QTest::addColumn<QString>("shown");
-        QTest::newRow("Return saves") << "Desk" << Qt::Key_Return << "Desk";
+        QTest::newRow("Return saves, trimmed") << "  Desk " << Qt::Key_Return << "Desk";
         QTest::newRow("Escape keeps the old name") << "Desk" << Qt::Key_Escape << "Old";
         QTest::newRow("blanks clear the custom name") << "   " << Qt::Key_Return << "Left Display";
     }
@@ -171,6 +171,7 @@ private slots:
         QFETCH(Qt::Key, key);
         QFETCH(QString, shown);
         m_rig->settings->setCustomName(m_rig->leftUID, QStringLiteral("Old"));
+        m_rig->settings->setCustomName(m_rig->speakersUID, QStringLiteral("Other"));
         click("groupRow_Displays");
         QCOMPARE(item("memberName")->property("text").toString(), QStringLiteral("Old"));
 
@@ -183,6 +184,7 @@ private slots:
         settle();
         QVERIFY(m_rig->panel->isVisible()); // Escape in the field ends the edit, not the panel
         QTRY_COMPARE(item("memberName")->property("text").toString(), shown);
+        QCOMPARE(m_rig->settings->customName(m_rig->speakersUID), QStringLiteral("Other"));
     }
 
     void collapsedSectionSurvivesARestart() {
