@@ -13,8 +13,6 @@ private slots:
         const QStringList display = {"Studio Display Left", "Studio Display Right"};
         QTest::newRow("Left") << display << "Studio Display Left"
                               << "Left";
-        QTest::newRow("Right") << display << "Studio Display Right"
-                               << "Right";
         QTest::newRow("AB and AC share no word") << QStringList{"AB", "AC"} << "AB"
                                                  << "AB";
         QTest::newRow("Studio Speakers and Studio Display")
