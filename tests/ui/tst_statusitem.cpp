@@ -66,17 +66,12 @@ private:
     TestWatcher m_watcher;
     int m_quits = 0;
 
-    void registerWatcher() {
-        QDBusConnection bus = hostBus();
-        bus.registerObject(StatusNotifierItem::watcherPath, &m_watcher,
-                           QDBusConnection::ExportAllSlots);
-        QVERIFY(bus.registerService(StatusNotifierItem::watcherService));
-    }
-
 private slots:
     void initTestCase() {
         registerStatusNotifierTypes();
-        registerWatcher();
+        hostBus().registerObject(StatusNotifierItem::watcherPath, &m_watcher,
+                                 QDBusConnection::ExportAllSlots);
+        QVERIFY(hostBus().registerService(StatusNotifierItem::watcherService));
     }
 
     void init() {
