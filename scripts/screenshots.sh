@@ -8,9 +8,9 @@ set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build}
-cmake --build "$build" --target tst_panelscreenshot
+cmake --build "$build" --target panel_screenshot
 for scheme in light dark; do
     ONDRIL_APPEARANCE=$scheme ONDRIL_TEST_SCREEN=1280x1024x24 ONDRIL_SCREENSHOT_DIR="$root/docs/screenshots" \
-        "$root/scripts/test-env.sh" "$build/tests/tst_panelscreenshot" -silent
+        "$root/scripts/test-env.sh" "$build/tools/panel_screenshot"
 done
 ls -l "$root/docs/screenshots"

@@ -62,28 +62,6 @@ private slots:
         QCOMPARE(QFile::exists(path()), stored.isValid());
     }
 
-    void customNameIsTrimmedAndBlankRemoves_data() {
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<QString>("stored"); // null: the entry is removed
-        QTest::newRow("padded") << "  Desk speakers \n"
-                                << "Desk speakers";
-        QTest::newRow("three blanks") << "   " << QString();
-    }
-
-    void customNameIsTrimmedAndBlankRemoves() {
-        QFETCH(QString, name);
-        QFETCH(QString, stored);
-        m_settings->setCustomName(newUID, QStringLiteral("before"));
-        m_settings->setCustomName(otherUID, QStringLiteral("Other"));
-        m_posted.clear();
-        m_settings->setCustomName(newUID, name);
-        QCOMPARE(m_posted, QStringList{Notifications::deviceNamesChanged});
-        const auto names = m_defaults->stringDictionaryForKey(SettingsKeys::deviceNames);
-        QCOMPARE(names->value(newUID), stored);
-        QCOMPARE(names->contains(newUID), !stored.isNull());
-        QCOMPARE(names->value(otherUID), QStringLiteral("Other"));
-    }
-
     void hiddenDeviceWithDriftedUIDIsRepairedBeforeTheReadReturns_data() {
         QTest::addColumn<bool>("input");
         QTest::newRow("outputs") << false;

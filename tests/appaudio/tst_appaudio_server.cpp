@@ -18,7 +18,6 @@
 // (What Ondril's quit leaves is heard in the boost server test.)
 namespace {
 
-constexpr int kGenerousWaitMs = ServerRig::generousWaitMs;
 const QString player = QStringLiteral("org.example.Player");
 // The default first.
 const QStringList sinks{QStringLiteral("studio_left"), QStringLiteral("studio_right"),
@@ -87,12 +86,10 @@ private slots:
         auto second = startPlayer();
         QVERIFY(second);
         const auto secondPid = std::int32_t(second->processId());
-        QVERIFY(
-            QTest::qWaitFor([&] { return sessionPids().contains(secondPid); }, kGenerousWaitMs));
+        QVERIFY(eventually([&] { return sessionPids().contains(secondPid); }));
         first->kill();
         first->waitForFinished();
-        QVERIFY(
-            QTest::qWaitFor([&] { return sessionPids() == QList{secondPid}; }, kGenerousWaitMs));
+        QVERIFY(eventually([&] { return sessionPids() == QList{secondPid}; }));
         verifyLevels(*plain, factors, routed);
 
         // Back to neutral: the stream plays as before on its own sink, and no private sink stays.
@@ -127,19 +124,18 @@ private slots:
         const auto moving = [&] {
             return meter.outputLevel() > 0.5 && m_apps->levels().value(player).toDouble() > 0.5;
         };
-        QVERIFY(QTest::qWaitFor(moving, kGenerousWaitMs));
+        QVERIFY(eventually(moving));
         QCOMPARE(meterSources().size(), 2);
         QVERIFY(meterSources().contains(sinks.first() + QStringLiteral(".monitor")));
 
         QVERIFY(m_server->pactl({QStringLiteral("set-default-sink"), sinks[1]}));
-        QVERIFY(QTest::qWaitFor(
-            [&] { return meterSources().contains(sinks[1] + QStringLiteral(".monitor")); },
-            kGenerousWaitMs));
-        QVERIFY(QTest::qWaitFor(moving, kGenerousWaitMs));
+        QVERIFY(eventually(
+            [&] { return meterSources().contains(sinks[1] + QStringLiteral(".monitor")); }));
+        QVERIFY(eventually(moving));
 
         meter.stop();
         m_apps->stopMetering();
-        QVERIFY(QTest::qWaitFor([&] { return meterSources().isEmpty(); }, kGenerousWaitMs));
+        QVERIFY(eventually([&] { return meterSources().isEmpty(); }));
     }
 
     // The pop reaches the sink it names. PulseAudio's null sink carries a short sample at a tenth
@@ -178,9 +174,8 @@ private:
         if (!tone)
             return nullptr;
         const auto pid = std::int32_t(tone->processId());
-        const bool listed = QTest::qWaitFor(
-            [&] { return pidsOf(readObjects(kAudioObjectSystemObject)).contains(pid); },
-            kGenerousWaitMs);
+        const bool listed =
+            eventually([&] { return pidsOf(readObjects(kAudioObjectSystemObject)).contains(pid); });
         return listed ? std::move(tone) : nullptr;
     }
 
@@ -212,9 +207,8 @@ private:
 
     // Once the app's stream plays to `sink`, each sink is heard at its factor of `plain`.
     void verifyLevels(double plain, const QList<double>& factors, const QString& sink) {
-        QVERIFY(QTest::qWaitFor(
-            [&] { return m_server->sinkOfStream(QStringLiteral("Player")) == sink; },
-            kGenerousWaitMs));
+        QVERIFY(
+            eventually([&] { return m_server->sinkOfStream(QStringLiteral("Player")) == sink; }));
         QTest::qWait(300); // what was buffered before the change drains
         for (qsizetype i = 0; i < sinks.size(); ++i) {
             const auto level = m_server->recordLevel(sinks[i]);

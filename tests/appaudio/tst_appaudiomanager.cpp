@@ -228,35 +228,6 @@ private slots:
         QCOMPARE(rig.destinations(), QStringList{GroupTestRig::rightUID});
         QCOMPARE(rig.session()->gain().value.load(), 0.25f);
     }
-
-    void permissionFlow_data() {
-        QTest::addColumn<int>("failingProbes");
-        QTest::addColumn<bool>("granted");
-
-        QTest::newRow("first probe succeeds") << 0 << true;
-        QTest::newRow("denied after 41 timed probes") << 42 << false;
-    }
-
-    void permissionFlow() {
-        QFETCH(int, failingProbes);
-        QFETCH(bool, granted);
-
-        AppRig rig;
-        rig.apps->setPermissionPollInterval(1);
-        if (failingProbes)
-            rig.hardware->failNextTapCreation(failingProbes);
-        rig.apps->requestPermission();
-        QTRY_VERIFY(!rig.apps->requestingPermission());
-
-        QCOMPARE(rig.apps->permissionGranted(), granted);
-        QCOMPARE(rig.apps->permissionDenied(), !granted);
-        QCOMPARE(rig.defaults->storedBoolForKey(SettingsKeys::audioCaptureGranted).has_value(),
-                 granted);
-        QVERIFY(rig.hardware->processTaps().empty());
-        // Every failure was consumed by a probe, and no probe ran after the end.
-        AudioObjectID tap = 0;
-        QCOMPARE(rig.hardware->AudioHardwareCreateProcessTap({}, tap), kAudioHardwareNoError);
-    }
 };
 
 QTEST_GUILESS_MAIN(AppAudioManagerTest)

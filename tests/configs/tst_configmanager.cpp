@@ -5,17 +5,6 @@
 #include <QJsonObject>
 #include <QtTest>
 
-namespace {
-
-AppAudioPrefs boosted(double volume, const QStringList& routes = {}) {
-    AppAudioPrefs prefs;
-    prefs.volume = volume;
-    prefs.routeUIDs = routes;
-    return prefs;
-}
-
-} // namespace
-
 class ConfigManagerTest : public QObject {
     Q_OBJECT
 
@@ -128,8 +117,9 @@ private slots:
         config.name = QStringLiteral("Away");
         config.singleOutputUID = QStringLiteral("usb:Gone:Speaker:9:1");
         config.inputUID = QStringLiteral("usb:Gone:Mic:9:1");
-        config.appRoutes.insert(ConfigRig::player,
-                                boosted(3.0, {QStringLiteral("usb:Gone:Speaker:9:1")}));
+        AppAudioPrefs& record = config.appRoutes[ConfigRig::player];
+        record.volume = 3.0;
+        record.routeUIDs = {QStringLiteral("usb:Gone:Speaker:9:1")};
         rig.configs->apply(config);
         settle();
         QCOMPARE(rig.defaultOutput(), rig.speakers);

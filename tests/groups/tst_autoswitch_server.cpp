@@ -9,7 +9,6 @@
 // that puts a group on builds the same combined sink a group does (the group server test).
 namespace {
 
-constexpr int kWaitMs = ServerRig::generousWaitMs;
 constexpr int kSettleMs = 700; // long enough for a server's own policy to have acted
 
 const QString kAirPods = QStringLiteral("airpods");
@@ -25,7 +24,7 @@ class AutoSwitchServerTest : public QObject {
     std::unique_ptr<ServerRig> m_rig;
 
     bool waitForDefault(const QString& sink) {
-        return QTest::qWaitFor([&] { return m_rig->server->defaultSinkName() == sink; }, kWaitMs);
+        return eventually([&] { return m_rig->server->defaultSinkName() == sink; });
     }
 
     // Settles, then checks the server's default has stayed `sink`.
@@ -66,8 +65,8 @@ private slots:
         m_rig->defaults->setBool(true, SettingsKeys::autoSwitchGroups);
         m_rig->defaults->setBool(true, SettingsKeys::autoSwitchInputs);
         m_rig->launch();
-        QVERIFY(QTest::qWaitFor(
-            [&] { return !m_rig->audio->deviceIDForOutputUID(kAirPods).has_value(); }, kWaitMs));
+        QVERIFY(
+            eventually([&] { return !m_rig->audio->deviceIDForOutputUID(kAirPods).has_value(); }));
     }
     void cleanup() { m_rig.reset(); }
 
@@ -82,7 +81,7 @@ private slots:
         QVERIFY(m_rig->server->loadNullSink(kAirPods, "AirPods Pro"));
         QElapsedTimer loaded;
         loaded.start();
-        QVERIFY(QTest::qWaitFor([&] { return m_rig->defaultOutputUID() == kAirPods; }, kWaitMs));
+        QVERIFY(eventually([&] { return m_rig->defaultOutputUID() == kAirPods; }));
         qInfo() << "loaded sink to rule-made default:" << loaded.elapsed() << "ms";
         QVERIFY(waitForDefault(kAirPods));
 
@@ -119,12 +118,10 @@ private slots:
         QVERIFY(m_rig->server->loadNullSink(kAirPods, "AirPods Pro"));
         QVERIFY(m_rig->server->loadRemapSource(kHeadsetMic, "Headset Microphone",
                                                kAirPods + ".monitor"));
-        QVERIFY(QTest::qWaitFor(
-            [&] {
-                return m_rig->server->defaultSinkName() == kAirPods &&
-                       m_rig->server->defaultSourceName() == kHeadsetMic;
-            },
-            kWaitMs));
+        QVERIFY(eventually([&] {
+            return m_rig->server->defaultSinkName() == kAirPods &&
+                   m_rig->server->defaultSourceName() == kHeadsetMic;
+        }));
         QTest::qWait(kSettleMs);
         m_rig->hardware->AudioObjectRemovePropertyListenerBlock(outputToken);
         m_rig->hardware->AudioObjectRemovePropertyListenerBlock(inputToken);

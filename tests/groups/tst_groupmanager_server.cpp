@@ -32,8 +32,7 @@ class GroupManagerServerTest : public QObject {
         if (!manager.activate(group))
             return {};
         const QString aggregate = GroupManager::aggregateUID(group.id);
-        if (!QTest::qWaitFor([&] { return m_rig->server->defaultSinkName() == aggregate; },
-                             kWaitMs))
+        if (!eventually([&] { return m_rig->server->defaultSinkName() == aggregate; }))
             return {};
         return aggregate;
     }
@@ -93,13 +92,11 @@ private slots:
 
         auto events = m_rig->server->subscribe();
         QVERIFY(m_rig->unplug(kRight));
-        QVERIFY2(QTest::qWaitFor(
-                     [&] {
-                         return manager.activeMemberUIDs() == QStringList{kLeft, kAirPods} &&
-                                m_rig->server->defaultSinkName() == aggregate &&
-                                m_rig->server->sinkOfStream("ondril-tone") == aggregate;
-                     },
-                     kWaitMs),
+        QVERIFY2(eventually([&] {
+                     return manager.activeMemberUIDs() == QStringList{kLeft, kAirPods} &&
+                            m_rig->server->defaultSinkName() == aggregate &&
+                            m_rig->server->sinkOfStream("ondril-tone") == aggregate;
+                 }),
                  qPrintable(manager.activeMemberUIDs().join(u',')));
         QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(group.id));
         m_rig->verifySlaves(aggregate, {kLeft, kAirPods});
@@ -113,12 +110,10 @@ private slots:
         // Back under the same name: a fresh null sink at full volume, taken in and given its
         // share again.
         QVERIFY(m_rig->server->loadNullSink(kRight, "Studio Display Right"));
-        QVERIFY(QTest::qWaitFor(
-            [&] {
-                return manager.activeMemberUIDs() == QStringList{kLeft, kRight, kAirPods} &&
-                       m_rig->server->defaultSinkName() == aggregate;
-            },
-            kWaitMs));
+        QVERIFY(eventually([&] {
+            return manager.activeMemberUIDs() == QStringList{kLeft, kRight, kAirPods} &&
+                   m_rig->server->defaultSinkName() == aggregate;
+        }));
         m_rig->verifySlaves(aggregate, {kLeft, kRight, kAirPods});
         m_rig->verifyVolume(kRight, 0.72);
         m_rig->verifyPlaying(kRight);
@@ -141,15 +136,13 @@ private slots:
         GroupManager& manager = *m_rig->manager;
         QVERIFY(m_rig->unplug(kAirPods));
         QVERIFY(m_rig->unplug(kLeft));
-        QVERIFY2(QTest::qWaitFor([&] { return !manager.activeGroupID().has_value(); }, kWaitMs),
+        QVERIFY2(eventually([&] { return !manager.activeGroupID().has_value(); }),
                  qPrintable(m_rig->server->sinkNames().join(u',')));
-        QVERIFY(
-            QTest::qWaitFor([&] { return m_rig->server->defaultSinkName() == kBuiltin; }, kWaitMs));
+        QVERIFY(eventually([&] { return m_rig->server->defaultSinkName() == kBuiltin; }));
         QVERIFY(!m_rig->server->sinkNames().contains(aggregate));
         // The group does not come back with its devices by itself.
         QVERIFY(m_rig->server->loadNullSink(kLeft, "Studio Display Left"));
-        QVERIFY(QTest::qWaitFor(
-            [&] { return m_rig->audio->deviceIDForOutputUID(kLeft).has_value(); }, kWaitMs));
+        QVERIFY(eventually([&] { return m_rig->audio->deviceIDForOutputUID(kLeft).has_value(); }));
         QTest::qWait(500);
         QVERIFY(!manager.activeGroupID().has_value());
         QCOMPARE(m_rig->server->defaultSinkName(), kBuiltin);
@@ -173,7 +166,7 @@ private slots:
         const OutputGroup& active = throughAnotherGroup ? second : first;
         if (throughAnotherGroup) {
             QVERIFY(m_rig->server->pactl({"set-default-sink", kLeft}));
-            QVERIFY(QTest::qWaitFor([&] { return m_rig->defaultOutputUID() == kLeft; }, kWaitMs));
+            QVERIFY(eventually([&] { return m_rig->defaultOutputUID() == kLeft; }));
             manager.setGroups({first, second});
             QVERIFY(manager.activate(second));
             QVERIFY(!m_rig->server->sinkNames().contains(aggregate));
@@ -186,11 +179,9 @@ private slots:
         m_rig->verifySilent(kBuiltin);
 
         manager.deactivate();
-        QVERIFY(
-            QTest::qWaitFor([&] { return m_rig->server->defaultSinkName() == kBuiltin; }, kWaitMs));
+        QVERIFY(eventually([&] { return m_rig->server->defaultSinkName() == kBuiltin; }));
         QVERIFY(!m_rig->server->sinkNames().contains(aggregate));
-        QVERIFY(QTest::qWaitFor(
-            [&] { return m_rig->server->sinkOfStream("ondril-tone") == kBuiltin; }, kWaitMs));
+        QVERIFY(eventually([&] { return m_rig->server->sinkOfStream("ondril-tone") == kBuiltin; }));
         m_rig->verifyPlaying(kBuiltin);
         m_rig->verifySilent(kRight);
     }
@@ -209,13 +200,11 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(!m_rig->audio->setVolume(0.5f, *left), kWaitMs);
         QVERIFY2(m_rig->server->start(), qPrintable(m_rig->server->error()));
         // The fresh server knows nothing of the group: its sinks are new, at full volume.
-        QVERIFY2(QTest::qWaitFor(
-                     [&] {
-                         return m_rig->server->defaultSinkName() == aggregate &&
-                                m_rig->audio->readDefaultOutputID() == manager.activeDeviceID() &&
-                                manager.activeMemberUIDs() == QStringList{kLeft, kRight};
-                     },
-                     kWaitMs),
+        QVERIFY2(eventually([&] {
+                     return m_rig->server->defaultSinkName() == aggregate &&
+                            m_rig->audio->readDefaultOutputID() == manager.activeDeviceID() &&
+                            manager.activeMemberUIDs() == QStringList{kLeft, kRight};
+                 }),
                  qPrintable(m_rig->server->defaultSinkName()));
         QCOMPARE(m_rig->audio->deviceIDForOutputUID(kLeft), left); // under the same id
         m_rig->verifySlaves(aggregate, {kLeft, kRight});
@@ -243,16 +232,14 @@ private slots:
             QTimer::singleShot(4000, this, [&] { m_rig->server->resume(); });
         });
         QVERIFY(m_rig->unplug(kRight));
-        QVERIFY(QTest::qWaitFor([&] { return stalled; }, kWaitMs));
+        QVERIFY(eventually([&] { return stalled; }));
 
         // A stall is no choice of the user's: the group stays on and stored, and comes back with
         // the members that are left once the server answers, without leftovers.
-        QVERIFY2(QTest::qWaitFor(
-                     [&] {
-                         return manager.activeMemberUIDs() == QStringList{kLeft, kAirPods} &&
-                                m_rig->server->defaultSinkName() == aggregate;
-                     },
-                     kWaitMs),
+        QVERIFY2(eventually([&] {
+                     return manager.activeMemberUIDs() == QStringList{kLeft, kAirPods} &&
+                            m_rig->server->defaultSinkName() == aggregate;
+                 }),
                  qPrintable(manager.activeMemberUIDs().join(u',') + " | " +
                             m_rig->server->sinkNames().join(u',')));
         QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(group.id));
@@ -294,15 +281,12 @@ private slots:
             {"load-module", "module-combine-sink", "sink_name=party_combined", "slaves=airpods"}));
 
         AudioDeviceManager& devices = m_rig->devices();
-        QVERIFY(QTest::qWaitFor(
-            [&] {
-                return devices.deviceIDForOutputUID(orphan).has_value() &&
-                       devices.deviceIDForOutputUID("party_combined").has_value();
-            },
-            kWaitMs));
+        QVERIFY(eventually([&] {
+            return devices.deviceIDForOutputUID(orphan).has_value() &&
+                   devices.deviceIDForOutputUID("party_combined").has_value();
+        }));
         m_rig->launch();
-        QVERIFY(QTest::qWaitFor(
-            [&] { return m_rig->server->sinkNames().contains(orphan) != removed; }, kWaitMs));
+        QVERIFY(eventually([&] { return m_rig->server->sinkNames().contains(orphan) != removed; }));
         QTest::qWait(300);
         QCOMPARE(m_rig->server->sinkNames().contains(orphan), !removed);
         QVERIFY(m_rig->server->sinkNames().contains("party_combined"));

@@ -2,52 +2,28 @@
 
 #include <QtTest>
 
-using Balance = QMap<QString, double>;
-
 // The stored group list must load data of every older version and fail as a whole on a corrupt
 // entry, so the next save replaces it instead of silently dropping one group.
 class TestOutputGroupCodec : public QObject {
     Q_OBJECT
 
 private slots:
-    void missingKeysTakeTheirDefaults_data() {
-        QTest::addColumn<QByteArray>("json");
-        QTest::addColumn<QStringList>("members");
-        QTest::addColumn<QString>("master");
-        QTest::addColumn<double>("volume");
-        QTest::addColumn<Balance>("balance");
-        QTest::newRow("empty objects")
-            << QByteArray("[{},{}]") << QStringList() << QString() << 0.65 << Balance{};
-        QTest::newRow("missing master is the first member")
-            << QByteArray(R"([{"memberUIDs":["a","b"]}])") << QStringList{"a", "b"} << "a" << 0.65
-            << Balance{};
-        // Bounds apply when a value is set, not when it is read back.
-        QTest::newRow("stored values are kept unbounded")
-            << QByteArray(
-                   R"([{"masterVolume":3,"memberUIDs":["a"],"balance":{"a":0.4,"stranger":0.7},"masterUID":"zzz"}])")
-            << QStringList{"a"} << "zzz" << 3.0 << Balance{{"a", 0.4}, {"stranger", 0.7}};
-    }
-
+    // Each missing id is fresh; a missing master is the first member.
     void missingKeysTakeTheirDefaults() {
-        QFETCH(QByteArray, json);
-        QFETCH(QStringList, members);
-        QFETCH(QString, master);
-        QFETCH(double, volume);
-        QFETCH(Balance, balance);
-        const auto groups = OutputGroupCodec::decode(json);
+        const auto groups = OutputGroupCodec::decode(R"([{},{"memberUIDs":["a","b"]}])");
         QVERIFY(groups);
-        QSet<QUuid> ids; // each missing id is fresh
+        QCOMPARE(groups->size(), 2);
         for (const OutputGroup& group : *groups) {
             QVERIFY(!group.id.isNull());
-            ids.insert(group.id);
             QCOMPARE(group.name, QStringLiteral("Group"));
-            QCOMPARE(group.memberUIDs, members);
-            QCOMPARE(group.masterUID, master);
-            QCOMPARE(group.masterVolume, volume);
-            QCOMPARE(group.balance, balance);
-            QVERIFY(group.deviceNames.isEmpty());
+            QCOMPARE(group.masterVolume, 0.65);
+            QVERIFY(group.balance.isEmpty() && group.deviceNames.isEmpty());
         }
-        QCOMPARE(ids.size(), groups->size());
+        QVERIFY(groups->at(0).id != groups->at(1).id);
+        QCOMPARE(groups->at(0).memberUIDs, QStringList());
+        QCOMPARE(groups->at(0).masterUID, QString());
+        QCOMPARE(groups->at(1).memberUIDs, (QStringList{"a", "b"}));
+        QCOMPARE(groups->at(1).masterUID, QStringLiteral("a"));
     }
 
     void oneWrongTypeFailsTheWholeArray_data() {

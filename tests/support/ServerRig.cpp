@@ -32,9 +32,8 @@ AudioDeviceManager& ServerRig::devices() {
     if (!audio)
         audio = std::make_unique<AudioDeviceManager>(*hardware);
     const QString expected = server->defaultSinkName();
-    const bool listed = QTest::qWaitFor(
-        [&] { return !audio->outputDevices().isEmpty() && defaultOutputUID() == expected; },
-        generousWaitMs);
+    const bool listed = eventually(
+        [&] { return !audio->outputDevices().isEmpty() && defaultOutputUID() == expected; });
     if (!listed)
         qWarning("the device manager did not list the server's outputs");
     return *audio;
@@ -58,8 +57,7 @@ QString ServerRig::defaultOutputUID() const {
 void ServerRig::playToneToDefault(const QString& expectedSink, const QString& application) {
     tone = server->playTone({}, application);
     QVERIFY(tone);
-    QVERIFY2(QTest::qWaitFor([&] { return server->sinkOfStream(application) == expectedSink; },
-                             generousWaitMs),
+    QVERIFY2(eventually([&] { return server->sinkOfStream(application) == expectedSink; }),
              qPrintable(server->sinkOfStream(application)));
 }
 
@@ -83,7 +81,7 @@ void ServerRig::verifyVolume(const QString& sink, double scalar) const {
         return !percents.empty() && std::all_of(percents.begin(), percents.end(),
                                                 [&](int p) { return std::abs(p - expected) <= 1; });
     };
-    if (QTest::qWaitFor(matches, generousWaitMs))
+    if (eventually(matches))
         return;
     QStringList percents;
     for (int percent : server->sinkVolumePercent(sink))

@@ -12,7 +12,9 @@
 #include "platform/pulse/PulseAudioHardware.h"
 
 #include <QTemporaryDir>
+#include <QTest>
 
+#include <functional>
 #include <memory>
 
 // A private sound server with Ondril's stack over it, as the server tests use it: the libpulse
@@ -63,3 +65,8 @@ struct ServerRig {
     // The combined sink plays to `members`, the first of them its clock master.
     void verifySlaves(const QString& aggregate, const QStringList& members) const;
 };
+
+// Whether `condition` comes true within ServerRig::generousWaitMs, the event loop turning.
+inline bool eventually(const std::function<bool()>& condition) {
+    return QTest::qWaitFor(condition, ServerRig::generousWaitMs);
+}

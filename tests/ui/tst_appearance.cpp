@@ -41,12 +41,8 @@ private slots:
         const std::optional<QString> unset;
         QTest::newRow("forced dark") << std::optional(QStringLiteral("dark"))
                                      << std::optional(Scheme::light) << false << true;
-        QTest::newRow("forced light over a dark desktop")
-            << std::optional(QStringLiteral("light")) << std::optional(Scheme::dark) << true
-            << false;
-        QTest::newRow("any other word is light") << std::optional(QStringLiteral("auto"))
-                                                 << std::optional(Scheme::dark) << true << false;
-        QTest::newRow("portal dark") << unset << std::optional(Scheme::dark) << false << true;
+        QTest::newRow("any word but dark is light") << std::optional(QStringLiteral("auto"))
+                                                    << std::optional(Scheme::dark) << true << false;
         QTest::newRow("portal light over a dark Qt palette")
             << unset << std::optional(Scheme::light) << true << false;
         QTest::newRow("portal without preference: Qt palette")

@@ -3,8 +3,10 @@
 #include "ui/panel/MenuBarController.h"
 #include "ui/panel/PanelController.h"
 
+#include <QImage>
 #include <QQuickItem>
 #include <QQuickView>
+#include <QSet>
 #include <QTest>
 
 // The panel's main screen on the simulated service: what its rows show and what a tap does.
@@ -83,6 +85,17 @@ private slots:
     }
     void cleanup() { m_rig.reset(); }
 
+    // The panel draws: its surface is opaque and its rows paint many colours on it.
+    void panelIsNotBlank() {
+        const QImage image = view()->grabWindow();
+        QCOMPARE(qAlpha(image.pixel(200, 60)), 255);
+        QSet<QRgb> colours;
+        for (int y = 40; y < image.height() - 40; y += 3)
+            for (int x = 40; x < 360; x += 3)
+                colours.insert(image.pixel(x, y));
+        QVERIFY2(colours.size() > 50, qPrintable(QString::number(colours.size())));
+    }
+
     void rowsFollowTheDeviceList() {
         QVERIFY(shows("outputRow_Headphones"));
         m_rig->addOutput(QStringLiteral("usb:Acme:Dock:9:1,2"), QStringLiteral("Dock"));
@@ -149,7 +162,7 @@ private slots:
         QTest::addColumn<QString>("typed");
         QTest::addColumn<Qt::Key>("key");
         QTest::addColumn<QString>("shown");
-        QTest::newRow("Return saves") << "Desk" << Qt::Key_Return << "Desk";
+        QTest::newRow("Return saves, trimmed") << "  Desk " << Qt::Key_Return << "Desk";
         QTest::newRow("Escape keeps the old name") << "Desk" << Qt::Key_Escape << "Old";
         QTest::newRow("blanks clear the custom name") << "   " << Qt::Key_Return << "Left Display";
     }
@@ -158,6 +171,7 @@ private slots:
         QFETCH(Qt::Key, key);
         QFETCH(QString, shown);
         m_rig->settings->setCustomName(m_rig->leftUID, QStringLiteral("Old"));
+        m_rig->settings->setCustomName(m_rig->speakersUID, QStringLiteral("Other"));
         click("groupRow_Displays");
         QCOMPARE(item("memberName")->property("text").toString(), QStringLiteral("Old"));
 
@@ -170,6 +184,7 @@ private slots:
         settle();
         QVERIFY(m_rig->panel->isVisible()); // Escape in the field ends the edit, not the panel
         QTRY_COMPARE(item("memberName")->property("text").toString(), shown);
+        QCOMPARE(m_rig->settings->customName(m_rig->speakersUID), QStringLiteral("Other"));
     }
 
     void collapsedSectionSurvivesARestart() {

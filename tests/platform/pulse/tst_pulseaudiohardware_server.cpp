@@ -97,7 +97,7 @@ private slots:
                      object, address, [&](const auto& addresses) { heard = addresses; }, token),
                  kAudioHardwareNoError);
         QVERIFY(m_server->pactl(pactl));
-        QVERIFY(QTest::qWaitFor([&] { return !heard.empty(); }, kGenerousWaitMs));
+        QVERIFY(eventually([&] { return !heard.empty(); }));
         QCOMPARE(heard.front().mSelector, address.mSelector);
         // PipeWire passes through a placeholder default first; the real name follows.
         if (device.isEmpty())
@@ -184,37 +184,32 @@ private slots:
         QCOMPARE(m_hardware->AudioObjectSetPropertyData(kAudioObjectSystemObject, kDefaultOutput,
                                                         devices.at("studio_left")),
                  kAudioHardwareNoError);
-        QVERIFY(QTest::qWaitFor([&] { return m_server->defaultSinkName() == "studio_left"; },
-                                kGenerousWaitMs));
+        QVERIFY(eventually([&] { return m_server->defaultSinkName() == "studio_left"; }));
         auto tone = m_server->playTone({}, "ondril-follower");
         QVERIFY(tone);
-        QVERIFY(QTest::qWaitFor(
-            [&] { return m_server->sinkOfStream("ondril-follower") == "studio_left"; },
-            kGenerousWaitMs));
+        QVERIFY(
+            eventually([&] { return m_server->sinkOfStream("ondril-follower") == "studio_left"; }));
         QCOMPARE(m_hardware->AudioObjectSetPropertyData(kAudioObjectSystemObject, kDefaultOutput,
                                                         devices.at("studio_right")),
                  kAudioHardwareNoError);
-        QVERIFY2(QTest::qWaitFor(
-                     [&] { return m_server->sinkOfStream("ondril-follower") == "studio_right"; },
-                     kGenerousWaitMs),
-                 qPrintable(m_server->sinkOfStream("ondril-follower")));
+        QVERIFY2(
+            eventually([&] { return m_server->sinkOfStream("ondril-follower") == "studio_right"; }),
+            qPrintable(m_server->sinkOfStream("ondril-follower")));
         m_rig->verifyPlaying("studio_right");
         tone->kill();
         tone->waitForFinished();
 
         auto elsewhere = m_server->playTone({}, "ondril-pinned-elsewhere");
         QVERIFY(elsewhere);
-        QVERIFY2(QTest::qWaitFor(
-                     [&] { return !m_server->sinkOfStream("ondril-pinned-elsewhere").isEmpty(); },
-                     kGenerousWaitMs),
+        QVERIFY2(eventually(
+                     [&] { return !m_server->sinkOfStream("ondril-pinned-elsewhere").isEmpty(); }),
                  "the pinned application did not start");
         const QString pinnedSink = m_server->sinkOfStream("ondril-pinned-elsewhere");
         elsewhere->kill();
         elsewhere->waitForFinished();
         // Gone before the next row plays under the same name.
-        QVERIFY(QTest::qWaitFor(
-            [&] { return m_server->sinkOfStream("ondril-pinned-elsewhere").isEmpty(); },
-            kGenerousWaitMs));
+        QVERIFY(eventually(
+            [&] { return m_server->sinkOfStream("ondril-pinned-elsewhere").isEmpty(); }));
         QCOMPARE(pinnedSink, QString("builtin"));
     }
 
@@ -257,11 +252,9 @@ private slots:
                  kAudioHardwareNoError);
         QCOMPARE(m_hardware->AudioHardwareDestroyAggregateDevice(aggregate), kAudioHardwareNoError);
         QVERIFY(devicesByUID(*m_hardware).count(uid) == 0);
-        QVERIFY2(QTest::qWaitFor([&] { return m_server->defaultSinkName() == "studio_right"; },
-                                 kGenerousWaitMs),
+        QVERIFY2(eventually([&] { return m_server->defaultSinkName() == "studio_right"; }),
                  qPrintable(m_server->defaultSinkName()));
-        QVERIFY(
-            QTest::qWaitFor([&] { return !m_server->sinkNames().contains(uid); }, kGenerousWaitMs));
+        QVERIFY(eventually([&] { return !m_server->sinkNames().contains(uid); }));
     }
 
     void writesToAStalledServerEndWithinTheBound() {
@@ -302,13 +295,11 @@ private slots:
         m_server->resume();
         // The server carries the load out once it runs again; nobody wants that sink any more.
         QString seen;
-        QVERIFY2(QTest::qWaitFor(
-                     [&] {
-                         seen += QString::fromUtf8(events->readAllStandardOutput());
-                         return seen.contains("Event 'new' on sink #") &&
-                                seen.contains("Event 'remove' on sink #");
-                     },
-                     kGenerousWaitMs),
+        QVERIFY2(eventually([&] {
+                     seen += QString::fromUtf8(events->readAllStandardOutput());
+                     return seen.contains("Event 'new' on sink #") &&
+                            seen.contains("Event 'remove' on sink #");
+                 }),
                  qPrintable(seen));
         QVERIFY(!m_server->sinkNames().contains(uid));
     }
@@ -371,8 +362,7 @@ private slots:
         AudioDeviceManager manager(*automatic.hardware);
         QVERIFY(manager.outputDevices().isEmpty());
         QVERIFY2(m_server->start(), qPrintable(m_server->error()));
-        QVERIFY(
-            QTest::qWaitFor([&] { return manager.outputDevices().size() >= 4; }, kGenerousWaitMs));
+        QVERIFY(eventually([&] { return manager.outputDevices().size() >= 4; }));
         QCOMPARE(automatic.hardware->backendName(), expected);
     }
 
@@ -383,8 +373,7 @@ private:
         auto tone = m_server->playTone({}, application);
         QVERIFY(tone);
         // PipeWire shows a stream before it is placed; move it only once it plays somewhere.
-        QVERIFY(QTest::qWaitFor([&] { return !m_server->sinkOfStream(application).isEmpty(); },
-                                kGenerousWaitMs));
+        QVERIFY(eventually([&] { return !m_server->sinkOfStream(application).isEmpty(); }));
         const auto stream = m_server->streamIndex(application);
         QVERIFY(stream);
         // WirePlumber 0.4 may still link the new stream by its own policy after a move made this
@@ -398,8 +387,7 @@ private:
         QVERIFY2(moved, qPrintable(m_server->sinkOfStream(application)));
         tone->kill();
         tone->waitForFinished();
-        QVERIFY(QTest::qWaitFor([&] { return m_server->sinkOfStream(application).isEmpty(); },
-                                kGenerousWaitMs));
+        QVERIFY(eventually([&] { return m_server->sinkOfStream(application).isEmpty(); }));
     }
 
     std::unique_ptr<ServerRig> m_rig;
