@@ -176,8 +176,8 @@ bool PulseTapAggregate::connectStreams() {
             connected &&
             pa_stream_connect_playback(
                 stream, sink.toUtf8().constData(), &attributes,
-                pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE |
-                                  PA_STREAM_DONT_MOVE |
+                pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING |
+                                  PA_STREAM_AUTO_TIMING_UPDATE | PA_STREAM_DONT_MOVE |
                                   (m_matchClocks ? PA_STREAM_VARIABLE_RATE : PA_STREAM_NOFLAGS)),
                 nullptr, nullptr) == 0;
     }
@@ -290,26 +290,37 @@ void PulseTapAggregate::underran(pa_stream*, void* counter) {
     static_cast<std::atomic<int>*>(counter)->fetch_add(1, std::memory_order_relaxed);
 }
 
-std::optional<std::int64_t> PulseTapAggregate::bufferedUsec(pa_stream* destination) {
+std::optional<std::int64_t> PulseTapAggregate::bufferedUsec(pa_stream* destination) const {
     const pa_timing_info* timing = pa_stream_get_timing_info(destination);
     if (!timing || timing->write_index_corrupt || timing->read_index_corrupt)
         return std::nullopt;
-    // Not pa_stream_get_latency: its clock never runs backwards, and converts the whole stream's
-    // read index at the current rate, so each rise of the controlled rate stood it still for as
-    // long as the stream had played times the change (20 ms after 20 s at 1000 ppm). The level
-    // then seemed to grow with every write, and real audio was dropped. What was written and not
-    // yet read when the timing was current, less what the sink has read since while playing,
-    // needs neither.
+    // What was written and not yet read when the timing was current. A stream that ran dry waits
+    // for its prebuffer and reads nothing meanwhile, so that is all it holds.
     const std::int64_t queued = timing->write_index - timing->read_index;
-    std::int64_t usec = queued > 0
-                            ? std::int64_t(pa_bytes_to_usec(std::uint64_t(queued),
-                                                            pa_stream_get_sample_spec(destination)))
-                            : 0;
-    // A stream that ran dry waits for its prebuffer and reads nothing meanwhile.
-    if (timing->playing) {
+    const std::int64_t queuedUsec =
+        queued > 0 ? std::int64_t(pa_bytes_to_usec(std::uint64_t(queued),
+                                                   pa_stream_get_sample_spec(destination)))
+                   : 0;
+    if (!timing->playing)
+        return queuedUsec;
+    if (m_matchClocks) {
+        // Less what the sink has read since. Not pa_stream_get_latency: its clock never runs
+        // backwards, and it converts the stream's whole read index at the current rate, so each
+        // rise of the controlled rate stood it still for as long as the stream had played times
+        // the change (20 ms after 20 s at 1000 ppm). The level then seemed to grow with every
+        // write, and real audio was dropped.
         timeval now{};
         pa_gettimeofday(&now);
-        usec -= std::int64_t(pa_timeval_diff(&now, &timing->timestamp) + timing->transport_usec);
+        const std::int64_t read =
+            std::int64_t(pa_timeval_diff(&now, &timing->timestamp) + timing->transport_usec);
+        return std::max<std::int64_t>(queuedUsec - read, 0);
     }
-    return std::max<std::int64_t>(usec, 0);
+    // The rate never changes on PipeWire, and there libpulse's interpolated latency is what was
+    // measured to keep the start's backlog off (26 ms added); the estimate above read lower there
+    // and left 50 ms queued.
+    pa_usec_t latency = 0;
+    int negative = 0;
+    if (pa_stream_get_latency(destination, &latency, &negative) < 0 || negative)
+        return std::nullopt;
+    return latency > timing->sink_usec ? std::int64_t(latency - timing->sink_usec) : 0;
 }

@@ -50,8 +50,9 @@ public:
     // above its level is dropped.
     static constexpr std::uint32_t kControlledLevelMs = 12;
     static constexpr Buffering kControlledBuffering{5, 20, kControlledLevelMs + 2 * 5};
-    // PipeWire: smaller requests than these only make it choose a longer quantum.
-    static constexpr Buffering kServerBuffering{10, 30, 60};
+    // PipeWire: smaller requests than these only make it choose a longer quantum. Its level does
+    // not drift, so what the start queued stays unless it is dropped: above the target it is.
+    static constexpr Buffering kServerBuffering{10, 30, 30};
 
     // Reads the monitor of `tapSink`; `matchClocks` runs the destinations at a controlled rate.
     PulseTapAggregate(AudioObjectID tapID, const QString& tapSink,
@@ -76,7 +77,7 @@ private:
     bool playbackOverfull() const;
     static void underran(pa_stream* stream, void* counter);
     // What a destination holds beyond the sink's own latency, from its last timing reading.
-    static std::optional<std::int64_t> bufferedUsec(pa_stream* destination);
+    std::optional<std::int64_t> bufferedUsec(pa_stream* destination) const;
 
     // Main thread.
     bool connectStreams();
