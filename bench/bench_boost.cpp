@@ -268,22 +268,9 @@ struct ClickLatency {
     int clicks = 0;
 };
 
-// The latency the path adds, found with the clicks of the boosted application: each click as the
-// application's stream renders it into the tap's sink (where it would be rendered on its own sink
-// unrouted), and again as the path renders it into the destination, both recorded at once for
-// `seconds` on one clock. Neither player nor recorder start-up enters.
-ClickLatency clickLatency(int seconds) {
-    QString tap;
-    for (const QString& sink : g_server->sinkNames())
-        if (sink.startsWith(QStringLiteral("com.kestrivane.ondril.tap.")))
-            tap = sink;
-    if (tap.isEmpty())
-        return {};
-    ClickRecorder sent(tap + QStringLiteral(".monitor"));
-    ClickRecorder heard(kSink + QStringLiteral(".monitor"));
-    runFor(seconds * 1000);
-    const std::vector<double> sentTimes = sent.stop();
-    const std::vector<double> heardTimes = heard.stop();
+// The median delay from each click sent to the first heard after it, with how many were paired.
+ClickLatency medianDelay(const std::vector<double>& sentTimes,
+                         const std::vector<double>& heardTimes) {
     std::vector<double> delays;
     for (double time : sentTimes) {
         const auto match = std::find_if(heardTimes.begin(), heardTimes.end(), [&](double heard) {
@@ -296,6 +283,30 @@ ClickLatency clickLatency(int seconds) {
         return {};
     std::nth_element(delays.begin(), delays.begin() + qsizetype(delays.size() / 2), delays.end());
     return {delays[delays.size() / 2], int(delays.size())};
+}
+
+// The private sink of the running session's tap, empty if there is none.
+QString tapSink() {
+    for (const QString& sink : g_server->sinkNames())
+        if (sink.startsWith(QStringLiteral("com.kestrivane.ondril.tap.")))
+            return sink;
+    return {};
+}
+
+// The latency the path adds, found with the clicks of the boosted application: each click as the
+// application's stream renders it into the tap's sink (where it would be rendered on its own sink
+// unrouted), and again as the path renders it into the destination, both recorded at once for
+// `seconds` on one clock. Neither player nor recorder start-up enters.
+ClickLatency clickLatency(int seconds) {
+    const QString tap = tapSink();
+    if (tap.isEmpty())
+        return {};
+    ClickRecorder sent(tap + QStringLiteral(".monitor"));
+    ClickRecorder heard(kSink + QStringLiteral(".monitor"));
+    runFor(seconds * 1000);
+    const std::vector<double> sentTimes = sent.stop();
+    const std::vector<double> heardTimes = heard.stop();
+    return medianDelay(sentTimes, heardTimes);
 }
 
 // 480 Hz at 0.2, mono, for `seconds`, with a 1 ms click at 0.7 every half second: a file rather
@@ -540,18 +551,7 @@ ClickLatency deviceClickLatency(DriftingDevice& device, const QString& tap, int 
     const std::vector<double> sentTimes = sent.stop();
     runFor(500);
     const std::vector<double> heardTimes = device.clickTimes();
-    std::vector<double> delays;
-    for (double time : sentTimes) {
-        const auto match = std::find_if(heardTimes.begin(), heardTimes.end(), [&](double heard) {
-            return heard > time - 0.002 && heard < time + 0.2;
-        });
-        if (match != heardTimes.end())
-            delays.push_back((*match - time) * 1000.0);
-    }
-    if (delays.empty())
-        return {};
-    std::nth_element(delays.begin(), delays.begin() + qsizetype(delays.size() / 2), delays.end());
-    return {delays[delays.size() / 2], int(delays.size())};
+    return medianDelay(sentTimes, heardTimes);
 }
 
 // One boosted session playing to a device whose clock runs `ppm` off the tap's, for as long as
@@ -570,10 +570,7 @@ void BM_DeviceClockDrift(benchmark::State& state) {
     auto player = play(clickedTone(seconds + 60),
                        {"--raw", "--format=s16le", "--channels=1", "--rate=48000"});
     auto session = boost(*player, QString::fromLatin1(DriftingDevice::kName));
-    QString tap;
-    for (const QString& sink : g_server->sinkNames())
-        if (sink.startsWith(QStringLiteral("com.kestrivane.ondril.tap.")))
-            tap = sink;
+    const QString tap = tapSink();
     if (!session || tap.isEmpty()) {
         state.SkipWithError("no session");
         return;
