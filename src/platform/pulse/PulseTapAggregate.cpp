@@ -315,9 +315,8 @@ std::optional<std::int64_t> PulseTapAggregate::bufferedUsec(pa_stream* destinati
             std::int64_t(pa_timeval_diff(&now, &timing->timestamp) + timing->transport_usec);
         return std::max<std::int64_t>(queuedUsec - read, 0);
     }
-    // The rate never changes on PipeWire, and there libpulse's interpolated latency is what was
-    // measured to keep the start's backlog off (26 ms added); the estimate above read lower there
-    // and left 50 ms queued.
+    // The rate never changes on PipeWire, so libpulse's interpolated latency has none of that
+    // fault there, and it is kept: the estimate above read lower there, and left more queued.
     pa_usec_t latency = 0;
     int negative = 0;
     if (pa_stream_get_latency(destination, &latency, &negative) < 0 || negative)

@@ -8,7 +8,6 @@
 #include <QStringList>
 
 #include <atomic>
-
 #include <memory>
 #include <optional>
 #include <vector>
@@ -50,8 +49,9 @@ public:
     // above its level is dropped.
     static constexpr std::uint32_t kControlledLevelMs = 12;
     static constexpr Buffering kControlledBuffering{5, 20, kControlledLevelMs + 2 * 5};
-    // PipeWire: smaller requests than these only make it choose a longer quantum. Its level does
-    // not drift, so what the start queued stays unless it is dropped: above the target it is.
+    // PipeWire: the sizes first measured there; it has no controller to make use of a smaller
+    // level. Its level does not drift, so what the start queued stays unless it is dropped: above
+    // the target it is.
     static constexpr Buffering kServerBuffering{10, 30, 30};
 
     // Reads the monitor of `tapSink`; `matchClocks` runs the destinations at a controlled rate.
