@@ -14,16 +14,18 @@
 // The target starts low and learns from under-runs, as the server's own sinks raise their
 // watermark: a sink that takes its data in larger blocks than the level holds (a device with a
 // fixed latency) runs the stream dry, so each period with an under-run raises the target by
-// kUnderrunStepUsec, up to kMaxTargetUsec, and each quiet minute lowers it by a millisecond, never
-// below where it started. Plain arithmetic, no server.
+// kUnderrunStepUsec, up to kMaxTargetUsec, and every kQuietPeriodsBeforeLowering quiet periods
+// lower it by a millisecond, never below where it started: an under-run of a moment's load costs
+// latency for half a minute, one of a device that needs more comes back within seconds of the
+// level dropping below what it needs. Plain arithmetic, no server.
 class PlaybackRateController {
 public:
     // Proportional gain: parts per million of rate for every millisecond off target.
     static constexpr double kPpmPerMs = 100.0;
     static constexpr double kMaxDeviationPpm = 1000.0;
-    static constexpr std::int64_t kUnderrunStepUsec = 4000;
+    static constexpr std::int64_t kUnderrunStepUsec = 2000;
     static constexpr std::int64_t kMaxTargetUsec = 40000;
-    static constexpr int kQuietPeriodsBeforeLowering = 60;
+    static constexpr int kQuietPeriodsBeforeLowering = 15;
 
     PlaybackRateController(std::uint32_t nominalRate, std::int64_t targetUsec)
         : m_nominalRate(nominalRate)

@@ -35,9 +35,9 @@ private slots:
         QTest::addColumn<int>("periodsWithAnUnderrun");
         QTest::addColumn<int>("quietPeriods"); // after them, one a second
         QTest::addColumn<int>("targetMs");     // it starts at 20 ms
-        QTest::newRow("an under-run raises it") << 1 << 0 << 24;
-        QTest::newRow("up to 40 ms") << 10 << 0 << 40;
-        QTest::newRow("a quiet minute lowers it by 1 ms") << 1 << 60 << 23;
+        QTest::newRow("an under-run raises it") << 1 << 0 << 22;
+        QTest::newRow("up to 40 ms") << 15 << 0 << 40;
+        QTest::newRow("15 quiet seconds lower it by 1 ms") << 1 << 15 << 21;
         QTest::newRow("never below where it started") << 1 << 600 << 20;
     }
 
