@@ -8,7 +8,7 @@
 #include "platform/linux/ProcRunningApplications.h"
 #include "platform/pulse/PulseAudioHardware.h"
 
-#include "PrivateSoundServer.h"
+#include "BenchServer.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -138,13 +138,9 @@ BENCHMARK(BM_CpuWithThreeSessions)
 
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
-    PrivateSoundServer server(
-        PrivateSoundServer::kindFromEnvironment().value_or(PrivateSoundServer::Kind::PulseAudio));
-    std::printf("server: %s\n", qPrintable(PrivateSoundServer::kindName(server.kind())));
-    if (!server.start()) {
-        std::fprintf(stderr, "bench_appaudio_levels: %s\n", qPrintable(server.error()));
+    const auto server = startBenchServer("bench_appaudio_levels");
+    if (!server)
         return 1;
-    }
     auto hardware = PulseAudioHardware::connect(5000);
     if (!hardware) {
         std::fprintf(stderr, "bench_appaudio_levels: no connection to the private server\n");
@@ -165,8 +161,8 @@ int main(int argc, char** argv) {
     std::vector<std::unique_ptr<QProcess>> tones;
     for (int i = 0; i < kPlayers; ++i) {
         const QString id = QStringLiteral("org.example.Player%1").arg(i);
-        tones.push_back(server.playTone({}, QStringLiteral("Player %1").arg(i),
-                                        {QStringLiteral("application.id=") + id}));
+        tones.push_back(server->playTone({}, QStringLiteral("Player %1").arg(i),
+                                         {QStringLiteral("application.id=") + id}));
         g_players.append(id);
     }
     for (const QString& player : g_players)

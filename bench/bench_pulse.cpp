@@ -1,7 +1,7 @@
 #include "devices/AudioDeviceManager.h"
 #include "platform/pulse/PulseAudioHardware.h"
 
-#include "PrivateSoundServer.h"
+#include "BenchServer.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -118,17 +118,12 @@ BENCHMARK(BM_HotplugToDeviceList)->UseManualTime()->Iterations(20)->Unit(benchma
 
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
-    // PulseAudio unless ONDRIL_TEST_SERVER=pipewire asks for the other server.
-    PrivateSoundServer server(
-        PrivateSoundServer::kindFromEnvironment().value_or(PrivateSoundServer::Kind::PulseAudio));
-    std::printf("server: %s\n", qPrintable(PrivateSoundServer::kindName(server.kind())));
-    if (!server.start()) {
-        std::fprintf(stderr, "bench_pulse: %s\n", qPrintable(server.error()));
+    const auto server = startBenchServer("bench_pulse");
+    if (!server)
         return 1;
-    }
     for (int i = int(PrivateSoundServer::defaultSinks().size()); i < kSinkCount; ++i) {
-        if (!server.loadNullSink(QStringLiteral("bench_%1").arg(i),
-                                 QStringLiteral("Bench Sink %1").arg(i))) {
+        if (!server->loadNullSink(QStringLiteral("bench_%1").arg(i),
+                                  QStringLiteral("Bench Sink %1").arg(i))) {
             std::fprintf(stderr, "bench_pulse: could not load sink %d\n", i);
             return 1;
         }
@@ -138,7 +133,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "bench_pulse: no connection to the private server\n");
         return 1;
     }
-    g_server = &server;
+    g_server = server.get();
     g_hardware = hardware.get();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
