@@ -1,11 +1,12 @@
 #include "appaudio/RouteSession.h"
 #include "platform/pulse/PulseAudioHardware.h"
 
-#include "PrivateSoundServer.h"
+#include "BenchServer.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QLoggingCategory>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -42,6 +43,18 @@ PrivateSoundServer* g_server = nullptr;
 PulseAudioHardware* g_hardware = nullptr;
 QTemporaryDir* g_directory = nullptr;
 
+// Seconds in which the path's destination stream under-ran, as the aggregate logs them on
+// PulseAudio (under-runs too short to leave a 5 ms silence included). Counted on the main thread.
+int g_secondsWithUnderruns = 0;
+constexpr const char* kAggregateCategory = "com.kestrivane.ondril.PulseTapAggregate";
+
+void countUnderruns(QtMsgType type, const QMessageLogContext& context, const QString& message) {
+    if (qstrcmp(context.category, kAggregateCategory) == 0)
+        ++g_secondsWithUnderruns;
+    else
+        std::fprintf(stderr, "%s\n", qPrintable(qFormatLogMessage(type, context, message)));
+}
+
 // Runs the event loop for `ms`, or until `done` holds.
 bool runFor(
     int ms, const std::function<bool()>& done = [] { return false; }) {
@@ -55,6 +68,69 @@ bool runFor(
     }
     return done();
 }
+
+double monotonicSeconds() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return double(time.tv_sec) + double(time.tv_nsec) / 1e9;
+}
+
+// Stops a parecord and returns what it wrote.
+QByteArray finishRecording(QProcess& recorder, const QString& path) {
+    ::kill(pid_t(recorder.processId()), SIGTERM);
+    recorder.waitForFinished(3000);
+    QFile file(path);
+    file.open(QIODevice::ReadOnly);
+    return file.readAll();
+}
+
+// How long the long plays last: ONDRIL_BENCH_BOOST_SECONDS, 600 unless set.
+int playSeconds() {
+    return qEnvironmentVariableIsSet("ONDRIL_BENCH_BOOST_SECONDS")
+               ? qEnvironmentVariableIntValue("ONDRIL_BENCH_BOOST_SECONDS")
+               : 600;
+}
+
+// Silences in what a sink played, in 5 ms windows: a window under 1% of full scale (RMS) is
+// silent, and more than two in a row (over 10 ms) are a gap, an under-run or a dropped fragment.
+class SilenceCounter {
+public:
+    static constexpr int kWindow = kRate / 200;
+
+    // One window, as the sum of its samples' squares; true when it makes a new gap.
+    bool addWindow(double energy) {
+        m_silentWindows = std::sqrt(energy / kWindow) < 0.01 ? m_silentWindows + 1 : 0;
+        m_longestMs = std::max(m_longestMs, currentMs());
+        m_gaps += m_silentWindows == 3 ? 1 : 0;
+        return m_silentWindows == 3;
+    }
+    // The silence the last window ends, in ms.
+    double currentMs() const { return m_silentWindows * 5.0; }
+    int gaps() const { return m_gaps; }
+    double longestMs() const { return m_longestMs; }
+
+private:
+    int m_silentWindows = 0;
+    int m_gaps = 0;
+    double m_longestMs = 0;
+};
+
+// The clicks in a signal of a tone at 0.2 or less: one per rising edge above the threshold, and
+// the next may come a tenth of a second later.
+class ClickDetector {
+public:
+    static constexpr float kThreshold = 0.5f; // above the tone, below a click even unboosted
+
+    bool isClick(float sample, std::int64_t frame) {
+        if (sample <= kThreshold || frame - m_lastClick <= kRate / 10)
+            return false;
+        m_lastClick = frame;
+        return true;
+    }
+
+private:
+    std::int64_t m_lastClick = -kRate;
+};
 
 QProcessEnvironment serverEnvironment() {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -140,18 +216,14 @@ void BM_SliderSweep(benchmark::State& state) {
             session->setGain(gain, boosted);
             runFor(700);
         }
-        ::kill(pid_t(recorder->processId()), SIGTERM);
-        recorder->waitForFinished(3000);
+        const QByteArray recording = finishRecording(*recorder, recordingPath);
         session.reset();
         player->kill();
         player->waitForFinished(3000);
-        QFile file(recordingPath);
-        file.open(QIODevice::ReadOnly);
-        const QByteArray recording = file.readAll();
         const auto* samples = reinterpret_cast<const std::int16_t*>(recording.constData());
         const int count = int(recording.size() / 2);
-        constexpr int kWindow = kRate / 200;
-        int silentWindows = 0;
+        constexpr int kWindow = SilenceCounter::kWindow;
+        SilenceCounter silences;
         // The recording's first and last 100 ms are its own start and end.
         for (int start = kRate / 10; start + kWindow < count - kRate / 10; start += kWindow) {
             double energy = 0;
@@ -160,9 +232,9 @@ void BM_SliderSweep(benchmark::State& state) {
                 energy += x * x;
                 loudest = std::max(loudest, std::abs(x));
             }
-            silentWindows = std::sqrt(energy / kWindow) < 0.01 ? silentWindows + 1 : 0;
-            longestGapMs = std::max(longestGapMs, silentWindows * 5.0);
+            silences.addWindow(energy);
         }
+        longestGapMs = std::max(longestGapMs, silences.longestMs());
     }
     state.counters["longest_gap_ms"] = longestGapMs;
     state.counters["loudest"] = loudest;
@@ -205,8 +277,6 @@ BENCHMARK(BM_BoostedSessionCpu)->Iterations(1)->Unit(benchmark::kMillisecond);
 // that maps each click's frame to a time on the monotonic clock, whatever the stream's buffering.
 class ClickRecorder {
 public:
-    static constexpr float threshold = 0.5f; // above the tone, below a click even unboosted
-
     explicit ClickRecorder(const QString& monitor)
         : m_monitor(monitor.toUtf8())
         , m_server(g_server->serverAddress().toUtf8())
@@ -237,20 +307,14 @@ private:
             return;
         std::array<float, kRate / 1000> chunk{};
         std::int64_t frames = 0;
-        std::int64_t lastClick = -kRate;
+        ClickDetector clicks;
         while (!m_stop.load(std::memory_order_relaxed) &&
                pa_simple_read(stream, chunk.data(), sizeof chunk, &error) == 0) {
-            timespec now{};
-            clock_gettime(CLOCK_MONOTONIC, &now);
+            const double now = monotonicSeconds();
             for (std::size_t i = 0; i < chunk.size(); ++i, ++frames)
-                // One click per rising edge: the next may come a tenth of a second later.
-                if (chunk[i] > threshold && frames - lastClick > kRate / 10) {
+                if (clicks.isClick(chunk[i], frames))
                     m_clickFrames.push_back(frames);
-                    lastClick = frames;
-                }
-            m_firstFrameTime =
-                std::min(m_firstFrameTime,
-                         double(now.tv_sec) + double(now.tv_nsec) / 1e9 - double(frames) / kRate);
+            m_firstFrameTime = std::min(m_firstFrameTime, now - double(frames) / kRate);
         }
         pa_simple_free(stream);
     }
@@ -330,9 +394,7 @@ QString clickedTone(int seconds) {
 // monitor heard meanwhile: any silence longer than 10 ms is an underrun (or a dropped fragment).
 // The tone's silence test is not disturbed by its clicks, which are louder.
 void BM_LongPlay(benchmark::State& state) {
-    const int seconds = qEnvironmentVariableIsSet("ONDRIL_BENCH_BOOST_SECONDS")
-                            ? qEnvironmentVariableIntValue("ONDRIL_BENCH_BOOST_SECONDS")
-                            : 600;
+    const int seconds = playSeconds();
     auto player = play(clickedTone(seconds + 60),
                        {"--raw", "--format=s16le", "--channels=1", "--rate=48000"});
     auto session = boost(*player);
@@ -349,38 +411,33 @@ void BM_LongPlay(benchmark::State& state) {
     ClickLatency last;
     for (auto _ : state) {
         runFor(5000);
+        g_secondsWithUnderruns = 0;
         first = clickLatency(10);
         runFor(seconds * 1000);
         last = clickLatency(10);
     }
-    ::kill(pid_t(recorder->processId()), SIGTERM);
-    recorder->waitForFinished(3000);
+    const QByteArray recording = finishRecording(*recorder, recordingPath);
     session.reset();
     player->kill();
     player->waitForFinished(3000);
-    QFile file(recordingPath);
-    file.open(QIODevice::ReadOnly);
-    const QByteArray recording = file.readAll();
     const auto* samples = reinterpret_cast<const std::int16_t*>(recording.constData());
     const qsizetype count = recording.size() / 2;
-    constexpr int kWindow = kRate / 200;
-    int silentWindows = 0;
-    int gaps = 0;
-    double longestGapMs = 0;
+    constexpr int kWindow = SilenceCounter::kWindow;
+    SilenceCounter silences;
     // Past the first 2 s: the recorder and the session's start.
     for (qsizetype start = 2 * kRate; start + kWindow < count - kRate / 10; start += kWindow) {
         double energy = 0;
         for (qsizetype i = start; i < start + kWindow; ++i)
             energy += double(samples[i]) * samples[i] / (32768.0 * 32768.0);
-        silentWindows = std::sqrt(energy / kWindow) < 0.01 ? silentWindows + 1 : 0;
-        gaps += silentWindows == 3 ? 1 : 0;
-        longestGapMs = std::max(longestGapMs, silentWindows * 5.0);
+        silences.addWindow(energy);
     }
     state.counters["added_latency_start_ms"] = first.medianMs;
     state.counters["added_latency_end_ms"] = last.medianMs;
     state.counters["clicks_matched"] = first.clicks + last.clicks;
-    state.counters["gaps_over_10ms"] = gaps;
-    state.counters["longest_gap_ms"] = longestGapMs;
+    state.counters["gaps_over_10ms"] = silences.gaps();
+    if (g_server->kind() == PrivateSoundServer::Kind::PulseAudio)
+        state.counters["seconds_with_underruns"] = g_secondsWithUnderruns;
+    state.counters["longest_gap_ms"] = silences.longestMs();
     state.counters["recorded_s"] = double(count) / kRate;
     state.SetLabel(QStringLiteral("one boosted session playing %1 s").arg(seconds).toStdString());
 }
@@ -460,14 +517,8 @@ public:
     }
 
 private:
-    static double now() {
-        timespec time{};
-        clock_gettime(CLOCK_MONOTONIC, &time);
-        return double(time.tv_sec) + double(time.tv_nsec) / 1e9;
-    }
-
     void run() {
-        constexpr int kWindow = kRate / 200; // 5 ms
+        constexpr int kWindow = SilenceCounter::kWindow;
         constexpr int kMaxWindows = 20;
         std::vector<float> frames(std::size_t(kWindow) * kMaxWindows * 2);
         // A card plays on time whatever the machine does: the reader must not be what runs late.
@@ -475,9 +526,9 @@ private:
         priority.sched_priority = 10;
         pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority);
         std::int64_t played = 0;
-        int silentWindows = 0;
-        std::int64_t lastClick = -kRate;
-        m_startTime = now();
+        SilenceCounter silences;
+        ClickDetector clicks;
+        m_startTime = monotonicSeconds();
         timespec tick{};
         clock_gettime(CLOCK_MONOTONIC, &tick);
         while (!m_stop.load(std::memory_order_relaxed)) {
@@ -487,7 +538,7 @@ private:
                 ++tick.tv_sec;
             }
             clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &tick, nullptr);
-            const auto due = std::int64_t((now() - m_startTime) * m_framesPerSecond);
+            const auto due = std::int64_t((monotonicSeconds() - m_startTime) * m_framesPerSecond);
             const auto wanted = std::size_t(
                 std::min<std::int64_t>((due - played) / kWindow, kMaxWindows) * kWindow);
             // What the pipe does not hold is played as silence, as a card that ran dry would.
@@ -502,17 +553,13 @@ private:
                 for (std::size_t i = window; i < window + kWindow; ++i) {
                     const float left = frames[2 * i];
                     energy += double(left) * left;
-                    if (left > ClickRecorder::threshold &&
-                        played + std::int64_t(i) - lastClick > kRate / 10) {
-                        lastClick = played + std::int64_t(i);
-                        m_clickFrames.push_back(lastClick);
-                    }
+                    if (clicks.isClick(left, played + std::int64_t(i)))
+                        m_clickFrames.push_back(played + std::int64_t(i));
                 }
-                silentWindows = std::sqrt(energy / kWindow) < 0.01 ? silentWindows + 1 : 0;
-                if (silentWindows == 3)
+                if (silences.addWindow(energy))
                     m_gaps.emplace_back(played + std::int64_t(window) - 2 * kWindow, 15.0);
-                else if (silentWindows > 3)
-                    m_gaps.back().second = silentWindows * 5.0;
+                else if (silences.currentMs() > 15.0)
+                    m_gaps.back().second = silences.currentMs();
             }
             played += std::int64_t(wanted);
         }
@@ -559,9 +606,7 @@ ClickLatency deviceClickLatency(DriftingDevice& device, const QString& tap, int 
 // and what the device played without sound. PulseAudio only: PipeWire matches the clocks itself.
 void BM_DeviceClockDrift(benchmark::State& state) {
     const int ppm = int(state.range(0));
-    const int seconds = qEnvironmentVariableIsSet("ONDRIL_BENCH_BOOST_SECONDS")
-                            ? qEnvironmentVariableIntValue("ONDRIL_BENCH_BOOST_SECONDS")
-                            : 600;
+    const int seconds = playSeconds();
     DriftingDevice device(ppm);
     if (!device.start()) {
         state.SkipWithError("no pipe sink");
@@ -581,10 +626,9 @@ void BM_DeviceClockDrift(benchmark::State& state) {
     double from = 0;
     for (auto _ : state) {
         runFor(5000);
-        timespec time{};
-        clock_gettime(CLOCK_MONOTONIC, &time);
-        from = double(time.tv_sec) + double(time.tv_nsec) / 1e9;
+        from = monotonicSeconds();
         device.countMissingFramesFromNow();
+        g_secondsWithUnderruns = 0;
         first = deviceClickLatency(device, tap, 10);
         // The controller corrects every second around the device's rate: its mean is the rate.
         double sum = 0;
@@ -610,6 +654,7 @@ void BM_DeviceClockDrift(benchmark::State& state) {
     state.counters["gaps_over_10ms"] = gaps;
     state.counters["longest_gap_ms"] = longestGapMs;
     state.counters["frames_missing"] = double(device.missingFrames());
+    state.counters["seconds_with_underruns"] = g_secondsWithUnderruns;
     state.SetLabel(QStringLiteral("device clock %1 ppm, %2 s").arg(ppm).arg(seconds).toStdString());
 }
 
@@ -617,23 +662,21 @@ void BM_DeviceClockDrift(benchmark::State& state) {
 
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
-    PrivateSoundServer server(
-        PrivateSoundServer::kindFromEnvironment().value_or(PrivateSoundServer::Kind::PulseAudio));
-    std::printf("server: %s\n", qPrintable(PrivateSoundServer::kindName(server.kind())));
-    if (!server.start()) {
-        std::fprintf(stderr, "bench_boost: %s\n", qPrintable(server.error()));
+    const auto server = startBenchServer("bench_boost");
+    if (!server)
         return 1;
-    }
     auto hardware = PulseAudioHardware::connect(5000);
     if (!hardware) {
         std::fprintf(stderr, "bench_boost: no connection to the private server\n");
         return 1;
     }
     QTemporaryDir directory;
-    g_server = &server;
+    g_server = server.get();
     g_hardware = hardware.get();
     g_directory = &directory;
-    if (server.kind() == PrivateSoundServer::Kind::PulseAudio)
+    QLoggingCategory::setFilterRules(QStringLiteral("%1.debug=true").arg(kAggregateCategory));
+    qInstallMessageHandler(countUnderruns);
+    if (server->kind() == PrivateSoundServer::Kind::PulseAudio)
         for (int ppm : {300, -300})
             benchmark::RegisterBenchmark("BM_DeviceClockDrift", BM_DeviceClockDrift)
                 ->Arg(ppm)

@@ -10,10 +10,15 @@
 #include <pulse/timeval.h>
 
 #include <QElapsedTimer>
+#include <QLoggingCategory>
 #include <QThread>
 #include <QTimer>
 
 #include <algorithm>
+
+// Off unless asked for (QT_LOGGING_RULES="com.kestrivane.ondril.PulseTapAggregate.debug=true"):
+// a line for each second in which a destination under-ran, with the level it keeps from then on.
+Q_LOGGING_CATEGORY(lcPulseTapAggregate, "com.kestrivane.ondril.PulseTapAggregate", QtInfoMsg)
 
 namespace {
 
@@ -111,6 +116,7 @@ void PulseTapAggregate::matchClocks() {
     m_rateTimer->setInterval(kRateReadingMs);
     QObject::connect(m_rateTimer.get(), &QTimer::timeout, [this] {
         const bool adjust = ++m_rateReadings % kReadingsPerAdjustment == 0;
+        std::vector<std::pair<std::size_t, int>> underran; // logged once the audio thread may run
         pa_threaded_mainloop_lock(m_mainloop);
         for (std::size_t i = 0; i < m_playback.size(); ++i) {
             // Fresh timing for the next readings here and on the audio thread: libpulse asks for
@@ -127,8 +133,10 @@ void PulseTapAggregate::matchClocks() {
             if (!adjust)
                 continue;
             const std::uint32_t before = controller.rate();
-            const std::uint32_t rate =
-                controller.adjust(m_underruns[i].exchange(0, std::memory_order_relaxed));
+            const int underruns = m_underruns[i].exchange(0, std::memory_order_relaxed);
+            if (underruns > 0)
+                underran.emplace_back(i, underruns);
+            const std::uint32_t rate = controller.adjust(underruns);
             if (rate != before)
                 if (pa_operation* operation =
                         pa_stream_update_sample_rate(m_playback[i], rate, nullptr, nullptr))
@@ -137,6 +145,10 @@ void PulseTapAggregate::matchClocks() {
                                      std::memory_order_relaxed);
         }
         pa_threaded_mainloop_unlock(m_mainloop);
+        for (const auto& [destination, count] : underran)
+            qCDebug(lcPulseTapAggregate, "destination %zu under-ran %d times; level now %lld ms",
+                    destination, count,
+                    static_cast<long long>(m_rateControllers[destination].targetUsec() / 1000));
     });
     m_rateTimer->start();
 }
