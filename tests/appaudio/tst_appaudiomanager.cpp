@@ -104,20 +104,6 @@ private slots:
         QVERIFY(rig.hardware->processTaps().empty());
     }
 
-    // A stored record starts a session for its application's processes while the panel is
-    // closed, a helper (known by its responsible pid) included. Sessions starting and ending with
-    // the processes are heard on the servers.
-    void helperProcessJoinsTheSession() {
-        AppRig rig;
-        rig.apps->setVolume(player, 0.5);
-        QVERIFY(!rig.session());
-        rig.addApp(4242, player);
-        QVERIFY(rig.session());
-        QVERIFY(rig.apps->allApps().isEmpty());
-        rig.addApp(4243, std::nullopt, {}, true, 4242);
-        QCOMPARE(rig.session()->processObjects().size(), std::size_t(2));
-    }
-
     void followersMoveWithTheDefaultOutput() {
         AppRig rig;
         rig.addApp(4242, player);
@@ -142,25 +128,8 @@ private slots:
         QCOMPARE(rig.destinations(), (QStringList{GroupTestRig::leftUID, GroupTestRig::rightUID}));
     }
 
-    void favouriteWithoutProcessIsListed() {
-        AppRig rig;
-        const QString absent = QStringLiteral("org.example.Absent");
-        const QString silent = QStringLiteral("org.example.Silent");
-        rig.applications.addProcess(5000, {silent, QStringLiteral("Silent Editor"), 0});
-        rig.apps->setFavourite(absent, true);
-        rig.apps->setFavourite(silent, true);
-        settle();
-
-        QCOMPARE(rig.apps->apps().size(), 2);
-        const auto absentRow = rig.row(rig.apps->apps(), absent);
-        QVERIFY(absentRow);
-        QCOMPARE(absentRow->name, absent);
-        QCOMPARE(absentRow->pid, 0);
-        QVERIFY(!absentRow->isPlaying);
-        QCOMPARE(rig.row(rig.apps->apps(), silent)->name, QStringLiteral("Silent Editor"));
-        QVERIFY(rig.hardware->processTaps().empty());
-    }
-
+    // Helpers count as their responsible application; processes without a bundle identifier, and
+    // Ondril itself, are not listed. A favourite is listed without a playing process.
     void attribution() {
         AppRig rig;
         rig.addApp(100, QStringLiteral("org.example.Browser"), QStringLiteral("Browser"), false);
@@ -170,6 +139,11 @@ private slots:
         rig.addApp(300, std::nullopt, QStringLiteral("nameless daemon"));
         rig.addApp(400, QStringLiteral("com.kestrivane.ondril"), QStringLiteral("Ondril"));
         rig.addApp(500, QStringLiteral("org.example.Alpha"), QStringLiteral("alpha"), false);
+        const QString absent = QStringLiteral("org.example.Absent");
+        const QString silent = QStringLiteral("org.example.Silent");
+        rig.applications.addProcess(5000, {silent, QStringLiteral("Silent Editor"), 0});
+        rig.apps->setFavourite(absent, true);
+        rig.apps->setFavourite(silent, true);
         rig.apps->refresh();
         settle();
 
@@ -177,12 +151,19 @@ private slots:
         for (const AppAudioState& row : rig.apps->allApps())
             order.append(row.bundleID);
         // Playing first, then by name without regard to case.
-        QCOMPARE(order,
-                 (QStringList{"org.example.Browser", "org.example.Alpha", "org.example.Tool"}));
+        QCOMPARE(order, (QStringList{"org.example.Browser", "org.example.Alpha", absent, silent,
+                                     "org.example.Tool"}));
         const auto browser = rig.row(rig.apps->allApps(), QStringLiteral("org.example.Browser"));
         QVERIFY(browser->isPlaying);
         QCOMPARE(browser->pid, 100);
-        QCOMPARE(rig.apps->apps().size(), 1);
+        QCOMPARE(rig.apps->apps().size(), 3);
+        const auto absentRow = rig.row(rig.apps->apps(), absent);
+        QVERIFY(absentRow);
+        QCOMPARE(absentRow->name, absent);
+        QCOMPARE(absentRow->pid, 0);
+        QVERIFY(!absentRow->isPlaying);
+        QCOMPARE(rig.row(rig.apps->apps(), silent)->name, QStringLiteral("Silent Editor"));
+        QVERIFY(rig.hardware->processTaps().empty());
     }
 
     void playStateBurstCostsOneRefresh() {

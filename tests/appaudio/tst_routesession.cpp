@@ -1,8 +1,16 @@
+#include "app/AppSettings.h"
+#include "app/NotificationCenter.h"
 #include "appaudio/LevelMeter.h"
 #include "appaudio/RouteSession.h"
+#include "appaudio/SwitchSound.h"
+#include "devices/AudioDeviceManager.h"
+#include "platform/UserDefaults.h"
 #include "platform/simulated/SimulatedAudioHardware.h"
+#include "platform/simulated/SimulatedSoundLibrary.h"
 
 #include <QtTest>
+
+#include "TestSupport.h"
 
 #include <atomic>
 #include <cmath>
@@ -79,8 +87,9 @@ struct Service : SimulatedAudioHardware {
 
 Q_DECLARE_METATYPE(Buffers)
 
-// The session's procedure, aggregate and failed start on the simulated service. The limiter's
-// curve is heard through the same procedure in the boost server test.
+// The session's procedure, aggregate and failed start, the level meter's tap and the switch sound,
+// on the simulated service. The limiter's curve is heard through the same procedure in the boost
+// server test; the meter moving with real audio, in the app audio server test.
 class RouteSessionTest : public QObject {
     Q_OBJECT
 
@@ -103,21 +112,15 @@ private slots:
         QTest::newRow("stereo to two mono buffers: channels run across buffers")
             << Buffers{{2, {0.1f, 0.2f, 0.3f, 0.4f}}} << Buffers{out(1, 2), out(1, 2)} << 1.0f
             << 0.0f << Buffers{{1, {0.1f, 0.3f}}, {1, {0.2f, 0.4f}}} << 0.4f;
-        QTest::newRow("planar input of two lengths: the shorter decides")
+        QTest::newRow("planar input of two lengths: the shorter decides, the tail is silent")
             << Buffers{{1, {0.1f, 0.2f, 0.3f}}, {1, {0.4f, 0.5f}}} << Buffers{out(2, 3)} << 1.0f
             << 0.0f << Buffers{{2, {0.1f, 0.4f, 0.2f, 0.5f, 0, 0}}} << 0.5f;
-        QTest::newRow("short input: the tail is silent")
-            << Buffers{{2, {0.5f, 0.6f}}} << Buffers{out(2, 3)} << 1.0f << 0.0f
-            << Buffers{{2, {0.5f, 0.6f, 0, 0, 0, 0}}} << 0.6f;
         QTest::newRow("no usable input: silence, peak untouched")
             << Buffers{{2, {0.5f, 0.6f}, false}, {0, {0.5f, 0.6f}}} << Buffers{out(2, 2)} << 1.0f
             << 0.3f << Buffers{{2, {0, 0, 0, 0}}} << 0.3f;
         QTest::newRow("unusable output buffer skipped without using a channel")
             << Buffers{{2, {0.1f, 0.2f}}} << Buffers{{2, {7.0f, 7.0f}, false}, out(2, 1)} << 1.0f
             << 0.0f << Buffers{{2, {7.0f, 7.0f}}, {2, {0.1f, 0.2f}}} << 0.2f;
-        QTest::newRow("zero gain: silence, peak stays 0")
-            << Buffers{{2, {0.5f, -0.6f}}} << Buffers{out(2, 1)} << 0.0f << 0.0f
-            << Buffers{{2, {0, 0}}} << 0.0f;
         QTest::newRow("half gain") << Buffers{{2, {0.5f, -0.6f}}} << Buffers{out(2, 1)} << 0.5f
                                    << 0.0f << Buffers{{2, {0.25f, -0.3f}}} << 0.3f;
         QTest::newRow("peak only raised") << Buffers{{2, {0.5f, 0.1f}}} << Buffers{out(2, 1)}
@@ -201,33 +204,87 @@ private slots:
         QCOMPARE(uids, subdevices);
     }
 
+    // The row's name is what the log says failed, with the status the service fails it with.
     void failedStartLogsAndLeavesNothing_data() {
-        QTest::addColumn<bool>("failTap");
-        QTest::addColumn<QString>("message");
-
-        QTest::newRow("tap") << true
-                             << QStringLiteral("process tap failed (%1) for org.example.Player")
-                                    .arg(kAudioHardwareIllegalOperationError);
-        QTest::newRow("aggregate") << false
-                                   << QStringLiteral("aggregate create failed (%1) for "
-                                                     "org.example.Player")
-                                          .arg(kAudioHardwareUnspecifiedError);
+        QTest::addColumn<int>("status");
+        QTest::newRow("process tap") << int(kAudioHardwareIllegalOperationError);
+        QTest::newRow("aggregate create") << int(kAudioHardwareUnspecifiedError);
     }
 
     void failedStartLogsAndLeavesNothing() {
-        QFETCH(bool, failTap);
-        QFETCH(QString, message);
-
+        QFETCH(int, status);
+        const QString failed = QTest::currentDataTag();
         Service hardware;
-        if (failTap)
+        if (failed == "process tap")
             hardware.failNextTapCreation();
         else
             hardware.failNextAggregateCreation();
         RouteSession session(hardware, bundle, {hardware.process}, {QStringLiteral("speakers")});
+        const QString message =
+            QStringLiteral("%1 failed (%2) for %3").arg(failed).arg(status).arg(bundle);
         QTest::ignoreMessage(QtCriticalMsg, qPrintable(message));
         QVERIFY(!session.start());
         QVERIFY(hardware.processTaps().empty());
         QVERIFY(hardware.aggregateDevices().empty());
+    }
+
+    // Without a real output the meter does not start.
+    void meterTapsTheDefaultOutputWhileRunning() {
+        SimulatedAudioHardware hardware;
+        AudioDeviceManager audio(hardware);
+        TestSupport::spinEventLoop();
+        LevelMeter meter(audio);
+        meter.start();
+        QVERIFY(!meter.isRunning());
+        QVERIFY(hardware.processTaps().empty());
+
+        SimulatedAudioHardware::DeviceSpec speakers;
+        speakers.uid = QStringLiteral("speakers");
+        hardware.setDefaultOutputDevice(hardware.addDevice(speakers));
+        TestSupport::spinEventLoop();
+        meter.stop(); // without start: nothing
+        meter.start();
+        meter.start();
+        QVERIFY(meter.isRunning());
+        QCOMPARE(hardware.processTaps().size(), std::size_t(1));
+        QVERIFY(hardware.tapDescription(hardware.processTaps().front())->isExclusive);
+
+        hardware.runIOCycle(meter.aggID(), std::vector<float>(8, -0.25f), 4);
+        QCOMPARE(meter.box().peak.load(), 0.25f);
+
+        meter.tick();
+        QVERIFY(meter.outputLevel() > 0.0);
+        meter.stop();
+        QCOMPARE(meter.outputLevel(), 0.0);
+        QVERIFY(hardware.processTaps().empty());
+        QVERIFY(hardware.aggregateDevices().empty());
+    }
+
+    // The named pop, else the theme's sound, else silence; none while switched off. Each is held
+    // from its start until 2 s later.
+    void switchSoundPicksItsSoundAndIsHeldWhilePlaying() {
+        QTemporaryDir directory;
+        UserDefaults defaults(directory.filePath(QStringLiteral("defaults.json")));
+        NotificationCenter center;
+        AppSettings settings(defaults, center);
+        SimulatedSoundLibrary library;
+        const QString theme =
+            QStringLiteral("/usr/share/sounds/freedesktop/stereo/audio-volume-change.oga");
+        playSwitchSound(QStringLiteral("headphones"), settings, library); // no sound at all
+        library.addSound(theme);
+        playSwitchSound(std::nullopt, settings, library);
+        library.addSound(QStringLiteral("Pop"));
+        playSwitchSound(QStringLiteral("headphones"), settings, library);
+        defaults.setBool(false, SettingsKeys::switchSound);
+        playSwitchSound(QStringLiteral("headphones"), settings, library);
+
+        QCOMPARE(library.played().size(), 2);
+        QCOMPARE(library.played()[0].sound, theme);
+        QCOMPARE(library.played()[0].deviceUID, QString());
+        QCOMPARE(library.played()[1].sound, QStringLiteral("Pop"));
+        QCOMPARE(library.played()[1].deviceUID, QStringLiteral("headphones"));
+        QCOMPARE(activeSwitchSoundCount(), 2);
+        QTRY_COMPARE_WITH_TIMEOUT(activeSwitchSoundCount(), 0, 3000);
     }
 };
 
