@@ -8,8 +8,10 @@
 #include <QQuickView>
 #include <QSet>
 #include <QTest>
+#include <QWindow>
 
-// The panel's main screen on the simulated service: what its rows show and what a tap does.
+// The panel's main screen on the simulated service: what its rows show and what a tap does, and
+// how the panel window closes.
 class TestMenuBarView : public QObject {
     Q_OBJECT
 
@@ -54,13 +56,6 @@ private:
         QTest::mouseRelease(view(), Qt::LeftButton, {}, beyond.toPoint());
         settle();
     }
-    std::optional<OutputGroup> stored(const QUuid& id) const {
-        for (const OutputGroup& group : m_rig->manager->groups())
-            if (group.id == id)
-                return group;
-        return std::nullopt;
-    }
-
     QString lastSoundDevice() const {
         return m_sounds->played().isEmpty() ? QString() : m_sounds->played().last().deviceUID;
     }
@@ -150,9 +145,9 @@ private slots:
     void openGroupControlsWriteTheGroup() {
         click("groupRow_Displays");
         dragPastTheEnd("masterSlider", +1);
-        QCOMPARE(stored(m_displays.id)->masterVolume, 1.0);
+        QCOMPARE(m_rig->manager->activeGroup()->masterVolume, 1.0);
         dragPastTheEnd("balanceSlider", -1);
-        QCOMPARE(stored(m_displays.id)->balance.value(m_rig->leftUID, -1), 0.0);
+        QCOMPARE(m_rig->manager->activeGroup()->balance.value(m_rig->leftUID, -1), 0.0);
 
         click("muteButton");
         QVERIFY(m_rig->manager->isMuted());
@@ -195,6 +190,34 @@ private slots:
         QVERIFY(!shows("outputRows"));
         QCOMPARE(m_rig->defaults->stringArrayForKey(SettingsKeys::collapsedSections),
                  QStringList{MenuBarController::outputSection});
+    }
+
+    // The panel closes when another window takes the focus, unless pinned; Escape closes it
+    // either way.
+    void clickAwayClosesUnlessPinned_data() {
+        QTest::addColumn<bool>("pinned");
+        QTest::newRow("not pinned") << false;
+        QTest::newRow("pinned") << true;
+    }
+    void clickAwayClosesUnlessPinned() {
+        QFETCH(bool, pinned);
+        m_rig->defaults->setBool(pinned, SettingsKeys::pinPanel);
+        openPanel();
+        QTRY_VERIFY(view()->isActive());
+
+        QWindow elsewhere;
+        elsewhere.resize(50, 50);
+        elsewhere.show();
+        elsewhere.requestActivate();
+        QTRY_VERIFY(elsewhere.isActive());
+        QCOMPARE(m_rig->panel->isVisible(), pinned);
+        if (!pinned)
+            return;
+        view()->requestActivate();
+        QTRY_VERIFY(view()->isActive());
+        QTest::keyClick(view(), Qt::Key_Escape);
+        QVERIFY(!m_rig->panel->isVisible());
+        QVERIFY(m_rig->panel->msSinceLastClose().has_value());
     }
 };
 
