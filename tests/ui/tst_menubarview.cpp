@@ -61,17 +61,15 @@ private:
         QVERIFY(QTest::qWaitForWindowExposed(view()));
         settle();
     }
-    // Presses inside the slider and drags well beyond its right (+1) or left (-1) end.
-    void dragPastTheEnd(const QString& name, int direction) {
-        QQuickItem* slider = item(name);
+    // Presses the slider at `from` of its width, lets go at `to` (past an end: below 0, above 1).
+    void drag(QQuickItem* slider, double from, double to) {
         QVERIFY(slider);
-        const qreal y = slider->height() / 2;
-        const QPointF inside = slider->mapToScene(QPointF(slider->width() / 2, y));
-        const QPointF beyond =
-            slider->mapToScene(QPointF(direction > 0 ? slider->width() + 30 : -30, y));
-        QTest::mousePress(view(), Qt::LeftButton, {}, inside.toPoint());
-        QTest::mouseMove(view(), beyond.toPoint());
-        QTest::mouseRelease(view(), Qt::LeftButton, {}, beyond.toPoint());
+        const auto at = [&](double x) {
+            return slider->mapToScene(QPointF(slider->width() * x, slider->height() / 2)).toPoint();
+        };
+        QTest::mousePress(view(), Qt::LeftButton, {}, at(from));
+        QTest::mouseMove(view(), at(to));
+        QTest::mouseRelease(view(), Qt::LeftButton, {}, at(to));
         settle();
     }
     QString lastSoundDevice() const {
@@ -162,9 +160,9 @@ private slots:
 
     void openGroupControlsWriteTheGroup() {
         click("groupRow_Displays");
-        dragPastTheEnd("masterSlider", +1);
+        drag(item("masterSlider"), 0.5, 1.5);
         QCOMPARE(m_rig->manager->activeGroup()->masterVolume, 1.0);
-        dragPastTheEnd("balanceSlider", -1);
+        drag(item("balanceSlider"), 0.5, -0.5);
         QCOMPARE(m_rig->manager->activeGroup()->balance.value(m_rig->leftUID, -1), 0.0);
 
         click("muteButton");
@@ -308,16 +306,11 @@ private slots:
         QVERIFY(row);
 
         for (const QString& step : std::as_const(clicks)) {
-            if (!step.startsWith(QLatin1String("drag "))) {
+            if (step.startsWith(QLatin1String("drag ")))
+                drag(appItem(QStringLiteral("volumeSlider")), step.mid(5).toDouble(),
+                     step.mid(5).toDouble());
+            else
                 click(appItem(step));
-                continue;
-            }
-            QQuickItem* slider = appItem(QStringLiteral("volumeSlider"));
-            const QPointF at = slider->mapToScene(
-                QPointF(slider->width() * step.mid(5).toDouble(), slider->height() / 2));
-            QTest::mousePress(view(), Qt::LeftButton, {}, at.toPoint());
-            QTest::mouseRelease(view(), Qt::LeftButton, {}, at.toPoint());
-            settle();
         }
 
         QCOMPARE(item(QStringLiteral("appRow:") + player), row); // the row lived through it all
