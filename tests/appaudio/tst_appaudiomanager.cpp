@@ -122,7 +122,6 @@ private slots:
         QTest::newRow("below 0 clamps to 0") << QStringList{"volume -1"} << "record 0, session 0";
         QTest::newRow("muted boost: no limiter")
             << QStringList{"volume 2", "mute"} << "record 2, session 0";
-        QTest::newRow("favourite at unity") << QStringList{"favourite"} << "record 1, no session";
         QTest::newRow("unrouting a favourite keeps its record")
             << QStringList{"favourite", "route", "unroute"} << "record 1, no session";
     }
@@ -457,10 +456,8 @@ private slots:
     // The named pop, else the theme's sound, else silence; none while switched off. Each is held
     // from its start until 2 s later.
     void switchSoundPicksItsSoundAndIsHeldWhilePlaying() {
-        QTemporaryDir directory;
-        UserDefaults defaults(directory.filePath(QStringLiteral("defaults.json")));
-        NotificationCenter center;
-        AppSettings settings(defaults, center);
+        AppRig rig;
+        AppSettings& settings = *rig.settings;
         SimulatedSoundLibrary library;
         const QString theme =
             QStringLiteral("/usr/share/sounds/freedesktop/stereo/audio-volume-change.oga");
@@ -469,7 +466,7 @@ private slots:
         playSwitchSound(std::nullopt, settings, library);
         library.addSound(QStringLiteral("Pop"));
         playSwitchSound(QStringLiteral("headphones"), settings, library);
-        defaults.setBool(false, SettingsKeys::switchSound);
+        rig.defaults->setBool(false, SettingsKeys::switchSound);
         playSwitchSound(QStringLiteral("headphones"), settings, library);
 
         QCOMPARE(library.played().size(), 2);
