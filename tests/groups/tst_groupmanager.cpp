@@ -62,13 +62,11 @@ public:
     }
 };
 
-// GroupManager on the simulated service: activation, the three group states and every way
-// between them, group volume written as each member's own device volume (master × balance, or 0
-// while muted), and what happens when the manager is made: loading, the fold of old names and the
-// restore of the group that was on when the program last ran; the stored list's codec. Most cases
-// use A, both displays at 0.4, and B, the headphones. Then auto-switch rules and priority lists, on
-// a rig of their own: which outcome a run reaches, what it applies, what it leaves alone, and how
-// the stored lists read.
+// GroupManager on the simulated service: activation, the three group states and the ways between
+// them, group volume as each member's device volume (master × balance, or 0 while muted), the
+// launch (loading, the fold of old names, the restore) and the stored list's codec, mostly with
+// A, both displays at 0.4, and B, the headphones. Then auto-switch rules and priority lists, on a
+// rig of their own: what a run applies or leaves alone, and how the stored lists read.
 class TestGroupManager : public QObject {
     Q_OBJECT
 
@@ -388,10 +386,8 @@ private slots:
         QCOMPARE(m_rig->volumeOf(m_rig->headphones), 0.5f);
     }
 
-    // A step with a group on moves the master; without one it moves the default output's own
-    // volume. A step of 0 keeps the mute, any other ends it. stepVolume stepping a group out of its
-    // mute is heard on the servers. (What the steps return is for an overlay that does not exist
-    // yet: the tray only asks whether a step was taken.)
+    // A step with a group on moves the master; without one, the default output's own volume. A
+    // step of 0 keeps the mute, any other ends it (a group's is heard on the servers).
     void steps_data() {
         QTest::addColumn<bool>("withGroup");
         QTest::addColumn<double>("start");
@@ -436,8 +432,7 @@ private slots:
         }
     }
 
-    // At launch. (That the restore steps aside for a group a rule put on first is the auto-switch
-    // test's.) A stored list that does not decode loads empty, and stays as it is until the next
+    // A stored list that does not decode loads empty at launch, and stays as it is until the next
     // save.
     void corruptListLoadsEmptyAndStaysUntilTheNextSave_data() {
         QTest::addColumn<QString>("key");

@@ -7,11 +7,10 @@
 #include <QTimer>
 #include <QtTest>
 
-// Output groups and auto-switch rules on a real private sound server (PulseAudio or PipeWire, as
-// ONDRIL_TEST_SERVER says), through GroupManager, AudioDeviceManager and the libpulse realisation:
-// what pactl sees and what the members' monitors carry must be what the group says. Both servers
-// have a default policy of their own (a fallback when the default sink goes, the configured
-// default taken back when it returns); a rule's result must stand beside it.
+// Output groups and auto-switch rules on a real private sound server (ONDRIL_TEST_SERVER says
+// which): what pactl sees and the members' monitors carry must be what the group says. Both
+// servers have a default policy of their own (a fallback when the default sink goes, the
+// configured default taken back when it returns); a rule's result must stand beside it.
 namespace {
 
 const QString kLeft = QStringLiteral("studio_left");
@@ -19,7 +18,6 @@ const QString kRight = QStringLiteral("studio_right");
 const QString kAirPods = QStringLiteral("airpods");
 const QString kBuiltin = QStringLiteral("builtin"); // never a member; the output before the group
 const QString kHeadsetMic = QStringLiteral("headset_mic");
-constexpr int kWaitMs = ServerRig::generousWaitMs;
 constexpr int kSettleMs = 700; // long enough for a server's own policy to have acted
 
 } // namespace
@@ -245,7 +243,7 @@ private slots:
 
         m_rig->server->stop();
         // While the server is away a write fails, and does not hang.
-        QTRY_VERIFY_WITH_TIMEOUT(!m_rig->audio->setVolume(0.5f, *left), kWaitMs);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_rig->audio->setVolume(0.5f, *left), ServerRig::generousWaitMs);
         QVERIFY2(m_rig->server->start(), qPrintable(m_rig->server->error()));
         // The fresh server knows nothing of the group: its sinks are new, at full volume.
         QVERIFY2(eventually([&] {
