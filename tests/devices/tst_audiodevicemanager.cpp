@@ -3,7 +3,6 @@
 
 #include "TestSupport.h"
 
-#include <QLocale>
 #include <QSignalSpy>
 #include <QtTest>
 
@@ -16,13 +15,6 @@ Spec outputSpec(const QString& uid, const QString& name = {}) {
     spec.uid = uid;
     spec.name = name.isEmpty() ? uid : name;
     return spec;
-}
-
-QStringList uids(const QList<AudioDevice>& devices) {
-    QStringList result;
-    for (const AudioDevice& device : devices)
-        result.append(device.uid);
-    return result;
 }
 
 float storedVolume(const SimulatedAudioHardware& hardware, AudioObjectID id,
@@ -42,19 +34,23 @@ std::unique_ptr<AudioDeviceManager> publishedManager(SimulatedAudioHardware& har
     return manager;
 }
 
+// Rows that read "input|expected".
+void addRows(const QList<const char*>& rows) {
+    QTest::addColumn<QString>("input");
+    QTest::addColumn<QString>("expected");
+    for (const char* row : rows)
+        QTest::newRow(row) << QString(row).section(u'|', 0, -2) << QString(row).section(u'|', -1);
+}
+
 } // namespace
 
-// The device manager on the simulated service. Finding a device whose UID drifted is the device
-// test's matchingUID, and the group activation test's drifted member.
+// The device manager on the simulated service, and the string logic around a device: how a stored
+// UID is recognised after the sound system changed its volatile parts (also through the manager:
+// the group activation test's drifted member).
 class TestAudioDeviceManager : public QObject {
     Q_OBJECT
 
 private slots:
-    void initTestCase() {
-        // The sort follows the user's locale; pin one so the expected orders hold on any machine.
-        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
-    }
-
     // Which devices are listed where, and under which UID and name: uid|name|output channels|
     // input channels|listed ("output", "input" or none)|shown name. "-" stands for a missing UID
     // or name; -1 output channels for an unreadable stream configuration.
@@ -100,33 +96,6 @@ private slots:
         QCOMPARE(records.first().name, shownName);
         if (records.first().isInput)
             QVERIFY(!records.first().volume && !records.first().isVolumeSettable);
-    }
-
-    void listsAreSortedByNameLocaleAwareCaseInsensitiveAndStable_data() {
-        QTest::addColumn<QStringList>("serviceOrder"); // "name|uid"
-        QTest::addColumn<QStringList>("expectedUIDs");
-        QTest::newRow("case does not rank")
-            << QStringList{"beta|1", "Alpha|2", "alpha zulu|3", "Gamma|4"}
-            << QStringList{"2", "3", "1", "4"};
-        QTest::newRow("accented letters sort with their base letter")
-            << QStringList{"Zed|1", "Eve|2", "Émile|3", "eagle|4"}
-            << QStringList{"4", "3", "2", "1"};
-        QTest::newRow("equal names keep the service's order")
-            << QStringList{"Speakers|b", "Dock|x", "Speakers|a", "speakers|c"}
-            << QStringList{"x", "b", "a", "c"};
-    }
-    void listsAreSortedByNameLocaleAwareCaseInsensitiveAndStable() {
-        QFETCH(QStringList, serviceOrder);
-        QFETCH(QStringList, expectedUIDs);
-        SimulatedAudioHardware hardware;
-        for (const QString& entry : serviceOrder) {
-            Spec spec = outputSpec(entry.section(u'|', 1), entry.section(u'|', 0, 0));
-            spec.inputChannels = {2};
-            hardware.addDevice(spec);
-        }
-        auto manager = publishedManager(hardware);
-        QCOMPARE(uids(manager->outputDevices()), expectedUIDs);
-        QCOMPARE(uids(manager->inputDevices()), expectedUIDs);
     }
 
     // Nothing is assigned until the loop turns; then the defaults before the lists, every field
@@ -285,6 +254,32 @@ private slots:
         manager.reset();
         QCOMPARE(hardware->listenerCount(), 0);
         TestSupport::spinEventLoop(); // the queued delivery must find nobody
+    }
+
+    // The stored UID, the present ones (comma-separated) and the one that matches: the same stable
+    // key (the second, third and last of at least five parts) under another UID, only one.
+    void matchingUIDTakesOnlyAnUnambiguousMatch_data() {
+        addRows({"usb:mic:1:2:serial|usb:mic:1:2:serial,bt:mic:1:9:serial|bt:mic:1:9:serial",
+                 "a:b:c:d:e:f:g|x:b:c:y:z:g|x:b:c:y:z:g",
+                 "usb:mic:1:2:serial|x:mic:1:3:serial,y:mic:1:4:serial|",
+                 "usb:mic:1:2:serial|usb:mic:1:2:serial|", "usb:mic:1:2:serial|mic:1:serial|",
+                 "a:b:c:d|x:b:c:y:d|", "a:b:c:d:e|x:b:c:d:f|"});
+    }
+    void matchingUIDTakesOnlyAnUnambiguousMatch() {
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        const auto match =
+            AudioDevice::matchingUID(input.section(u'|', 0, 0), input.section(u'|', 1).split(u','));
+        QCOMPARE(match.value_or(QString()), expected);
+    }
+
+    void baseUIDStripsOnlyAChannelList_data() {
+        addRows({"X:1,2|X", "dev:a:3|dev:a", "X:|", "X:1a|", "X|", "X:,|X"});
+    }
+    void baseUIDStripsOnlyAChannelList() {
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        QCOMPARE(AudioDevice::baseUID(input).value_or(QString()), expected);
     }
 };
 

@@ -1,10 +1,54 @@
 #include "GroupTestRig.h"
 
+#include "groups/AudioRuleCodec.h"
+#include "groups/AutoSwitchToken.h"
+
 #include <QtTest>
 
 #include <cmath>
 
 using Names = QMap<QString, QString>;
+
+namespace {
+
+const QString kMicUID = QStringLiteral("usb:Acme:Microphone:2001:1");
+const QString kHeadsetMicUID = QStringLiteral("bluetooth:Acme:HeadsetMic:2002:1");
+// The right display's UID after a reconnection: same stable key, other volatile part.
+const QString kDriftedRightUID = QStringLiteral("usb:Acme:RightDisplay:9999:1,2");
+
+AudioRule rule(const QStringList& required, const RuleAction& action) {
+    return AudioRule{QUuid::createUuid(), required, action, true};
+}
+
+QString tokenOf(const AudioRule& rule) {
+    return OutputGroupCodec::uuidText(rule.id);
+}
+
+// The rig with both switches on and an input or two beside the outputs.
+struct AutoSwitchRig : GroupTestRig {
+    AudioObjectID mic = 0;
+
+    AutoSwitchRig() {
+        defaults->setBool(true, SettingsKeys::autoSwitchGroups);
+        defaults->setBool(true, SettingsKeys::autoSwitchInputs);
+        mic = addInput(kMicUID, QStringLiteral("Microphone"));
+        hardware->setDefaultInputDevice(mic);
+    }
+
+    void unplug(AudioObjectID id) {
+        hardware->removeDevice(id);
+        settle();
+    }
+
+    int defaultOutputWrites() const {
+        return hardware->setPropertyCallCount(kAudioHardwarePropertyDefaultOutputDevice);
+    }
+    int defaultInputWrites() const {
+        return hardware->setPropertyCallCount(kAudioHardwarePropertyDefaultInputDevice);
+    }
+};
+
+} // namespace
 
 // Keeps every aggregate description it is handed.
 class RecordingHardware : public SimulatedAudioHardware {
@@ -18,11 +62,11 @@ public:
     }
 };
 
-// GroupManager on the simulated service: activation, the three group states and every way
-// between them, group volume written as each member's own device volume (master × balance, or 0
-// while muted), and what happens when the manager is made: loading, the fold of old names and the
-// restore of the group that was on when the program last ran. Most cases use A, both displays at
-// 0.4, and B, the headphones.
+// GroupManager on the simulated service: activation, the three group states and the ways between
+// them, group volume as each member's device volume (master × balance, or 0 while muted), the
+// launch (loading, the fold of old names, the restore) and the stored list's codec, mostly with
+// A, both displays at 0.4, and B, the headphones. Then auto-switch rules and priority lists, on a
+// rig of their own: what a run applies or leaves alone, and how the stored lists read.
 class TestGroupManager : public QObject {
     Q_OBJECT
 
@@ -242,16 +286,9 @@ private slots:
 
     void leftoverGroupAggregateAsDefaultIsNotCaptured() {
         GroupManager& manager = launch();
-        AudioObjectID leftover = 0;
-        QCOMPARE(m_rig->hardware->AudioHardwareCreateAggregateDevice(
-                     GroupManager::aggregateDescription("Other run", {GroupTestRig::headphonesUID},
-                                                        GroupTestRig::headphonesUID,
-                                                        QUuid::createUuid()),
-                     leftover),
-                 kAudioHardwareNoError);
-        m_rig->hardware->setDefaultOutputDevice(leftover);
+        m_rig->hardware->setDefaultOutputDevice(
+            m_rig->addOutput(GroupManager::aggregateUID(QUuid::createUuid()), "Other run"));
         settle();
-
         QVERIFY(manager.activate(m_a));
         QCOMPARE(manager.previousOutputUID(), std::nullopt);
     }
@@ -302,31 +339,40 @@ private slots:
         }
     }
 
-    void nonFiniteValuesNeverReachTheStoredList() {
-        GroupTestRig& rig = *m_rig;
-        const OutputGroup& displays = m_a;
-        GroupManager& manager = launch();
-        QVERIFY(manager.activate(displays));
-        const double nan = std::nan("");
-        manager.setMasterVolume(displays, nan);
-        manager.setBalance(displays, rig.rightUID, nan);
-        QVERIFY(!manager.stepGroupVolume(nan));
-        QVERIFY(!rig.audio->setVolume(std::nanf(""), rig.left));
-        QCOMPARE(rig.volumeOf(rig.left), 0.4f);
-
-        // Infinities clamp, and the list is saved again as a whole.
-        manager.setBalance(displays, rig.rightUID, -HUGE_VAL);
-        manager.setMasterVolume(displays, HUGE_VAL);
-        QCOMPARE(storedGroup(displays.id).masterVolume, 1.0);
-        QCOMPARE(storedGroup(displays.id).balance.value(rig.rightUID), 0.0);
-        QCOMPARE(rig.volumeOf(rig.right), 0.0f);
-    }
-
-    // A group that is off is stored without a device write; one the manager does not know is not
-    // stored at all.
-    void groupNotOnIsStoredWithoutTouchingDevices() {
+    // With A on, in turn: the setters change the stored record, not the caller's copy, so a stale
+    // copy changes only the master; non-finite values are refused, infinities clamp; a master set
+    // while muted is stored for the unmute. A group that is off is stored without a device write;
+    // one the manager does not know is not stored at all.
+    void settersWriteTheStoredRecord() {
         GroupManager& manager = launch();
         QVERIFY(manager.activate(m_a));
+        manager.setBalance(m_a, m_rig->leftUID, 0.5);
+        manager.setMasterVolume(m_a, 0.8); // the copy still has no balance
+        QCOMPARE(storedGroup(m_a.id).masterVolume, 0.8);
+        QCOMPARE(storedGroup(m_a.id).balance.value(m_rig->leftUID), 0.5);
+        QCOMPARE(m_rig->volumeOf(m_rig->left), 0.4f);
+        QCOMPARE(m_rig->volumeOf(m_rig->right), 0.8f);
+
+        const double nan = std::nan("");
+        manager.setMasterVolume(m_a, nan);
+        manager.setBalance(m_a, m_rig->leftUID, nan);
+        QVERIFY(!manager.stepGroupVolume(nan));
+        QVERIFY(!m_rig->audio->setVolume(std::nanf(""), m_rig->left));
+        QCOMPARE(m_rig->volumeOf(m_rig->left), 0.4f);
+        manager.setBalance(m_a, m_rig->rightUID, -HUGE_VAL);
+        manager.setMasterVolume(m_a, HUGE_VAL);
+        QCOMPARE(storedGroup(m_a.id).masterVolume, 1.0);
+        QCOMPARE(storedGroup(m_a.id).balance.value(m_rig->rightUID), 0.0);
+        QCOMPARE(m_rig->volumeOf(m_rig->right), 0.0f);
+
+        manager.toggleGroupMute();
+        manager.setMasterVolume(m_a, 0.9);
+        QCOMPARE(manager.isMuted(), true);
+        QCOMPARE(m_rig->volumeOf(m_rig->left), 0.0f);
+        QCOMPARE(m_rig->audio->isMuted(m_rig->left), std::optional<bool>(false)); // controls kept
+        manager.toggleGroupMute();
+        QCOMPARE(m_rig->volumeOf(m_rig->left), 0.45f);
+
         const int writes = m_rig->hardware->setPropertyCallCount(kAudioDevicePropertyVolumeScalar);
         manager.setMasterVolume(m_b, 0.1);
         manager.setBalance(m_b, GroupTestRig::headphonesUID, 0.1);
@@ -334,46 +380,14 @@ private slots:
         const OutputGroup stranger = makeGroup("Stranger", {GroupTestRig::leftUID});
         manager.setMasterVolume(stranger, 0.2);
         manager.setBalance(stranger, GroupTestRig::leftUID, 0.2);
-
         QCOMPARE(m_rig->hardware->setPropertyCallCount(kAudioDevicePropertyVolumeScalar), writes);
         QCOMPARE(*m_rig->defaults->dataForKey(SettingsKeys::groups), stored);
         QCOMPARE(storedGroup(m_b.id).masterVolume, 0.1);
         QCOMPARE(m_rig->volumeOf(m_rig->headphones), 0.5f);
     }
 
-    void staleCopyChangesOnlyTheMaster() {
-        GroupTestRig& rig = *m_rig;
-        const OutputGroup& stale = m_a;
-        GroupManager& manager = launch();
-        QVERIFY(manager.activate(stale));
-        manager.setBalance(stale, rig.leftUID, 0.5);
-        manager.setMasterVolume(stale, 0.8); // the copy still has no balance
-
-        const OutputGroup stored = storedGroup(stale.id);
-        QCOMPARE(stored.masterVolume, 0.8);
-        QCOMPARE(stored.balance.value(rig.leftUID), 0.5);
-        QCOMPARE(rig.volumeOf(rig.left), 0.4f);
-        QCOMPARE(rig.volumeOf(rig.right), 0.8f);
-    }
-
-    void masterSetWhileMutedIsStoredForTheUnmute() {
-        GroupTestRig& rig = *m_rig;
-        const OutputGroup& displays = m_a;
-        GroupManager& manager = launch();
-        QVERIFY(manager.activate(displays));
-        manager.toggleGroupMute();
-        manager.setMasterVolume(displays, 0.9);
-        QCOMPARE(manager.isMuted(), true);
-        QCOMPARE(rig.volumeOf(rig.left), 0.0f);
-        QCOMPARE(rig.audio->isMuted(rig.left), std::optional<bool>(false)); // controls untouched
-        manager.toggleGroupMute();
-        QCOMPARE(rig.volumeOf(rig.left), 0.9f);
-    }
-
-    // A step with a group on moves the master; without one it moves the default output's own
-    // volume. A step of 0 keeps the mute, any other ends it. stepVolume stepping a group out of its
-    // mute is heard on the servers. (What the steps return is for an overlay that does not exist
-    // yet: the tray only asks whether a step was taken.)
+    // A step with a group on moves the master; without one, the default output's own volume. A
+    // step of 0 keeps the mute, any other ends it (a group's is heard on the servers).
     void steps_data() {
         QTest::addColumn<bool>("withGroup");
         QTest::addColumn<double>("start");
@@ -383,7 +397,6 @@ private slots:
         QTest::newRow("group: zero step stays muted") << true << 0.5 << true << 0.0 << 0.5;
         QTest::newRow("group: past one") << true << 0.98 << false << 0.0625 << 1.0;
         QTest::newRow("device: up unmutes") << false << 0.5 << true << 0.0625 << 0.5625;
-        QTest::newRow("device: clamped at one") << false << 0.5 << true << 0.75 << 1.0;
         QTest::newRow("device: zero keeps the mute") << false << 0.5 << true << 0.0 << 0.5;
     }
 
@@ -394,16 +407,14 @@ private slots:
         QFETCH(double, delta);
         QFETCH(double, expected);
         const bool mutedAfter = muted && delta == 0.0;
-        GroupTestRig& rig = *m_rig;
         m_a.masterVolume = start;
-        const OutputGroup& displays = m_a;
         GroupManager& manager = launch();
         if (withGroup) {
-            QVERIFY(manager.activate(displays));
+            QVERIFY(manager.activate(m_a));
             if (muted)
                 manager.toggleGroupMute();
         } else {
-            rig.audio->setMute(muted, rig.speakers);
+            m_rig->audio->setMute(muted, m_rig->speakers);
         }
 
         const auto result = withGroup ? manager.stepGroupVolume(delta) : manager.stepVolume(delta);
@@ -412,27 +423,16 @@ private slots:
         if (withGroup) {
             const float member = mutedAfter ? 0.0f : float(expected);
             QCOMPARE(manager.isMuted(), mutedAfter);
-            QCOMPARE(storedGroup(displays.id).masterVolume, expected);
-            QCOMPARE(rig.volumeOf(rig.left), member);
-            QCOMPARE(rig.volumeOf(rig.right), member);
+            QCOMPARE(storedGroup(m_a.id).masterVolume, expected);
+            QCOMPARE(m_rig->volumeOf(m_rig->left), member);
+            QCOMPARE(m_rig->volumeOf(m_rig->right), member);
         } else {
-            QCOMPARE(rig.volumeOf(rig.speakers), float(expected));
-            QCOMPARE(rig.audio->isMuted(rig.speakers), std::optional<bool>(mutedAfter));
+            QCOMPARE(m_rig->volumeOf(m_rig->speakers), float(expected));
+            QCOMPARE(m_rig->audio->isMuted(m_rig->speakers), std::optional<bool>(mutedAfter));
         }
     }
 
-    // Without a group on, the tray's middle click mutes and unmutes the default output itself.
-    void toggleMuteWithoutAGroupTogglesTheDefaultOutput() {
-        GroupTestRig& rig = *m_rig;
-        GroupManager& manager = rig.launch();
-        QVERIFY(manager.toggleMute());
-        QCOMPARE(rig.audio->isMuted(rig.speakers), std::optional<bool>(true));
-        QVERIFY(manager.toggleMute());
-        QCOMPARE(rig.audio->isMuted(rig.speakers), std::optional<bool>(false));
-    }
-
-    // At launch. (That the restore steps aside for a group a rule put on first is the auto-switch
-    // test's.) A stored list that does not decode loads empty, and stays as it is until the next
+    // A stored list that does not decode loads empty at launch, and stays as it is until the next
     // save.
     void corruptListLoadsEmptyAndStaysUntilTheNextSave_data() {
         QTest::addColumn<QString>("key");
@@ -441,17 +441,16 @@ private slots:
     }
     void corruptListLoadsEmptyAndStaysUntilTheNextSave() {
         QFETCH(QString, key);
-        GroupTestRig& rig = *m_rig;
         const QByteArray corrupt = R"([{"name":"ok"},{"name":7}])";
-        rig.defaults->setData(corrupt, key);
-        GroupManager& manager = rig.launch();
+        m_rig->defaults->setData(corrupt, key);
+        GroupManager& manager = m_rig->launch();
         QVERIFY(manager.groups().isEmpty() && manager.inputRules().isEmpty());
-        QCOMPARE(rig.defaults->dataForKey(key), std::optional<QByteArray>(corrupt));
+        QCOMPARE(m_rig->defaults->dataForKey(key), std::optional<QByteArray>(corrupt));
         if (key != SettingsKeys::groups)
             return;
-        manager.setGroups({makeGroup("New", {rig.leftUID})});
+        manager.setGroups({makeGroup("New", {m_rig->leftUID})});
         manager.saveGroups();
-        QCOMPARE(OutputGroupCodec::decode(*rig.defaults->dataForKey(key))->size(), 1);
+        QCOMPARE(OutputGroupCodec::decode(*m_rig->defaults->dataForKey(key))->size(), 1);
     }
 
     void oldDeviceNamesFoldIntoCustomNames_data() {
@@ -478,33 +477,35 @@ private slots:
         QFETCH(Names, groupNames);
         QFETCH(Names, customAfter);
         QFETCH(int, posts);
-        GroupTestRig& rig = *m_rig;
-        rig.defaults->setStringDictionary(customBefore, SettingsKeys::deviceNames);
-        OutputGroup group = makeGroup("Old", {rig.leftUID});
+        m_rig->defaults->setStringDictionary(customBefore, SettingsKeys::deviceNames);
+        OutputGroup group = makeGroup("Old", {m_rig->leftUID});
         group.deviceNames = groupNames;
-        rig.storeGroups({group});
+        m_rig->storeGroups({group});
         int posted = 0;
-        rig.center.addObserver(Notifications::deviceNamesChanged, nullptr, [&] { ++posted; });
+        m_rig->center.addObserver(Notifications::deviceNamesChanged, nullptr, [&] { ++posted; });
 
-        GroupManager& manager = rig.launch();
+        GroupManager& manager = m_rig->launch();
 
-        QCOMPARE(rig.defaults->stringDictionaryForKey(SettingsKeys::deviceNames).value_or(Names()),
-                 customAfter);
+        QCOMPARE(
+            m_rig->defaults->stringDictionaryForKey(SettingsKeys::deviceNames).value_or(Names()),
+            customAfter);
         QCOMPARE(posted, posts);
         // The old names stay in the record and are written again.
         QCOMPARE(manager.groups().first().deviceNames, groupNames);
     }
 
+    // Stored keys name A, under a fixed id.
     void restoreAtLaunch_data() {
-        QTest::addColumn<QString>("storedKey"); // "group" stands for the stored group's id
+        QTest::addColumn<QString>("storedKey"); // null: none stored
         QTest::addColumn<bool>("membersPresent");
         QTest::addColumn<bool>("expectOn");
-        QTest::newRow("present members") << "group" << true << true;
-        QTest::newRow("lower-case key") << "group-lower" << true << true;
-        QTest::newRow("no member present") << "group" << false << false;
+        const QString a = QStringLiteral("6F9619FF-8B86-D011-B42D-00C04FC964FF");
+        QTest::newRow("present members") << a << true << true;
+        QTest::newRow("lower-case key") << a.toLower() << true << true;
+        QTest::newRow("no member present") << a << false << false;
         QTest::newRow("invalid id") << "not a uuid" << true << false;
         QTest::newRow("unknown id")
-            << QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper() << true << false;
+            << OutputGroupCodec::uuidText(QUuid::createUuid()) << true << false;
         QTest::newRow("no key") << QString() << true << false;
     }
 
@@ -512,43 +513,352 @@ private slots:
         QFETCH(QString, storedKey);
         QFETCH(bool, membersPresent);
         QFETCH(bool, expectOn);
-        GroupTestRig& rig = *m_rig;
-        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
-        rig.storeGroups({displays});
+        m_a.id = QUuid::fromString(QStringLiteral("6F9619FF-8B86-D011-B42D-00C04FC964FF"));
+        m_rig->storeGroups({m_a});
         if (!membersPresent) {
-            rig.hardware->removeDevice(rig.left);
-            rig.hardware->removeDevice(rig.right);
+            m_rig->hardware->removeDevice(m_rig->left);
+            m_rig->hardware->removeDevice(m_rig->right);
         }
-        QString key = storedKey;
-        if (storedKey == "group")
-            key = OutputGroupCodec::uuidText(displays.id);
-        else if (storedKey == "group-lower")
-            key = OutputGroupCodec::uuidText(displays.id).toLower();
-        if (!key.isNull())
-            rig.defaults->setString(key, SettingsKeys::activeGroup);
+        if (!storedKey.isNull())
+            m_rig->defaults->setString(storedKey, SettingsKeys::activeGroup);
         // A leftover of the last run, as quitting leaves it.
         AudioObjectID leftover = 0;
-        rig.hardware->AudioHardwareCreateAggregateDevice(
-            GroupManager::aggregateDescription("Displays", {rig.speakersUID}, rig.speakersUID,
-                                               displays.id),
+        m_rig->hardware->AudioHardwareCreateAggregateDevice(
+            GroupManager::aggregateDescription("A", {m_rig->speakersUID}, m_rig->speakersUID,
+                                               m_a.id),
             leftover);
 
-        GroupManager& manager = rig.launch();
+        GroupManager& manager = m_rig->launch();
 
         QCOMPARE(manager.activeGroupID().has_value(), expectOn);
         if (expectOn) {
-            QCOMPARE(*manager.activeGroupID(), displays.id);
-            QCOMPARE(rig.defaultOutput(), *manager.activeDeviceID());
+            QCOMPARE(*manager.activeGroupID(), m_a.id);
+            QCOMPARE(m_rig->defaultOutput(), *manager.activeDeviceID());
             QVERIFY(*manager.activeDeviceID() != leftover);
-            QCOMPARE(int(rig.hardware->aggregateDevices().size()), 1);
-            QCOMPARE(rig.volumeOf(rig.left), 0.65f);
-            QCOMPARE(rig.hardware->createAggregateCallCount(), 2); // the leftover, then ours once
+            QCOMPARE(int(m_rig->hardware->aggregateDevices().size()), 1);
+            QCOMPARE(m_rig->volumeOf(m_rig->left), 0.4f);
+            QCOMPARE(m_rig->hardware->createAggregateCallCount(),
+                     2); // the leftover, then ours once
         } else {
-            QVERIFY(rig.hardware->aggregateDevices().empty());
+            QVERIFY(m_rig->hardware->aggregateDevices().empty());
         }
         // The key stays whatever the outcome; only deactivation removes it.
-        if (!key.isNull())
-            QVERIFY(rig.defaults->objectForKey(SettingsKeys::activeGroup));
+        if (!storedKey.isNull())
+            QVERIFY(m_rig->defaults->objectForKey(SettingsKeys::activeGroup));
+    }
+    // The stored list loads data of every older version: each missing id is fresh, a missing
+    // master is the first member. It fails as a whole on a corrupt entry, so the next save
+    // replaces it instead of silently dropping one group.
+    void missingKeysTakeTheirDefaults() {
+        const auto groups = OutputGroupCodec::decode(R"([{},{"memberUIDs":["a","b"]}])");
+        QVERIFY(groups);
+        QCOMPARE(groups->size(), 2);
+        for (const OutputGroup& group : *groups) {
+            QVERIFY(!group.id.isNull());
+            QCOMPARE(group.name, QStringLiteral("Group"));
+            QCOMPARE(group.masterVolume, 0.65);
+            QVERIFY(group.balance.isEmpty() && group.deviceNames.isEmpty());
+        }
+        QVERIFY(groups->at(0).id != groups->at(1).id);
+        QCOMPARE(groups->at(0).memberUIDs, QStringList());
+        QCOMPARE(groups->at(0).masterUID, QString());
+        QCOMPARE(groups->at(1).memberUIDs, (QStringList{"a", "b"}));
+        QCOMPARE(groups->at(1).masterUID, QStringLiteral("a"));
+    }
+
+    void oneWrongTypeFailsTheWholeArray_data() {
+        QTest::addColumn<QByteArray>("json");
+        QTest::newRow("object") << QByteArray(R"({"name":"x"})");
+        QTest::newRow("garbage") << QByteArray("[{");
+        // One wrong entry beside a fine one.
+        const auto after = [](const char* entry) {
+            return R"([{"name":"Fine","memberUIDs":["a"]},)" + QByteArray(entry) + "]";
+        };
+        QTest::newRow("id number") << after(R"({"id":5})");
+        QTest::newRow("id with braces")
+            << after(R"({"id":"{6F9619FF-8B86-D011-B42D-00C04FC964FF}"})");
+        QTest::newRow("name number") << after(R"({"name":1})");
+        QTest::newRow("members text") << after(R"({"memberUIDs":"a"})");
+        QTest::newRow("member number") << after(R"({"memberUIDs":["a",2]})");
+        QTest::newRow("master array") << after(R"({"masterUID":["a"]})");
+        QTest::newRow("volume text") << after(R"({"masterVolume":"0.5"})");
+        QTest::newRow("balance array") << after(R"({"balance":[1]})");
+        QTest::newRow("balance text value") << after(R"({"balance":{"a":"x"}})");
+        QTest::newRow("names number value") << after(R"({"deviceNames":{"a":1}})");
+        QTest::newRow("entry not object") << after(R"("group")");
+    }
+
+    void oneWrongTypeFailsTheWholeArray() {
+        QFETCH(QByteArray, json);
+        QVERIFY(!OutputGroupCodec::decode(json));
+    }
+
+    void roundTripKeepsEveryField() {
+        OutputGroup group;
+        group.id = QUuid::createUuid();
+        group.name = QStringLiteral("Displays");
+        group.memberUIDs = {QStringLiteral("b"), QStringLiteral("a")};
+        group.masterUID = QStringLiteral("a");
+        group.masterVolume = 0.3;
+        group.balance = {{QStringLiteral("a"), 0.25}};
+        group.deviceNames = {{QStringLiteral("b"), QStringLiteral("Left")}};
+        OutputGroup other = group;
+        other.id = QUuid::createUuid();
+        other.memberUIDs.clear();
+        const auto data = OutputGroupCodec::encode({group, other});
+        QVERIFY(data);
+        const auto decoded = OutputGroupCodec::decode(*data);
+        QVERIFY(decoded);
+        QCOMPARE(*decoded, (QList<OutputGroup>{group, other}));
+        // A number JSON cannot hold writes nothing.
+        group.masterVolume = std::numeric_limits<double>::quiet_NaN();
+        QVERIFY(!OutputGroupCodec::encode({group}));
+    }
+
+    // The token table, row by row. R needs the headphones and switches to them; S needs the left
+    // display and switches to it; the priority list holds the right display.
+    void tokenDecidesWhatARunApplies_data() {
+        // Token before ("", "R" or "fallback"), outcome ("R", "S", "none" or "off"), the device
+        // that became the default ("" for none) and the token afterwards.
+        QTest::addColumn<QString>("row");
+        for (const char* row :
+             {"|R|headphones|R", "|none||fallback", "R|R||R", "R|S|left|S", "R|none|right|fallback",
+              "fallback|R|headphones|R", "fallback|none||fallback", "R|off||"})
+            QTest::newRow(row) << QString(row);
+    }
+    void tokenDecidesWhatARunApplies() {
+        QFETCH(QString, row);
+        const QStringList fields = row.split(u'|');
+        const QString &before = fields[0], &outcome = fields[1], &applied = fields[2],
+                      &after = fields[3];
+        AutoSwitchRig rig;
+        rig.defaults->setBool(false, SettingsKeys::autoSwitchGroups); // quiet while setting up
+        GroupManager& manager = rig.launch();
+        const AudioRule r = rule({rig.headphonesUID}, RuleAction::device(rig.headphonesUID));
+        const AudioRule s = rule({rig.leftUID}, RuleAction::device(rig.leftUID));
+        manager.setRules({r, s});
+        manager.setDevicePriority({rig.rightUID});
+        if (outcome == "S" || outcome == "none")
+            rig.unplug(rig.headphones);
+        if (outcome == "none")
+            rig.unplug(rig.left);
+        rig.hardware->setDefaultOutputDevice(rig.speakers);
+        settle();
+        rig.defaults->setBool(outcome != "off", SettingsKeys::autoSwitchGroups);
+        const QMap<QString, QString> tokens{{"R", tokenOf(r)}, {"S", tokenOf(s)}};
+        auto token = [&](const QString& name) -> std::optional<QString> {
+            if (name.isEmpty())
+                return std::nullopt;
+            return tokens.value(name, name);
+        };
+        manager.setLastAppliedToken(token(before));
+        const int writesBefore = rig.defaultOutputWrites();
+
+        manager.evaluateRules();
+        settle();
+
+        const QMap<QString, AudioObjectID> devices{
+            {"headphones", rig.headphones}, {"left", rig.left}, {"right", rig.right}};
+        QCOMPARE(rig.defaultOutputWrites() - writesBefore, applied.isEmpty() ? 0 : 1);
+        QCOMPARE(rig.defaultOutput(), applied.isEmpty() ? rig.speakers : devices.value(applied));
+        QCOMPARE(manager.lastAppliedToken(), token(after));
+    }
+
+    // The first rule that fits wins; one that does not fit lets the next one, which switches to
+    // the right display, apply.
+    void firstFittingRuleWins_data() {
+        QTest::addColumn<QString>("first");
+        QTest::newRow("the first fits too") << "fits";
+        QTest::newRow("its group was deleted") << "group deleted";
+        QTest::newRow("its device is only an input") << "input only";
+        QTest::newRow("disabled") << "disabled";
+        QTest::newRow("no required devices") << "none required";
+    }
+    void firstFittingRuleWins() {
+        QFETCH(QString, first);
+        AutoSwitchRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID});
+        GroupManager& manager = rig.launchWith({displays});
+        AudioRule earlier = rule({rig.headphonesUID}, RuleAction::group(displays.id));
+        if (first == "fits")
+            earlier = rule({rig.headphonesUID}, RuleAction::device(rig.headphonesUID));
+        else if (first == "group deleted")
+            manager.deleteGroup(displays);
+        else if (first == "input only")
+            earlier = rule({kMicUID}, RuleAction::device(rig.headphonesUID));
+        else if (first == "disabled")
+            earlier.enabled = false;
+        else if (first == "none required")
+            earlier.requiredDeviceUIDs.clear();
+        const AudioRule later = rule({rig.headphonesUID}, RuleAction::device(rig.rightUID));
+        manager.setRules({earlier, later});
+        manager.evaluateRules();
+        settle();
+        const bool fits = first == "fits";
+        QCOMPARE(rig.defaultOutput(), fits ? rig.headphones : rig.right);
+        QCOMPARE(manager.lastAppliedToken(), std::optional(tokenOf(fits ? earlier : later)));
+        QVERIFY(!manager.activeGroupID());
+    }
+
+    // The first evaluation that sees filled lists applies the rule, whatever the restore did.
+    void fittingRuleWinsOverTheStoredActiveGroupAtLaunch() {
+        AutoSwitchRig rig;
+        const OutputGroup stored = makeGroup("Stored", {rig.leftUID, rig.rightUID});
+        const OutputGroup ruled = makeGroup("Ruled", {rig.headphonesUID, rig.speakersUID});
+        rig.storeGroups({stored, ruled});
+        rig.defaults->setString(OutputGroupCodec::uuidText(stored.id), SettingsKeys::activeGroup);
+        const AudioRule onHeadphones = rule({rig.headphonesUID}, RuleAction::group(ruled.id));
+        rig.defaults->setData(AudioRuleCodec::encode({onHeadphones}), SettingsKeys::rules);
+
+        GroupManager& manager = rig.launch();
+
+        QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(ruled.id));
+        QCOMPARE(int(rig.hardware->aggregateDevices().size()), 1);
+        QCOMPARE(rig.defaultOutput(), *manager.activeDeviceID());
+        QCOMPARE(manager.lastAppliedToken(), std::optional(tokenOf(onHeadphones)));
+    }
+
+    // A rule puts the displays group on while the headphones are there; then they go. The server
+    // would pick the speakers itself.
+    void unpluggingEndsTheRuleThroughThePriorityList_data() {
+        QTest::addColumn<QStringList>("priority");
+        QTest::addColumn<QStringList>("hidden");
+        QTest::addColumn<QString>("expected"); // the default afterwards
+        const QString right = GroupTestRig::rightUID;
+        // The group's own aggregate is connected while the fallback runs, and is never picked.
+        const QString ours = QStringLiteral("<the group's aggregate>");
+        QTest::newRow("hidden under a drifted UID: passed over and repaired")
+            << QStringList{right, GroupTestRig::speakersUID} << QStringList{kDriftedRightUID}
+            << "speakers";
+        QTest::newRow("no usable entry gives the previous output back")
+            << QStringList{ours, "gone", right} << QStringList{right} << "left";
+    }
+    void unpluggingEndsTheRuleThroughThePriorityList() {
+        QFETCH(QStringList, priority);
+        QFETCH(QStringList, hidden);
+        QFETCH(QString, expected);
+        AutoSwitchRig rig;
+        const OutputGroup displays = makeGroup("Displays", {rig.leftUID, rig.rightUID});
+        priority.replaceInStrings("<the group's aggregate>",
+                                  GroupManager::aggregateUID(displays.id));
+        rig.defaults->setStringArray(priority, SettingsKeys::devicePriority);
+        rig.defaults->setStringArray(hidden, SettingsKeys::hiddenDevices);
+        rig.hardware->setDefaultOutputDevice(rig.left); // the output before the rule
+        GroupManager& manager = rig.launchWith({displays});
+        manager.addRule({rig.headphonesUID}, RuleAction::group(displays.id));
+        QCOMPARE(manager.activeGroupID(), std::optional<QUuid>(displays.id));
+
+        rig.unplug(rig.headphones);
+
+        const QMap<QString, AudioObjectID> devices{
+            {"left", rig.left}, {"right", rig.right}, {"speakers", rig.speakers}};
+        QCOMPARE(rig.defaultOutput(), devices.value(expected));
+        QVERIFY(!manager.activeGroupID());
+        QVERIFY(rig.hardware->aggregateDevices().empty());
+        QCOMPARE(manager.lastAppliedToken(), std::optional(AutoSwitchToken::fallback));
+        QCOMPARE(rig.defaults->stringArrayForKey(SettingsKeys::hiddenDevices),
+                 std::optional(QStringList{rig.rightUID}));
+    }
+
+    // An input rule for the headset's microphone; it goes again.
+    void inputSideSwitchesAndNeverFallsBackToNothing_data() {
+        QTest::addColumn<QStringList>("priority");
+        QTest::addColumn<bool>("priorityEntryApplies");
+        QTest::newRow("usable entry") << QStringList{"gone", kMicUID} << true;
+        QTest::newRow("empty list") << QStringList{} << false;
+        QTest::newRow("hidden entry only") << QStringList{"hidden:mic"} << false;
+    }
+    void inputSideSwitchesAndNeverFallsBackToNothing() {
+        QFETCH(QStringList, priority);
+        QFETCH(bool, priorityEntryApplies);
+        AutoSwitchRig rig;
+        rig.defaults->setStringArray({"hidden:mic"}, SettingsKeys::hiddenInputDevices);
+        rig.addInput("hidden:mic", "Hidden Microphone");
+        GroupManager& manager = rig.launch();
+        manager.setInputPriority(priority);
+        manager.saveInputPriority();
+        const AudioObjectID headset = rig.addInput(kHeadsetMicUID, "Headset");
+        settle();
+        // A group action never fits on the input side, and an output never fits as an input.
+        manager.addInputRule({kHeadsetMicUID}, RuleAction::group(QUuid::createUuid()));
+        manager.addInputRule({rig.headphonesUID}, RuleAction::device(kHeadsetMicUID));
+        QCOMPARE(rig.audio->readDefaultInputID(), rig.mic);
+        manager.addInputRule({kHeadsetMicUID}, RuleAction::device(kHeadsetMicUID));
+        settle();
+        QCOMPARE(rig.audio->readDefaultInputID(), headset);
+        QCOMPARE(rig.audio->defaultInputID(), headset); // refreshed after the write
+
+        // Another input picked by hand meanwhile; when the headset goes, Ondril writes only a
+        // usable priority entry.
+        rig.hardware->setDefaultInputDevice(*rig.hardware->deviceWithUID("hidden:mic"));
+        settle();
+        const int writes = rig.defaultInputWrites();
+        rig.unplug(headset);
+        QCOMPARE(rig.defaultInputWrites() - writes, priorityEntryApplies ? 1 : 0);
+        QCOMPARE(rig.audio->readDefaultInputID(),
+                 priorityEntryApplies ? rig.mic : *rig.hardware->deviceWithUID("hidden:mic"));
+    }
+
+    // The stored form: strict, all keys required, any error fails the whole list.
+    void storedRulesDecodeStrictly_data() {
+        QTest::addColumn<QByteArray>("json");
+        QTest::addColumn<int>("count"); // -1: the list fails
+        const QByteArray id = R"("id":"6F9619FF-8B86-D011-B42D-00C04FC964FF")";
+        const QByteArray req = R"("requiredDeviceUIDs":["a","b"])";
+        const QByteArray group = R"("group":{"_0":"0E0C1F1A-58B4-4C35-9A57-1D5A3E0F7C11"})";
+        const QByteArray device = R"("action":{"device":{"_0":"x"}})";
+        QTest::newRow("device and group, keys in any order")
+            << "[{" + id + R"(,"enabled":true,)" + device + "," + req + "},{" +
+                   R"("enabled":false,)" + req + "," + id + R"(,"action":{)" + group + "}}]"
+            << 2;
+        QTest::newRow("action with two keys") << "[{" + id + "," + req + R"(,"action":{)" + group +
+                                                     R"(,"device":{"_0":"x"}},"enabled":true}])"
+                                              << -1;
+        QTest::newRow("one good rule, one without enabled")
+            << "[{" + id + "," + req + "," + device + R"(,"enabled":true},{)" + id + "," + req +
+                   "," + device + "}]"
+            << -1;
+        QTest::newRow("payload without _0")
+            << "[{" + id + "," + req + R"(,"action":{"device":"x"},"enabled":true}])" << -1;
+        QTest::newRow("id not a UUID")
+            << R"([{"id":"nope",)" + req + "," + device + R"(,"enabled":true}])" << -1;
+    }
+    void storedRulesDecodeStrictly() {
+        QFETCH(QByteArray, json);
+        QFETCH(int, count);
+        const auto rules = AudioRuleCodec::decodeList(json);
+        QCOMPARE(rules ? int(rules->size()) : -1, count);
+        if (rules) // written back, it reads the same
+            QCOMPARE(AudioRuleCodec::decodeList(AudioRuleCodec::encode(*rules)), rules);
+    }
+
+    void priorityListsLoadWithTheOldFallbackMigrated_data() {
+        QTest::addColumn<QVariant>("stored"); // under "ondril.devicePriority"; invalid: absent
+        QTest::addColumn<QStringList>("expected");
+        QTest::addColumn<QStringList>("storedAfter");
+        const QString old = QStringLiteral("old:fallback");
+        QTest::newRow("old key migrates") << QVariant() << QStringList{old} << QStringList{old};
+        QTest::newRow("a number among texts counts as missing")
+            << QVariant(QVariantList{"a", 3.0}) << QStringList{old} << QStringList{old};
+        QTest::newRow("stored list wins")
+            << QVariant(QVariantList{"a"}) << QStringList{"a"} << QStringList{"a"};
+        QTest::newRow("empty stored list stops the migration")
+            << QVariant(QVariantList{}) << QStringList{} << QStringList{};
+    }
+    void priorityListsLoadWithTheOldFallbackMigrated() {
+        QFETCH(QVariant, stored);
+        QFETCH(QStringList, expected);
+        QFETCH(QStringList, storedAfter);
+        AutoSwitchRig rig;
+        rig.defaults->setString("old:fallback", SettingsKeys::fallbackDevice);
+        if (stored.isValid())
+            rig.defaults->setObject(stored, SettingsKeys::devicePriority);
+        GroupManager& manager = rig.launch();
+        QCOMPARE(manager.devicePriority(), expected);
+        QCOMPARE(rig.defaults->stringArrayForKey(SettingsKeys::devicePriority),
+                 std::optional(storedAfter));
+        QCOMPARE(rig.defaults->stringForKey(SettingsKeys::fallbackDevice),
+                 std::optional<QString>("old:fallback")); // left in place
     }
 };
 

@@ -2,20 +2,23 @@
 
 #include "ServerRig.h"
 
+#include <QElapsedTimer>
 #include <QProcess>
 #include <QTimer>
 #include <QtTest>
 
-// Output groups on a real private sound server (PulseAudio or PipeWire, as ONDRIL_TEST_SERVER
-// says), through GroupManager, AudioDeviceManager and the libpulse realisation: what pactl sees
-// and what the members' monitors carry must be what the group says.
+// Output groups and auto-switch rules on a real private sound server (ONDRIL_TEST_SERVER says
+// which): what pactl sees and the members' monitors carry must be what the group says. Both
+// servers have a default policy of their own (a fallback when the default sink goes, the
+// configured default taken back when it returns); a rule's result must stand beside it.
 namespace {
 
 const QString kLeft = QStringLiteral("studio_left");
 const QString kRight = QStringLiteral("studio_right");
 const QString kAirPods = QStringLiteral("airpods");
 const QString kBuiltin = QStringLiteral("builtin"); // never a member; the output before the group
-constexpr int kWaitMs = ServerRig::generousWaitMs;
+const QString kHeadsetMic = QStringLiteral("headset_mic");
+constexpr int kSettleMs = 700; // long enough for a server's own policy to have acted
 
 } // namespace
 
@@ -35,6 +38,49 @@ class GroupManagerServerTest : public QObject {
         if (!eventually([&] { return m_rig->server->defaultSinkName() == aggregate; }))
             return {};
         return aggregate;
+    }
+
+    bool waitForDefault(const QString& sink) {
+        return eventually([&] { return m_rig->server->defaultSinkName() == sink; });
+    }
+
+    // Settles, then checks the server's default has stayed `sink`.
+    void verifyDefaultStays(const QString& sink) {
+        QVERIFY2(waitForDefault(sink), qPrintable(m_rig->server->defaultSinkName()));
+        QTest::qWait(kSettleMs);
+        QCOMPARE(m_rig->server->defaultSinkName(), sink);
+    }
+
+    // Successive distinct names of one default, as the program hears them.
+    AudioObjectPropertyListenerToken follow(AudioObjectPropertySelector selector,
+                                            QStringList& names) {
+        AudioObjectPropertyListenerToken token = 0;
+        AudioDeviceManager& audio = *m_rig->audio;
+        m_rig->hardware->AudioObjectAddPropertyListenerBlock(
+            kAudioObjectSystemObject, {selector, kAudioObjectPropertyScopeGlobal, 0},
+            [&audio, &names, selector](const auto&) {
+                const QString name =
+                    audio
+                        .readUID(selector == kAudioHardwarePropertyDefaultOutputDevice
+                                     ? audio.readDefaultOutputID()
+                                     : audio.readDefaultInputID())
+                        .value_or(QString());
+                if (!name.isEmpty() && (names.isEmpty() || names.last() != name))
+                    names.append(name);
+            },
+            token);
+        return token;
+    }
+
+    // Both switches on and launched, the AirPods not there yet: the rules wait for them.
+    bool launchWaitingForTheAirPods() {
+        if (!m_rig->unplug(kAirPods))
+            return false;
+        m_rig->defaults->setBool(true, SettingsKeys::autoSwitchGroups);
+        m_rig->defaults->setBool(true, SettingsKeys::autoSwitchInputs);
+        m_rig->launch();
+        return eventually(
+            [&] { return !m_rig->audio->deviceIDForOutputUID(kAirPods).has_value(); });
     }
 
 private slots:
@@ -197,7 +243,7 @@ private slots:
 
         m_rig->server->stop();
         // While the server is away a write fails, and does not hang.
-        QTRY_VERIFY_WITH_TIMEOUT(!m_rig->audio->setVolume(0.5f, *left), kWaitMs);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_rig->audio->setVolume(0.5f, *left), ServerRig::generousWaitMs);
         QVERIFY2(m_rig->server->start(), qPrintable(m_rig->server->error()));
         // The fresh server knows nothing of the group: its sinks are new, at full volume.
         QVERIFY2(eventually([&] {
@@ -292,6 +338,56 @@ private slots:
         QVERIFY(m_rig->server->sinkNames().contains("party_combined"));
         ownerProcess.kill();
         ownerProcess.waitForFinished();
+    }
+
+    void ruleTakesTheArrivingSinkAndThePriorityListTakesOverWhenItGoes() {
+        QVERIFY(launchWaitingForTheAirPods());
+        GroupManager& manager = *m_rig->manager;
+        // The left display is hidden: passed over although connected.
+        m_rig->settings->setHiddenDevices({kLeft});
+        manager.setDevicePriority({kLeft, "gone", kRight});
+        manager.saveDevicePriority();
+        manager.addRule({kAirPods}, RuleAction::device(kAirPods));
+
+        QVERIFY(m_rig->server->loadNullSink(kAirPods, "AirPods Pro"));
+        QElapsedTimer loaded;
+        loaded.start();
+        QVERIFY(eventually([&] { return m_rig->defaultOutputUID() == kAirPods; }));
+        qInfo() << "loaded sink to rule-made default:" << loaded.elapsed() << "ms";
+        QVERIFY(waitForDefault(kAirPods));
+
+        // Gone: the server picks a sink of its own; the priority list's entry stands over it.
+        QVERIFY(m_rig->unplug(kAirPods));
+        verifyDefaultStays(kRight);
+        // Back: the rule applies again, and the server does not take its old default back.
+        QVERIFY(m_rig->server->loadNullSink(kAirPods, "AirPods Pro"));
+        verifyDefaultStays(kAirPods);
+    }
+
+    // A headset's sink and microphone arrive a few ms apart; each side has its rule. Every list
+    // published on the way is evaluated, and each default changes once.
+    void arrivingHeadsetChangesEachDefaultOnce() {
+        QVERIFY(launchWaitingForTheAirPods());
+        m_rig->manager->addRule({kAirPods}, RuleAction::device(kAirPods));
+        m_rig->manager->addInputRule({kHeadsetMic}, RuleAction::device(kHeadsetMic));
+        QStringList outputs;
+        QStringList inputs;
+        const auto outputToken = follow(kAudioHardwarePropertyDefaultOutputDevice, outputs);
+        const auto inputToken = follow(kAudioHardwarePropertyDefaultInputDevice, inputs);
+
+        QVERIFY(m_rig->server->loadNullSink(kAirPods, "AirPods Pro"));
+        QVERIFY(m_rig->server->loadRemapSource(kHeadsetMic, "Headset Microphone",
+                                               kAirPods + ".monitor"));
+        QVERIFY(eventually([&] {
+            return m_rig->server->defaultSinkName() == kAirPods &&
+                   m_rig->server->defaultSourceName() == kHeadsetMic;
+        }));
+        QTest::qWait(kSettleMs);
+        m_rig->hardware->AudioObjectRemovePropertyListenerBlock(outputToken);
+        m_rig->hardware->AudioObjectRemovePropertyListenerBlock(inputToken);
+        QCOMPARE(outputs, QStringList{kAirPods});
+        QCOMPARE(inputs, QStringList{kHeadsetMic});
+        QCOMPARE(m_rig->audio->defaultInputID(), *m_rig->audio->deviceIDForInputUID(kHeadsetMic));
     }
 };
 

@@ -7,9 +7,17 @@
 #include <QQuickItem>
 #include <QQuickView>
 #include <QSet>
+#include <QSignalSpy>
 #include <QTest>
+#include <QWindow>
 
-// The panel's main screen on the simulated service: what its rows show and what a tap does.
+namespace {
+const QString player = QStringLiteral("org.example.Player");
+}
+
+// The panel's main screen on the simulated service: what its rows show and what a tap does, how
+// the panel window closes, and the apps card: each control of a row writes the app's record, and
+// the rows and levels follow what the manager publishes.
 class TestMenuBarView : public QObject {
     Q_OBJECT
 
@@ -22,18 +30,30 @@ private:
 
     QQuickView* view() const { return m_rig->panel->window(); }
 
-    QQuickItem* item(const QString& name) const { return findItem(view()->rootObject(), name); }
+    QQuickItem* item(const QString& name, QQuickItem* under = nullptr) const {
+        return findItem(under ? under : view()->rootObject(), name);
+    }
+    // An item of the player's row in the apps card.
+    QQuickItem* appItem(const QString& name) const {
+        QQuickItem* row = item("appRow:" + player);
+        return row ? item(name, row) : nullptr;
+    }
+    AppAudioPrefs record() const { return m_rig->apps->prefs().value(player); }
     bool shows(const QString& name) const {
         const QQuickItem* found = item(name);
         return found && found->isVisible() && found->height() > 0;
     }
-    void click(const QString& name, Qt::MouseButton button = Qt::LeftButton) {
-        QQuickItem* target = item(name);
-        QVERIFY2(target, qPrintable(name));
+    // Positioners lay out at the next frame: clicks where the user would see the item.
+    void click(QQuickItem* target) {
+        QSignalSpy swapped(view(), &QQuickWindow::frameSwapped);
+        view()->update();
+        swapped.wait(1000);
+        QVERIFY(target && target->isVisible());
         const QPointF centre = target->mapToScene(QPointF(target->width(), target->height()) / 2);
-        QTest::mouseClick(view(), button, {}, centre.toPoint());
+        QTest::mouseClick(view(), Qt::LeftButton, {}, centre.toPoint());
         settle();
     }
+    void click(const QString& name) { click(item(name)); }
     void openPanel() {
         m_rig->reopenPanel();
         m_rig->panel->show(QPoint(1200, 10));
@@ -41,26 +61,17 @@ private:
         QVERIFY(QTest::qWaitForWindowExposed(view()));
         settle();
     }
-    // Presses inside the slider and drags well beyond its right (+1) or left (-1) end.
-    void dragPastTheEnd(const QString& name, int direction) {
-        QQuickItem* slider = item(name);
+    // Presses the slider at `from` of its width, lets go at `to` (past an end: below 0, above 1).
+    void drag(QQuickItem* slider, double from, double to) {
         QVERIFY(slider);
-        const qreal y = slider->height() / 2;
-        const QPointF inside = slider->mapToScene(QPointF(slider->width() / 2, y));
-        const QPointF beyond =
-            slider->mapToScene(QPointF(direction > 0 ? slider->width() + 30 : -30, y));
-        QTest::mousePress(view(), Qt::LeftButton, {}, inside.toPoint());
-        QTest::mouseMove(view(), beyond.toPoint());
-        QTest::mouseRelease(view(), Qt::LeftButton, {}, beyond.toPoint());
+        const auto at = [&](double x) {
+            return slider->mapToScene(QPointF(slider->width() * x, slider->height() / 2)).toPoint();
+        };
+        QTest::mousePress(view(), Qt::LeftButton, {}, at(from));
+        QTest::mouseMove(view(), at(to));
+        QTest::mouseRelease(view(), Qt::LeftButton, {}, at(to));
         settle();
     }
-    std::optional<OutputGroup> stored(const QUuid& id) const {
-        for (const OutputGroup& group : m_rig->manager->groups())
-            if (group.id == id)
-                return group;
-        return std::nullopt;
-    }
-
     QString lastSoundDevice() const {
         return m_sounds->played().isEmpty() ? QString() : m_sounds->played().last().deviceUID;
     }
@@ -149,10 +160,10 @@ private slots:
 
     void openGroupControlsWriteTheGroup() {
         click("groupRow_Displays");
-        dragPastTheEnd("masterSlider", +1);
-        QCOMPARE(stored(m_displays.id)->masterVolume, 1.0);
-        dragPastTheEnd("balanceSlider", -1);
-        QCOMPARE(stored(m_displays.id)->balance.value(m_rig->leftUID, -1), 0.0);
+        drag(item("masterSlider"), 0.5, 1.5);
+        QCOMPARE(m_rig->manager->activeGroup()->masterVolume, 1.0);
+        drag(item("balanceSlider"), 0.5, -0.5);
+        QCOMPARE(m_rig->manager->activeGroup()->balance.value(m_rig->leftUID, -1), 0.0);
 
         click("muteButton");
         QVERIFY(m_rig->manager->isMuted());
@@ -195,6 +206,167 @@ private slots:
         QVERIFY(!shows("outputRows"));
         QCOMPARE(m_rig->defaults->stringArrayForKey(SettingsKeys::collapsedSections),
                  QStringList{MenuBarController::outputSection});
+    }
+
+    // The panel closes when another window takes the focus, unless pinned; Escape closes it
+    // either way.
+    void clickAwayClosesUnlessPinned_data() {
+        QTest::addColumn<bool>("pinned");
+        QTest::newRow("not pinned") << false;
+        QTest::newRow("pinned") << true;
+    }
+    void clickAwayClosesUnlessPinned() {
+        QFETCH(bool, pinned);
+        m_rig->defaults->setBool(pinned, SettingsKeys::pinPanel);
+        openPanel();
+        QTRY_VERIFY(view()->isActive());
+
+        QWindow elsewhere;
+        elsewhere.resize(50, 50);
+        elsewhere.show();
+        elsewhere.requestActivate();
+        QTRY_VERIFY(elsewhere.isActive());
+        QCOMPARE(m_rig->panel->isVisible(), pinned);
+        if (!pinned)
+            return;
+        view()->requestActivate();
+        QTRY_VERIFY(view()->isActive());
+        QTest::keyClick(view(), Qt::Key_Escape);
+        QVERIFY(!m_rig->panel->isVisible());
+        QVERIFY(m_rig->panel->msSinceLastClose().has_value());
+    }
+
+    // The prompt stands until access is granted; its button waits while a request runs.
+    void permissionStates_data() {
+        QTest::addColumn<int>("failedProbes"); // -1: never asked; 1000: still waiting
+        QTest::newRow("not asked") << -1;
+        QTest::newRow("waiting") << 1000;
+        QTest::newRow("declined after 41 timed probes") << 42;
+        QTest::newRow("granted") << 0;
+    }
+    void permissionStates() {
+        QFETCH(int, failedProbes);
+        m_rig->meter->stop(); // the open panel's level tap is none of the probes'
+        const bool declined = failedProbes == 42;
+        const bool listShown = failedProbes == 0;
+        m_rig->apps->setPermissionPollInterval(failedProbes == 1000 ? 60000 : 1);
+        if (failedProbes > 0)
+            m_rig->hardware->failNextTapCreation(failedProbes);
+        if (failedProbes >= 0)
+            click("enableButton");
+        if (declined)
+            QTRY_VERIFY(m_rig->apps->permissionDenied());
+
+        QCOMPARE(item(QStringLiteral("permissionPrompt"))->isVisible(), !listShown);
+        QCOMPARE(item(QStringLiteral("declinedText"))->isVisible(), declined);
+        QCOMPARE(item(QStringLiteral("emptyText"))->isVisible(), listShown);
+        if (!listShown)
+            QCOMPARE(item(QStringLiteral("enableButton"))->isEnabled(), failedProbes != 1000);
+        QCOMPARE(m_rig->defaults->storedBoolForKey(SettingsKeys::audioCaptureGranted).has_value(),
+                 listShown);
+        if (failedProbes == 1000)
+            return;
+        // No probe leaves a tap, every failure was taken by a probe, and none ran after the end.
+        QVERIFY(m_rig->hardware->processTaps().empty());
+        AudioObjectID tap = 0;
+        QCOMPARE(m_rig->hardware->AudioHardwareCreateProcessTap({}, tap), kAudioHardwareNoError);
+    }
+
+    // What the record reads after the clicks: its volume, " muted", " to" the routed devices, and
+    // whether the device picker stayed open.
+    void rowControlsWriteTheRecord_data() {
+        QTest::addColumn<QStringList>("clicks"); // item names; "drag x" drags the slider to x
+        QTest::addColumn<QString>("expected");
+        const auto row = [](const char* name, const char* clicks, const char* expected) {
+            QTest::newRow(name) << QString(clicks).split(u',') << QString(expected);
+        };
+        row("slider", "drag 0.25", "0.25");
+        row("boost 300%", "boostButton,option:300%", "3.00");
+        row("dragging a boost brings it to 1 or less", "boostButton,option:400%,drag 0.5", "0.50");
+        row("mute", "muteButton", "1.00 muted");
+        row("one device, picker stays open", "outputButton,option:Headphones",
+            "1.00 to Headphones, picker open");
+        row("two devices", "outputButton,option:Headphones,option:Speakers",
+            "1.00 to Headphones+Speakers, picker open");
+        row("deselecting the only device", "outputButton,option:Headphones,option:Headphones",
+            "1.00, picker open");
+        row("a group, picker closes", "outputButton,option:Displays",
+            "1.00 to Left Display+Right Display");
+        row("back to the default output",
+            "outputButton,option:Displays,outputButton,option:Default Output", "1.00");
+    }
+    void rowControlsWriteTheRecord() {
+        QFETCH(QStringList, clicks);
+        QFETCH(QString, expected);
+        m_rig->apps->markPermissionGranted();
+        m_rig->addApp(4242, player, QStringLiteral("Player"));
+        m_rig->apps->refresh();
+        settle();
+        QQuickItem* row = item(QStringLiteral("appRow:") + player);
+        QVERIFY(row);
+
+        for (const QString& step : std::as_const(clicks)) {
+            if (step.startsWith(QLatin1String("drag ")))
+                drag(appItem(QStringLiteral("volumeSlider")), step.mid(5).toDouble(),
+                     step.mid(5).toDouble());
+            else
+                click(appItem(step));
+        }
+
+        QCOMPARE(item(QStringLiteral("appRow:") + player), row); // the row lived through it all
+        QStringList routes;
+        for (const QString& uid : record().routeUIDs)
+            for (const AudioDevice& device : m_rig->audio->outputDevices())
+                if (device.uid == uid)
+                    routes.append(device.name);
+        QString state = QString::number(record().volume, 'f', 2) + (record().muted ? " muted" : "");
+        if (!routes.isEmpty())
+            state += " to " + routes.join(u'+');
+        if (appItem(QStringLiteral("picker"))->isVisible())
+            state += ", picker open";
+        QCOMPARE(state, expected);
+        QCOMPARE(appItem(QStringLiteral("volumeSlider"))->property("value").toDouble(),
+                 std::min(record().volume, 1.0));
+    }
+
+    void rowsComeAndGoWithTheirProcesses() {
+        m_rig->apps->markPermissionGranted();
+        const AudioObjectID playing = m_rig->addApp(4242, player, QStringLiteral("Player"));
+        const AudioObjectID quiet = m_rig->addApp(4343, QStringLiteral("org.example.Quiet"),
+                                                  QStringLiteral("Quiet"), false);
+        QTRY_VERIFY(item(QStringLiteral("appRow:") + player));
+        QVERIFY(!item(QStringLiteral("appRow:org.example.Quiet")));
+
+        click("showAllButton");
+        QVERIFY(item(QStringLiteral("appRow:org.example.Quiet")));
+
+        m_rig->hardware->setProcessRunningOutput(quiet, true);
+        QTRY_VERIFY(!item(QStringLiteral("showAllButton"))->isVisible());
+        QVERIFY2(item(QStringLiteral("appRow:org.example.Quiet")), "the full list stays shown");
+
+        m_rig->hardware->removeProcess(playing);
+        QTRY_VERIFY(!item(QStringLiteral("appRow:") + player));
+    }
+
+    void levelsShowOnlyWhileThePanelIsOpen() {
+        m_rig->apps->markPermissionGranted();
+        m_rig->addApp(4242, player, QStringLiteral("Player"));
+        m_rig->apps->setVolume(player, 0.5);
+        m_rig->apps->refresh();
+        settle();
+        GainBox& gain = m_rig->apps->session(player)->gain();
+        QQuickItem* levelLayer = appItem(QStringLiteral("levelLayer"));
+        QVERIFY(levelLayer);
+
+        gain.peak = 0.1f;
+        QTRY_VERIFY(levelLayer->isVisible() && levelLayer->width() > 0);
+
+        m_rig->panel->hide();
+        QVERIFY(!levelLayer->isVisible());
+        gain.peak = 0.1f;
+        QTest::qWait(5 * AppAudioManager::meterIntervalMs);
+        QVERIFY(m_rig->apps->levels().isEmpty());
+        QCOMPARE(gain.peak.load(), 0.1f);
     }
 };
 

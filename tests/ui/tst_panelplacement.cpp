@@ -3,20 +3,18 @@
 #include <QTest>
 
 using Screen = PanelPlacement::Screen;
-Q_DECLARE_METATYPE(std::optional<double>)
 
 namespace {
 
-// A 1920 by 1080 screen with a 32-high bar at the top or at the bottom.
+// A 1920 by 1080 screen with a 32-high bar at the top.
 Screen topBarScreen(double x = 0, double width = 1920) {
     return {QRectF(x, 0, width, 1080), QRectF(x, 32, width, 1048)};
-}
-Screen bottomBarScreen() {
-    return {QRectF(0, 0, 1920, 1080), QRectF(0, 0, 1920, 1048)};
 }
 
 } // namespace
 
+// Where the panel's window goes: the screen of the click, and its place on a frame narrower than
+// the panel.
 class TestPanelPlacement : public QObject {
     Q_OBJECT
 
@@ -55,30 +53,7 @@ private slots:
         QCOMPARE(PanelPlacement::screenFor(click, screens, primary), std::optional(screen));
         QCOMPARE(PanelPlacement::screenFor(click, {}, 0), std::optional<int>());
     }
-
-    void contentHeightHasAFloorAndADeadBand_data() {
-        QTest::addColumn<double>("current");
-        QTest::addColumn<double>("reported");
-        QTest::addColumn<std::optional<double>>("next");
-        QTest::newRow("50 becomes 120") << 400.0 << 50.0 << std::optional(120.0);
-        QTest::newRow("0.4 away is dropped") << 300.0 << 300.4 << std::optional<double>();
-        QTest::newRow("0.6 away is taken") << 300.0 << 300.6 << std::optional(300.6);
-        QTest::newRow("below the floor at the floor") << 120.0 << 10.0 << std::optional<double>();
-    }
-    void contentHeightHasAFloorAndADeadBand() {
-        QFETCH(double, current);
-        QFETCH(double, reported);
-        QFETCH(std::optional<double>, next);
-        QCOMPARE(PanelPlacement::nextContentHeight(current, reported), next);
-    }
-
-    // Mirrored at a bottom bar: 6 above the visible bottom; growing keeps that edge.
-    void growingAtABottomBarKeepsTheBottomEdge() {
-        const auto bottom = PanelPlacement::place(QPointF(1500, 1064), bottomBarScreen(), 400);
-        QCOMPARE(bottom.window, QRectF(1142, 1082 - 480, 400, 480));
-        QCOMPARE(PanelPlacement::resized(bottom, 500), QRectF(1142, 1082 - 580, 400, 580));
-    }
 };
 
-QTEST_MAIN(TestPanelPlacement)
+QTEST_APPLESS_MAIN(TestPanelPlacement)
 #include "tst_panelplacement.moc"

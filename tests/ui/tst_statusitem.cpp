@@ -1,12 +1,14 @@
 #include "PanelTestRig.h"
 #include "platform/tray/StatusNotifierItem.h"
 #include "platform/tray/StatusNotifierTypes.h"
+#include "ui/Appearance.h"
 #include "ui/StatusItemController.h"
 
 #include <QApplication>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
 #include <QDBusReply>
+#include <QDBusVariant>
 #include <QQuickView>
 #include <QSignalSpy>
 #include <QTest>
@@ -21,6 +23,27 @@ public:
 
 public slots:
     void RegisterStatusNotifierItem(const QString& service) { registrations << service; }
+};
+
+// Stands in for the desktop portal's Settings interface on the private session bus.
+class FakePortal : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.portal.Settings")
+
+public:
+    uint scheme = 1;
+
+signals:
+    void SettingChanged(const QString& nameSpace, const QString& key, const QDBusVariant& value);
+
+public slots:
+    QDBusVariant Read(const QString& nameSpace, const QString& key) {
+        if (nameSpace != QLatin1String("org.freedesktop.appearance") ||
+            key != QLatin1String("color-scheme"))
+            return QDBusVariant(QVariant());
+        // Older portals wrap the value twice.
+        return QDBusVariant(QVariant::fromValue(QDBusVariant(scheme)));
+    }
 };
 
 namespace {
@@ -96,6 +119,11 @@ private slots:
     // With a group on, the icon follows its volume and mute, the wheel steps its volume (a line
     // is 3 %), and a middle click mutes it without opening the panel.
     void trayShowsAndDrivesTheActiveGroup() {
+        // Without a group on, the middle click mutes and unmutes the default output itself.
+        callTray(QStringLiteral("SecondaryActivate"), {0, 0});
+        QCOMPARE(m_rig->audio->isMuted(m_rig->speakers), std::optional<bool>(true));
+        callTray(QStringLiteral("SecondaryActivate"), {0, 0});
+        QCOMPARE(m_rig->audio->isMuted(m_rig->speakers), std::optional<bool>(false));
         m_rig->manager->activate(m_rig->manager->groups().first());
         settle();
         QTRY_COMPARE(trayProperty(QStringLiteral("IconName")).toString(),
@@ -122,7 +150,8 @@ private slots:
     }
 
     // On the test environment's 1280x800 X screen: a tray at the top opens the panel downward
-    // from 6 below the top (window 40 above that for the shadow), one at the bottom upward.
+    // from 6 below the top (window 40 above that for the shadow), one at the bottom upward; as the
+    // content grows, the edge at the bar stays.
     void activateTogglesThePanelWithTheReopenGuard_data() {
         QTest::addColumn<QPoint>("click");
         QTest::addColumn<int>("x");
@@ -141,6 +170,10 @@ private slots:
         const QRect window = m_panel->window()->geometry();
         QCOMPARE(window.x(), x);
         QCOMPARE(click.y() < 400 ? window.top() : window.bottom() + 1, anchoredEdge);
+        m_panel->setContentHeight(500); // grows away from the bar
+        QTRY_COMPARE(m_panel->window()->height(), 580);
+        const QRect grown = m_panel->window()->geometry();
+        QCOMPARE(click.y() < 400 ? grown.top() : grown.bottom() + 1, anchoredEdge);
         callTray(QStringLiteral("Activate"), at);
         QVERIFY(!m_panel->isVisible());
         callTray(QStringLiteral("Activate"), at);
@@ -165,7 +198,7 @@ private slots:
         QTRY_COMPARE(m_watcher.registrations.size(), 2);
     }
 
-    void menuItemQuitsAndSettingsIsDisabled() {
+    void menuItemQuits() {
         const QString menu = QStringLiteral("com.canonical.dbusmenu");
         QVERIFY(callItem(StatusNotifierItem::menuPath, menu, QStringLiteral("AboutToShow"), {0})
                     .arguments()
@@ -176,19 +209,42 @@ private slots:
         QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
         DBusMenuLayoutItem root;
         reply.arguments().value(1).value<QDBusArgument>() >> root;
-        const auto labelled = [&](const QString& label) {
-            for (const DBusMenuLayoutItem& item : root.children)
-                if (item.properties.value(QStringLiteral("label")).toString() == label)
-                    return item;
-            return DBusMenuLayoutItem();
-        };
-        QCOMPARE(labelled("Settings…").properties.value(QStringLiteral("enabled")),
-                 QVariant(false));
-
-        callItem(StatusNotifierItem::menuPath, menu, QStringLiteral("Event"),
-                 {labelled("Quit Ondril").id, QStringLiteral("clicked"),
-                  QVariant::fromValue(QDBusVariant(QString())), 0u});
+        int quit = -1;
+        for (const DBusMenuLayoutItem& item : root.children)
+            if (item.properties.value(QStringLiteral("label")).toString() == "Quit Ondril")
+                quit = item.id;
+        callItem(
+            StatusNotifierItem::menuPath, menu, QStringLiteral("Event"),
+            {quit, QStringLiteral("clicked"), QVariant::fromValue(QDBusVariant(QString())), 0u});
         QTRY_COMPARE(m_quits, 1);
+    }
+
+    void followsThePortalSettingAndItsChanges() {
+        // The portal is another peer on the bus, as on a desktop.
+        QDBusConnection portalBus =
+            QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("portal"));
+        QDBusConnection bus = QDBusConnection::sessionBus();
+        QVERIFY(bus.isConnected());
+        FakePortal portal;
+        QVERIFY(portalBus.registerObject(QStringLiteral("/org/freedesktop/portal/desktop"), &portal,
+                                         QDBusConnection::ExportAllSlots |
+                                             QDBusConnection::ExportAllSignals));
+        QVERIFY(portalBus.registerService(QStringLiteral("org.freedesktop.portal.Desktop")));
+
+        Appearance appearance(std::nullopt);
+        appearance.followDesktop(bus);
+        QTRY_VERIFY(appearance.isDark());
+        QCOMPARE(appearance.palette(), OndrilPalette::dark());
+
+        // The watcher learns who owns the portal's name asynchronously; until then a signal is
+        // not yet taken for the portal's, so the desktop may have to say it again.
+        const auto switchToLight = [&] {
+            emit portal.SettingChanged(QStringLiteral("org.freedesktop.appearance"),
+                                       QStringLiteral("color-scheme"), QDBusVariant(uint(2)));
+            return !appearance.isDark();
+        };
+        QTRY_VERIFY(switchToLight());
+        QCOMPARE(appearance.palette(), OndrilPalette::light());
     }
 };
 
