@@ -3,6 +3,7 @@
 
 #include "TestSupport.h"
 
+#include <QLocale>
 #include <QSignalSpy>
 #include <QtTest>
 
@@ -42,6 +43,13 @@ void addRows(const QList<const char*>& rows) {
         QTest::newRow(row) << QString(row).section(u'|', 0, -2) << QString(row).section(u'|', -1);
 }
 
+QStringList uids(const QList<AudioDevice>& devices) {
+    QStringList result;
+    for (const AudioDevice& device : devices)
+        result.append(device.uid);
+    return result;
+}
+
 } // namespace
 
 // The device manager on the simulated service, and the string logic around a device: how a stored
@@ -51,6 +59,38 @@ class TestAudioDeviceManager : public QObject {
     Q_OBJECT
 
 private slots:
+    void initTestCase() {
+        // The sort follows the user's locale; pin one so the expected orders hold on any machine.
+        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
+    }
+
+    void listsAreSortedByNameLocaleAwareCaseInsensitiveAndStable_data() {
+        QTest::addColumn<QStringList>("serviceOrder"); // "name|uid"
+        QTest::addColumn<QStringList>("expectedUIDs");
+        QTest::newRow("case does not rank")
+            << QStringList{"beta|1", "Alpha|2", "alpha zulu|3", "Gamma|4"}
+            << QStringList{"2", "3", "1", "4"};
+        QTest::newRow("accented letters sort with their base letter")
+            << QStringList{"Zed|1", "Eve|2", "Émile|3", "eagle|4"}
+            << QStringList{"4", "3", "2", "1"};
+        QTest::newRow("equal names keep the service's order")
+            << QStringList{"Speakers|b", "Dock|x", "Speakers|a", "speakers|c"}
+            << QStringList{"x", "b", "a", "c"};
+    }
+    void listsAreSortedByNameLocaleAwareCaseInsensitiveAndStable() {
+        QFETCH(QStringList, serviceOrder);
+        QFETCH(QStringList, expectedUIDs);
+        SimulatedAudioHardware hardware;
+        for (const QString& entry : serviceOrder) {
+            Spec spec = outputSpec(entry.section(u'|', 1), entry.section(u'|', 0, 0));
+            spec.inputChannels = {2};
+            hardware.addDevice(spec);
+        }
+        auto manager = publishedManager(hardware);
+        QCOMPARE(uids(manager->outputDevices()), expectedUIDs);
+        QCOMPARE(uids(manager->inputDevices()), expectedUIDs);
+    }
+
     // Which devices are listed where, and under which UID and name: uid|name|output channels|
     // input channels|listed ("output", "input" or none)|shown name. "-" stands for a missing UID
     // or name; -1 output channels for an unreadable stream configuration.

@@ -1,5 +1,6 @@
 #include "PanelTestRig.h"
 #include "platform/simulated/SimulatedSoundLibrary.h"
+#include "ui/panel/AppsCardModel.h"
 #include "ui/panel/MenuBarController.h"
 #include "ui/panel/PanelController.h"
 
@@ -327,6 +328,31 @@ private slots:
         QCOMPARE(state, expected);
         QCOMPARE(appItem(QStringLiteral("volumeSlider"))->property("value").toDouble(),
                  std::min(record().volume, 1.0));
+    }
+
+    // The output picker marks the route: the default, or a group stored in any order with its
+    // devices; the boost picker marks the volume.
+    void optionsMarkTheRoute_data() {
+        QTest::addColumn<QStringList>("route");
+        QTest::addColumn<double>("volume");
+        QTest::addColumn<QStringList>("selected");
+        QTest::newRow("default, unity")
+            << QStringList() << 1.0 << QStringList{"Default Output", "100%"};
+        QTest::newRow("a group in any order lights it and its devices")
+            << QStringList{GroupTestRig::rightUID, GroupTestRig::leftUID} << 1.5
+            << QStringList{"Displays", "Left Display", "Right Display", "150%"};
+    }
+    void optionsMarkTheRoute() {
+        QFETCH(QStringList, route);
+        QFETCH(double, volume);
+        QFETCH(QStringList, selected);
+        AppsCardModel model(*m_rig->apps, *m_rig->audio, *m_rig->manager, *m_rig->settings,
+                            m_rig->applications);
+        QStringList marked;
+        for (const QVariant& option : model.outputOptions(route) + model.boostOptions(volume))
+            if (option.toMap().value("selected").toBool())
+                marked.append(option.toMap().value("name").toString());
+        QCOMPARE(marked, selected);
     }
 
     void rowsComeAndGoWithTheirProcesses() {

@@ -3,6 +3,7 @@
 #include <QTest>
 
 using Screen = PanelPlacement::Screen;
+Q_DECLARE_METATYPE(std::optional<double>)
 
 namespace {
 
@@ -13,8 +14,6 @@ Screen topBarScreen(double x = 0, double width = 1920) {
 
 } // namespace
 
-// Where the panel's window goes: the screen of the click, and its place on a frame narrower than
-// the panel.
 class TestPanelPlacement : public QObject {
     Q_OBJECT
 
@@ -53,7 +52,23 @@ private slots:
         QCOMPARE(PanelPlacement::screenFor(click, screens, primary), std::optional(screen));
         QCOMPARE(PanelPlacement::screenFor(click, {}, 0), std::optional<int>());
     }
+
+    void contentHeightHasAFloorAndADeadBand_data() {
+        QTest::addColumn<double>("current");
+        QTest::addColumn<double>("reported");
+        QTest::addColumn<std::optional<double>>("next");
+        QTest::newRow("50 becomes 120") << 400.0 << 50.0 << std::optional(120.0);
+        QTest::newRow("0.4 away is dropped") << 300.0 << 300.4 << std::optional<double>();
+        QTest::newRow("0.6 away is taken") << 300.0 << 300.6 << std::optional(300.6);
+        QTest::newRow("below the floor at the floor") << 120.0 << 10.0 << std::optional<double>();
+    }
+    void contentHeightHasAFloorAndADeadBand() {
+        QFETCH(double, current);
+        QFETCH(double, reported);
+        QFETCH(std::optional<double>, next);
+        QCOMPARE(PanelPlacement::nextContentHeight(current, reported), next);
+    }
 };
 
-QTEST_APPLESS_MAIN(TestPanelPlacement)
+QTEST_MAIN(TestPanelPlacement)
 #include "tst_panelplacement.moc"

@@ -1,14 +1,12 @@
 #include "PanelTestRig.h"
 #include "platform/tray/StatusNotifierItem.h"
 #include "platform/tray/StatusNotifierTypes.h"
-#include "ui/Appearance.h"
 #include "ui/StatusItemController.h"
 
 #include <QApplication>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
 #include <QDBusReply>
-#include <QDBusVariant>
 #include <QQuickView>
 #include <QSignalSpy>
 #include <QTest>
@@ -23,27 +21,6 @@ public:
 
 public slots:
     void RegisterStatusNotifierItem(const QString& service) { registrations << service; }
-};
-
-// Stands in for the desktop portal's Settings interface on the private session bus.
-class FakePortal : public QObject {
-    Q_OBJECT
-    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.portal.Settings")
-
-public:
-    uint scheme = 1;
-
-signals:
-    void SettingChanged(const QString& nameSpace, const QString& key, const QDBusVariant& value);
-
-public slots:
-    QDBusVariant Read(const QString& nameSpace, const QString& key) {
-        if (nameSpace != QLatin1String("org.freedesktop.appearance") ||
-            key != QLatin1String("color-scheme"))
-            return QDBusVariant(QVariant());
-        // Older portals wrap the value twice.
-        return QDBusVariant(QVariant::fromValue(QDBusVariant(scheme)));
-    }
 };
 
 namespace {
@@ -198,7 +175,7 @@ private slots:
         QTRY_COMPARE(m_watcher.registrations.size(), 2);
     }
 
-    void menuItemQuits() {
+    void menuItemQuitsAndSettingsIsDisabled() {
         const QString menu = QStringLiteral("com.canonical.dbusmenu");
         QVERIFY(callItem(StatusNotifierItem::menuPath, menu, QStringLiteral("AboutToShow"), {0})
                     .arguments()
@@ -209,42 +186,19 @@ private slots:
         QCOMPARE(reply.type(), QDBusMessage::ReplyMessage);
         DBusMenuLayoutItem root;
         reply.arguments().value(1).value<QDBusArgument>() >> root;
-        int quit = -1;
-        for (const DBusMenuLayoutItem& item : root.children)
-            if (item.properties.value(QStringLiteral("label")).toString() == "Quit Ondril")
-                quit = item.id;
-        callItem(
-            StatusNotifierItem::menuPath, menu, QStringLiteral("Event"),
-            {quit, QStringLiteral("clicked"), QVariant::fromValue(QDBusVariant(QString())), 0u});
-        QTRY_COMPARE(m_quits, 1);
-    }
-
-    void followsThePortalSettingAndItsChanges() {
-        // The portal is another peer on the bus, as on a desktop.
-        QDBusConnection portalBus =
-            QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("portal"));
-        QDBusConnection bus = QDBusConnection::sessionBus();
-        QVERIFY(bus.isConnected());
-        FakePortal portal;
-        QVERIFY(portalBus.registerObject(QStringLiteral("/org/freedesktop/portal/desktop"), &portal,
-                                         QDBusConnection::ExportAllSlots |
-                                             QDBusConnection::ExportAllSignals));
-        QVERIFY(portalBus.registerService(QStringLiteral("org.freedesktop.portal.Desktop")));
-
-        Appearance appearance(std::nullopt);
-        appearance.followDesktop(bus);
-        QTRY_VERIFY(appearance.isDark());
-        QCOMPARE(appearance.palette(), OndrilPalette::dark());
-
-        // The watcher learns who owns the portal's name asynchronously; until then a signal is
-        // not yet taken for the portal's, so the desktop may have to say it again.
-        const auto switchToLight = [&] {
-            emit portal.SettingChanged(QStringLiteral("org.freedesktop.appearance"),
-                                       QStringLiteral("color-scheme"), QDBusVariant(uint(2)));
-            return !appearance.isDark();
+        const auto labelled = [&](const QString& label) {
+            for (const DBusMenuLayoutItem& item : root.children)
+                if (item.properties.value(QStringLiteral("label")).toString() == label)
+                    return item;
+            return DBusMenuLayoutItem();
         };
-        QTRY_VERIFY(switchToLight());
-        QCOMPARE(appearance.palette(), OndrilPalette::light());
+        QCOMPARE(labelled("Settings…").properties.value(QStringLiteral("enabled")),
+                 QVariant(false));
+
+        callItem(StatusNotifierItem::menuPath, menu, QStringLiteral("Event"),
+                 {labelled("Quit Ondril").id, QStringLiteral("clicked"),
+                  QVariant::fromValue(QDBusVariant(QString())), 0u});
+        QTRY_COMPARE(m_quits, 1);
     }
 };
 
