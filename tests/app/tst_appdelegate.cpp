@@ -3,7 +3,6 @@
 #include "app/AppDelegate.h"
 #include "control/VolumeKeyMonitor.h"
 
-#include <QTemporaryDir>
 #include <QtTest>
 
 // The launch as the process entry runs it, on the process-wide shared objects.
@@ -15,14 +14,9 @@ private slots:
         QTemporaryDir config;
         qputenv("XDG_CONFIG_HOME", QFile::encodeName(config.path()));
         auto hardware = std::make_unique<SimulatedAudioHardware>();
-        const OutputGroup group = makeGroup(
-            "Desk", {QStringLiteral("usb:A:Left:1:1,2"), QStringLiteral("usb:A:Right:2:1,2")});
-        for (const QString& uid : group.memberUIDs) {
-            SimulatedAudioHardware::DeviceSpec spec;
-            spec.uid = uid;
-            spec.name = uid;
-            hardware->addDevice(spec);
-        }
+        const OutputGroup group = makeGroup("Desk", {"usb:A:Left:1:1,2", "usb:A:Right:2:1,2"});
+        for (const QString& uid : group.memberUIDs)
+            hardware->addDevice({.uid = uid, .name = uid});
         UserDefaults store(UserDefaults::standardFilePath());
         store.setData(*OutputGroupCodec::encode({group}), SettingsKeys::groups);
         store.setString(OutputGroupCodec::uuidText(group.id), SettingsKeys::activeGroup);

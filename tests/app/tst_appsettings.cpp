@@ -3,9 +3,7 @@
 #include "devices/AudioDevice.h"
 #include "platform/UserDefaults.h"
 
-#include <QFile>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 #include <memory>
 
@@ -28,7 +26,7 @@ private:
     std::unique_ptr<AppSettings> m_settings;
     QStringList m_posted;
 
-    QString path() const { return m_dir.filePath(QStringLiteral("defaults.json")); }
+    QString path() const { return m_dir.filePath("defaults.json"); }
 
 private slots:
     void init() {
@@ -77,7 +75,7 @@ private slots:
             return input ? m_settings->isInputDeviceHidden(uid) : m_settings->isDeviceHidden(uid);
         };
         QVERIFY(m_defaults->setStringArray({oldUID, otherUID}, key));
-        QVERIFY(!isHidden(QStringLiteral("alsa:card3:usb-Mic:inst1:in"))); // no match: no write
+        QVERIFY(!isHidden("alsa:card3:usb-Mic:inst1:in")); // no match: no write
         QCOMPARE(m_posted, QStringList());
 
         // What an observer sees when it is told: the repaired list is already stored.
@@ -99,15 +97,13 @@ private slots:
     }
 
     void customNameFollowsADriftedUID() {
-        QVERIFY(m_defaults->setStringDictionary(
-            {{oldUID, QStringLiteral("Desk")}, {otherUID, QStringLiteral("TV")}},
-            SettingsKeys::deviceNames));
+        QVERIFY(m_defaults->setStringDictionary({{oldUID, "Desk"}, {otherUID, "TV"}},
+                                                SettingsKeys::deviceNames));
         QMap<QString, QString> seenByObserver;
         m_center->addObserver(Notifications::deviceNamesChanged, nullptr,
                               [&] { seenByObserver = m_settings->deviceNames(); });
         QCOMPARE(m_settings->customName(newUID), QStringLiteral("Desk"));
-        const QMap<QString, QString> expected{{newUID, QStringLiteral("Desk")},
-                                              {otherUID, QStringLiteral("TV")}};
+        const QMap<QString, QString> expected{{newUID, "Desk"}, {otherUID, "TV"}};
         QCOMPARE(m_posted, QStringList{Notifications::deviceNamesChanged});
         QCOMPARE(seenByObserver, expected);
         QCOMPARE(UserDefaults(path()).stringDictionaryForKey(SettingsKeys::deviceNames), expected);
@@ -128,27 +124,25 @@ private slots:
         QFETCH(QString, uid);
         QFETCH(bool, isInput);
         QFETCH(QString, expected);
-        QVERIFY(m_defaults->setStringDictionary(
-            {{QStringLiteral("usb-Mic:1,2"), QStringLiteral("Studio")},
-             {QStringLiteral("usb-Own:1,2"), QStringLiteral("Own output")},
-             {QStringLiteral("usb-Own:3"), QStringLiteral("Own input")},
-             {QStringLiteral("usb-Other:x"), QStringLiteral("Not a channel list")}},
-            SettingsKeys::deviceNames));
+        QVERIFY(m_defaults->setStringDictionary({{"usb-Mic:1,2", "Studio"},
+                                                 {"usb-Own:1,2", "Own output"},
+                                                 {"usb-Own:3", "Own input"},
+                                                 {"usb-Other:x", "Not a channel list"}},
+                                                SettingsKeys::deviceNames));
         AudioDevice device;
         device.uid = uid;
-        device.name = QStringLiteral("Raw name");
+        device.name = "Raw name";
         device.isInput = isInput;
         QCOMPARE(device.displayName(*m_settings), expected);
     }
 
     void oneNonStringNameEmptiesTheWholeTable() {
-        QVERIFY(
-            m_defaults->setObject(QVariantMap{{newUID, QStringLiteral("Desk")}, {otherUID, 3.0}},
-                                  SettingsKeys::deviceNames));
+        QVERIFY(m_defaults->setObject(QVariantMap{{newUID, "Desk"}, {otherUID, 3.0}},
+                                      SettingsKeys::deviceNames));
         QCOMPARE(m_settings->customName(newUID), std::nullopt);
         QCOMPARE(m_posted, QStringList());
         // The next write replaces the unreadable table.
-        m_settings->setCustomName(otherUID, QStringLiteral("TV"));
+        m_settings->setCustomName(otherUID, "TV");
         QCOMPARE(m_settings->deviceNames(),
                  (QMap<QString, QString>{{otherUID, QStringLiteral("TV")}}));
     }

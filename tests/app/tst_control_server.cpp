@@ -3,11 +3,6 @@
 
 #include "groups/OutputGroupCodec.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QProcess>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <cmath>
@@ -16,8 +11,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-// A running `ondril --headless` on a private sound server, driven from other processes the way
-// scripts and launchers drive it: URLs, the command line, and the one-instance rule.
+// The built `ondril` on a private sound server: a running `ondril --headless` driven from other
+// processes the way scripts and launchers drive it (URLs, the command line, the one-instance
+// rule), and `ondril devices`, what a user sees of their own devices and what scripts read from
+// the JSON.
 constexpr uid_t kNobody = 65534;
 using TestSupport::Run;
 using TestSupport::runOndril;
@@ -26,22 +23,26 @@ class TestControlOnServer : public QObject {
     Q_OBJECT
 
 private:
-    static QString ondril() { return TestSupport::helperDirectory() + QStringLiteral("/ondril"); }
-
     // An outside process's effect shows after its own time: wait for it, with a generous bound.
     static bool eventually(const std::function<bool()>& condition) {
         return QTest::qWaitFor(condition, 20000);
     }
 
-    static bool answers() { return runOndril({QStringLiteral("status")}).exitCode == 0; }
+    static bool answers() { return runOndril({"status"}).exitCode == 0; }
 
     QJsonObject status() const {
         return QJsonDocument::fromJson(runOndril({"status", "--json"}).out.toUtf8()).object();
     }
 
+    static QJsonObject byUID(const QJsonArray& devices, const QString& uid) {
+        for (const auto& device : devices)
+            if (device.toObject().value("uid").toString() == uid)
+                return device.toObject();
+        return {};
+    }
+
     bool groupIsDefault() const {
-        return m_server->defaultSinkName().startsWith(
-            QLatin1String("com.kestrivane.ondril.group."));
+        return m_server->defaultSinkName().startsWith(GroupManager::groupUIDPrefix);
     }
 
     QTemporaryDir m_config;
@@ -62,40 +63,34 @@ private slots:
         QVERIFY(m_server->pactl({"set-default-sink", "builtin"}));
     }
 
-    void cleanupTestCase() { m_server.reset(); }
-
     void urlsAndCommandsReachTheRunningInstance() {
         auto instance = TestSupport::startOndril();
         QVERIFY(eventually(answers));
 
         // A plain second launch hands over without opening a display: this one names a dead one.
         QProcessEnvironment deadDisplay = QProcessEnvironment::systemEnvironment();
-        deadDisplay.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
-        deadDisplay.insert(QStringLiteral("DISPLAY"), QStringLiteral(":4242"));
+        deadDisplay.insert("QT_QPA_PLATFORM", "xcb");
+        deadDisplay.insert("DISPLAY", ":4242");
         Run run = runOndril({}, deadDisplay);
         QCOMPARE(run.exitCode, 0);
         QVERIFY2(run.err.contains("already running"), qPrintable(run.err));
 
         // A URL boosts a playing application through the limiter: a half-scale sine at 200 % is
         // heard at the RMS of the limited sine (0.575), where clipping would give 0.707.
-        const auto tone = m_server->playTone({}, QStringLiteral("Player"),
-                                             {QStringLiteral("application.id=org.example.Player")});
+        const auto tone = m_server->playTone({}, "Player", {"application.id=org.example.Player"});
         QVERIFY(tone);
-        QCOMPARE(runOndril({QStringLiteral("ondril://app?bundle=org.example.Player&volume=200")})
-                     .exitCode,
-                 0);
+        QCOMPARE(runOndril({"ondril://app?bundle=org.example.Player&volume=200"}).exitCode, 0);
         QVERIFY(eventually([this] {
-            const auto level = m_server->recordLevel(QStringLiteral("builtin"));
+            const auto level = m_server->recordLevel("builtin");
             return level && std::abs(*level - 0.575) < 0.02;
         }));
 
-        run = runOndril({QStringLiteral("ondril://activate?group=Both%20Displays")});
-        QCOMPARE(run.exitCode, 0);
+        QCOMPARE(runOndril({"ondril://activate?group=Both%20Displays"}).exitCode, 0);
         QVERIFY(eventually([this] { return groupIsDefault(); }));
         QCOMPARE(status().value("activeGroup").toObject().value("name").toString(),
                  QStringLiteral("Both Displays"));
 
-        QCOMPARE(runOndril({QStringLiteral("ondril://config?save=Desk")}).exitCode, 0);
+        QCOMPARE(runOndril({"ondril://config?save=Desk"}).exitCode, 0);
         QCOMPARE(runOndril({"groups", "deactivate"}).exitCode, 0);
         QVERIFY(eventually([this] { return m_server->defaultSinkName() == "builtin"; }));
         QCOMPARE(runOndril({"configs", "apply", "desk"}).exitCode, 0);
@@ -109,7 +104,7 @@ private slots:
         QCOMPARE(player.value("volume").toDouble(), 1.5);
         QCOMPARE(player.value("muted").toBool(), true);
 
-        run = runOndril({QStringLiteral("ondril://mute"), QStringLiteral("https://example.org")});
+        run = runOndril({"ondril://mute", "https://example.org"});
         QCOMPARE(run.exitCode, 2);
         QVERIFY(run.err.contains("not an ondril: URL"));
 
@@ -117,7 +112,7 @@ private slots:
         instance->terminate();
         QVERIFY(instance->waitForFinished(10000));
         QCOMPARE(instance->exitStatus(), QProcess::NormalExit); // quit, not killed
-        run = runOndril({QStringLiteral("status")});
+        run = runOndril({"status"});
         QCOMPARE(run.exitCode, 1);
         QVERIFY2(run.err.contains("not running"), qPrintable(run.err));
     }
@@ -151,17 +146,17 @@ private slots:
         for (const char* name : {"XDG_RUNTIME_DIR", "HOME", "XDG_CONFIG_HOME"})
             environment.insert(QString::fromLatin1(name), runtime.path());
         const auto asNobody = [](QStringList arguments) {
-            arguments.prepend(ondril());
+            arguments.prepend(TestSupport::helperDirectory() + "/ondril");
             return QStringList{"--reuid=65534", "--regid=65534", "--clear-groups"} + arguments;
         };
 
         QProcess instance;
         instance.setProcessEnvironment(environment);
-        instance.start(QStringLiteral("setpriv"), asNobody({"--headless", "--backend=simulated"}));
+        instance.start("setpriv", asNobody({"--headless", "--backend=simulated"}));
         QVERIFY(eventually([&] {
             QProcess status;
             status.setProcessEnvironment(environment);
-            status.start(QStringLiteral("setpriv"), asNobody({"status"}));
+            status.start("setpriv", asNobody({"status"}));
             return status.waitForFinished(10000) && status.exitCode() == 0;
         }));
         struct stat socket {};
@@ -169,11 +164,51 @@ private slots:
                 0);
         QCOMPARE(socket.st_mode & 077, 0u); // nobody else may connect
 
-        const Run root = runOndril({QStringLiteral("status")}, environment);
+        const Run root = runOndril({"status"}, environment);
         QCOMPARE(root.exitCode, 1);
         QVERIFY2(root.err.contains("did not answer"), qPrintable(root.err));
         instance.terminate();
         QVERIFY(instance.waitForFinished(10000));
+    }
+
+    // `--backend=auto` takes the same connection: the backend's server test proves it.
+    void jsonListsTheServersSinksAndInputsWithTheirDefaults() {
+        QVERIFY(m_server->pactl({"set-default-sink", "airpods"}));
+        QVERIFY(m_server->pactl({"set-sink-volume", "airpods", "35%"}));
+        QVERIFY(m_server->pactl({"set-sink-mute", "builtin", "1"}));
+        const auto input = PrivateSoundServer::defaultInput();
+        QVERIFY(m_server->pactl({"set-source-mute", input.name, "1"}));
+
+        const Run run = runOndril({"--backend=pulse", "devices", "--json"});
+        QCOMPARE(run.exitCode, 0);
+        const QJsonObject json = QJsonDocument::fromJson(run.out.toUtf8()).object();
+        const QJsonArray outputs = json.value("outputs").toArray();
+        const QJsonArray inputs = json.value("inputs").toArray();
+
+        for (const auto& sink : PrivateSoundServer::defaultSinks()) {
+            const QJsonObject device = byUID(outputs, sink.name);
+            QVERIFY2(!device.isEmpty(), qPrintable(sink.name));
+            QCOMPARE(device.value("name").toString(), sink.description);
+            QCOMPARE(device.value("isDefault").toBool(), sink.name == QLatin1String("airpods"));
+            QCOMPARE(device.value("muted").toBool(), sink.name == QLatin1String("builtin"));
+        }
+        // 35% on the server's scale is 22938 / 65536: the scalar is within one step of 0.35.
+        QVERIFY(qAbs(byUID(outputs, "airpods").value("volume").toDouble() - 0.35) < 0.001);
+
+        const QJsonObject microphone = byUID(inputs, input.name);
+        QVERIFY2(!microphone.isEmpty(), qPrintable(run.out));
+        QCOMPARE(microphone.value("name").toString(), input.description);
+        QCOMPARE(microphone.value("muted"), QJsonValue(true));
+        QVERIFY(byUID(outputs, input.name).isEmpty());
+        // Monitors are not inputs; every device has the same keys.
+        const QStringList keys{"displayName", "id",   "isAirPlay", "isDefault",
+                               "muted",       "name", "uid",       "volume"};
+        for (const auto& device : inputs) {
+            QVERIFY(!device.toObject().value("uid").toString().endsWith(".monitor"));
+            QCOMPARE(device.toObject().keys(), keys);
+        }
+        for (const auto& device : outputs)
+            QCOMPARE(device.toObject().keys(), keys);
     }
 };
 

@@ -13,14 +13,13 @@ struct ConfigRig : GroupTestRig {
     static inline const QString webcamUID = QStringLiteral("usb:Acme:Webcam:2002:1");
     static inline const QString player = QStringLiteral("org.example.Player");
 
+    OutputGroup displays = makeGroup("Both Displays", {leftUID, rightUID});
     std::unique_ptr<AppAudioManager> apps;
     std::unique_ptr<ConfigManager> configs;
-    AudioObjectID mic = 0;
-    AudioObjectID webcam = 0;
+    AudioObjectID mic = addInput(micUID, "Microphone");
+    AudioObjectID webcam = addInput(webcamUID, "Webcam");
 
     ConfigRig() {
-        mic = addInput(micUID, QStringLiteral("Microphone"));
-        webcam = addInput(webcamUID, QStringLiteral("Webcam"));
         hardware->setDefaultInputDevice(mic);
         launch();
         startUpper();

@@ -1,8 +1,5 @@
 #include "ConfigRig.h"
 
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QtTest>
 
 class ConfigManagerTest : public QObject {
@@ -19,31 +16,30 @@ private slots:
     void saveTakesTheRouting() {
         QFETCH(QString, output);
         ConfigRig rig;
-        const OutputGroup group = makeGroup(QStringLiteral("Both Displays"),
-                                            {GroupTestRig::leftUID, GroupTestRig::rightUID});
-        rig.manager->setGroups({group});
-        rig.manager->activate(group);
+        rig.manager->setGroups({rig.displays});
+        rig.manager->activate(rig.displays);
         settle();
         if (output == QLatin1String("single"))
             rig.manager->switchToDevice(rig.headphones);
         if (output == QLatin1String("aggregate")) {
             // An aggregate of ours left as the default while no group is on.
             rig.manager->deactivate();
-            rig.hardware->setDefaultOutputDevice(rig.addOutput(
-                GroupManager::aggregateUID(QUuid::createUuid()), QStringLiteral("Group")));
+            rig.hardware->setDefaultOutputDevice(
+                rig.addOutput(GroupManager::aggregateUID(QUuid::createUuid()), "Group"));
         }
         settle();
         rig.hardware->setDefaultInputDevice(rig.webcam);
         rig.apps->setVolume(ConfigRig::player, 2.0);
         settle();
 
-        rig.configs->saveCurrent(QStringLiteral("Desk"));
+        rig.configs->saveCurrent("Desk");
         rig.startUpper(); // read back from the store
         QCOMPARE(rig.configs->configs().size(), 1);
         const QuickConfig saved = rig.configs->configs().first();
         QCOMPARE(saved.name, QStringLiteral("Desk"));
-        QCOMPARE(saved.activeGroupID,
-                 output == QLatin1String("group") ? std::optional<QUuid>(group.id) : std::nullopt);
+        QCOMPARE(saved.activeGroupID, output == QLatin1String("group")
+                                          ? std::optional<QUuid>(rig.displays.id)
+                                          : std::nullopt);
         QCOMPARE(saved.singleOutputUID, output == QLatin1String("single")
                                             ? std::optional<QString>(GroupTestRig::headphonesUID)
                                             : std::nullopt);
@@ -57,14 +53,14 @@ private slots:
         rig.manager->switchToDevice(rig.headphones);
         rig.apps->setVolume(ConfigRig::player, 1.5); // a follower of the default output
         settle();
-        rig.configs->saveCurrent(QStringLiteral("Desk"));
+        rig.configs->saveCurrent("Desk");
 
         rig.manager->switchToDevice(rig.speakers);
         rig.hardware->setDefaultInputDevice(rig.webcam);
         rig.apps->setVolume(ConfigRig::player, 0.5);
         settle();
 
-        rig.configs->apply(QStringLiteral("desk"));
+        rig.configs->apply("desk");
         settle();
         QCOMPARE(rig.defaultOutput(), rig.headphones);
         QCOMPARE(rig.defaultInput(), rig.mic);
@@ -77,13 +73,11 @@ private slots:
 
     void applyAfterTheGroupWasDeleted() {
         ConfigRig rig;
-        const OutputGroup group = makeGroup(QStringLiteral("Both Displays"),
-                                            {GroupTestRig::leftUID, GroupTestRig::rightUID});
-        rig.manager->setGroups({group});
-        rig.manager->activate(group);
+        rig.manager->setGroups({rig.displays});
+        rig.manager->activate(rig.displays);
         settle();
-        rig.configs->saveCurrent(QStringLiteral("Desk"));
-        rig.manager->deleteGroup(group);
+        rig.configs->saveCurrent("Desk");
+        rig.manager->deleteGroup(rig.displays);
         settle();
         rig.startUpper();
         QCOMPARE(rig.configs->configs().first().activeGroupID, std::nullopt); // stored so
@@ -94,7 +88,7 @@ private slots:
         rig.apps->setVolume(ConfigRig::player, 2.0);
         settle();
         QVERIFY(rig.apps->session(ConfigRig::player));
-        rig.configs->apply(QStringLiteral("Desk"));
+        rig.configs->apply("Desk");
         settle();
         QCOMPARE(rig.defaultOutput(), rig.right); // saved with a group: no single output to fall to
         QCOMPARE(rig.defaultInput(), rig.mic);
@@ -104,7 +98,7 @@ private slots:
 
         // A config that names a group that is gone falls to its single output.
         QuickConfig config = rig.configs->configs().first();
-        config.activeGroupID = group.id;
+        config.activeGroupID = rig.displays.id;
         config.singleOutputUID = GroupTestRig::headphonesUID;
         rig.configs->apply(config);
         settle();
@@ -114,12 +108,12 @@ private slots:
     void applySkipsAbsentDevices() {
         ConfigRig rig;
         QuickConfig config;
-        config.name = QStringLiteral("Away");
-        config.singleOutputUID = QStringLiteral("usb:Gone:Speaker:9:1");
-        config.inputUID = QStringLiteral("usb:Gone:Mic:9:1");
+        config.name = "Away";
+        config.singleOutputUID = "usb:Gone:Speaker:9:1";
+        config.inputUID = "usb:Gone:Mic:9:1";
         AppAudioPrefs& record = config.appRoutes[ConfigRig::player];
         record.volume = 3.0;
-        record.routeUIDs = {QStringLiteral("usb:Gone:Speaker:9:1")};
+        record.routeUIDs = {"usb:Gone:Speaker:9:1"};
         rig.configs->apply(config);
         settle();
         QCOMPARE(rig.defaultOutput(), rig.speakers);
@@ -133,16 +127,16 @@ private slots:
         ConfigRig rig;
         rig.manager->switchToDevice(rig.left);
         settle();
-        rig.configs->saveCurrent(QStringLiteral("Ünterwegs"));
+        rig.configs->saveCurrent("Ünterwegs");
         rig.manager->switchToDevice(rig.right);
         settle();
-        rig.configs->saveCurrent(QStringLiteral("ünterwegs"));
+        rig.configs->saveCurrent("ünterwegs");
         QCOMPARE(rig.configs->configs().size(), 2); // a save never replaces
 
         rig.configs->apply(QStringLiteral("nothing like it"));
         settle();
         QCOMPARE(rig.defaultOutput(), rig.right);
-        rig.configs->apply(QStringLiteral("ÜNTERWEGS"));
+        rig.configs->apply("ÜNTERWEGS");
         settle();
         QCOMPARE(rig.defaultOutput(), rig.left);
     }
@@ -188,7 +182,7 @@ private slots:
         const QuickConfig& config = configs->first();
         QVERIFY(!config.id.isNull());
         QStringList stayed{config.name + u':'};
-        if (config.id == QUuid::fromString(QStringLiteral("6F0C7A3E-2B1D-4C9A-8E55-0A1B2C3D4E5F")))
+        if (config.id == QUuid::fromString("6F0C7A3E-2B1D-4C9A-8E55-0A1B2C3D4E5F"))
             stayed << "id";
         if (config.activeGroupID)
             stayed << "group";

@@ -7,7 +7,6 @@
 namespace {
 
 struct URLRig : ConfigRig {
-    OutputGroup displays = makeGroup(QStringLiteral("Both Displays"), {leftUID, rightUID});
     // Named by the other group's uuid text, in lower case.
     OutputGroup impostor =
         makeGroup(OutputGroupCodec::uuidText(displays.id).toLower(), {speakersUID, headphonesUID});
@@ -92,9 +91,8 @@ private slots:
         QFETCH(QStringList, urls);
         QFETCH(QString, state);
         URLRig rig;
-        rig.defaults->setStringDictionary(
-            {{GroupTestRig::headphonesUID, QStringLiteral("Desk Phones")}},
-            SettingsKeys::deviceNames);
+        rig.defaults->setStringDictionary({{GroupTestRig::headphonesUID, "Desk Phones"}},
+                                          SettingsKeys::deviceNames);
         if (displaysOn)
             QVERIFY(rig.manager->activate(rig.displays));
         settle();

@@ -1,6 +1,5 @@
 #include "platform/linux/ProcRunningApplications.h"
 
-#include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
@@ -10,13 +9,13 @@ struct FakeProc {
     QTemporaryDir root;
 
     void add(std::int32_t pid, const QString& exe, std::int32_t parent,
-             const QString& cgroup = QStringLiteral("0::/user.slice/session-2.scope")) {
+             const QString& cgroup = "0::/user.slice/session-2.scope") {
         const QString dir = root.filePath(QString::number(pid));
         QDir().mkpath(dir);
-        QFile::link(exe, dir + QStringLiteral("/exe"));
-        write(dir + QStringLiteral("/stat"),
+        QFile::link(exe, dir + "/exe");
+        write(dir + "/stat",
               QStringLiteral("%1 (a (strange) name) S %2 1 1 0\n").arg(pid).arg(parent));
-        write(dir + QStringLiteral("/cgroup"), cgroup + u'\n');
+        write(dir + "/cgroup", cgroup + u'\n');
     }
     static void write(const QString& path, const QString& text) {
         QFile file(path);
@@ -45,8 +44,7 @@ private slots:
         QTest::addColumn<QString>("line");
         QTest::addColumn<QString>("id"); // "" for none
 
-        const QString slice =
-            QStringLiteral("0::/user.slice/user-1000.slice/user@1000.service/app.slice/");
+        const QString slice = "0::/user.slice/user-1000.slice/user@1000.service/app.slice/";
         const QList<std::pair<const char*, const char*>> scopes{
             {"app-gnome-org.gnome.Terminal-1234.scope", "org.gnome.Terminal"},
             {"app-flatpak-org.mozilla.firefox-5678.scope", "org.mozilla.firefox"},
@@ -55,8 +53,8 @@ private slots:
             {"app-org.example.Bar@abc.service", "org.example.Bar"}};
         for (const auto& [scope, id] : scopes)
             QTest::newRow(scope) << slice + scope << id;
-        QTest::newRow("a login session") << QStringLiteral("0::/user.slice/session-2.scope") << "";
-        QTest::newRow("a system service") << QStringLiteral("0::/system.slice/cron.service") << "";
+        QTest::newRow("a login session") << "0::/user.slice/session-2.scope" << QString();
+        QTest::newRow("a system service") << "0::/system.slice/cron.service" << QString();
     }
 
     void cgroupScope() {
@@ -67,22 +65,20 @@ private slots:
 
     void identityNameAndResponsibility() {
         QTemporaryDir data;
-        QDir().mkpath(data.filePath(QStringLiteral("applications/org.example")));
-        FakeProc::write(data.filePath(QStringLiteral("applications/org.example/Sleeper.desktop")),
+        QDir().mkpath(data.filePath("applications/org.example"));
+        FakeProc::write(data.filePath("applications/org.example/Sleeper.desktop"),
                         QStringLiteral("[Desktop Entry]\nName=Sleeper\nName[xx]=Dormeur\n"
                                        "Exec=sleep %U\nIcon=sleeper\n[Desktop Action New]\n"
                                        "Name=Other\nExec=true\n"));
-        FakeProc::write(
-            data.filePath(QStringLiteral("applications/org.example.Viewer.desktop")),
-            QStringLiteral("[Desktop Entry]\nName=Viewer\nExec=/opt/viewer\nIcon=viewer\n"));
+        FakeProc::write(data.filePath("applications/org.example.Viewer.desktop"),
+                        "[Desktop Entry]\nName=Viewer\nExec=/opt/viewer\nIcon=viewer\n");
 
         FakeProc proc;
-        proc.add(10, QStringLiteral("/usr/bin/env"), 1);
-        proc.add(11, QStringLiteral("/usr/bin/env"), 10); // a helper of 10
-        proc.add(12, QStringLiteral("/usr/bin/true"), 11);
-        proc.add(20, QStringLiteral("/usr/bin/true"), 1,
-                 QStringLiteral("0::/app.slice/app-flatpak-org.example.Viewer-77.scope"));
-        proc.add(30, QStringLiteral("/usr/bin/sleep"), 1);
+        proc.add(10, "/usr/bin/env", 1);
+        proc.add(11, "/usr/bin/env", 10); // a helper of 10
+        proc.add(12, "/usr/bin/true", 11);
+        proc.add(20, "/usr/bin/true", 1, "0::/app.slice/app-flatpak-org.example.Viewer-77.scope");
+        proc.add(30, "/usr/bin/sleep", 1);
         ProcRunningApplications applications(proc.root.path(), {data.path()});
 
         QCOMPARE(applications.responsibilityGetPidResponsibleForPid(11), 10);
@@ -97,7 +93,7 @@ private slots:
 
         QList<std::int32_t> pids;
         for (const RunningApplication& app :
-             applications.runningApplicationsWithBundleIdentifier(QStringLiteral("env")))
+             applications.runningApplicationsWithBundleIdentifier("env"))
             pids.append(app.processIdentifier);
         std::sort(pids.begin(), pids.end());
         QCOMPARE(pids, (QList<std::int32_t>{10, 11}));

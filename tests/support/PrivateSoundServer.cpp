@@ -5,10 +5,8 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcessEnvironment>
 #include <QRegularExpression>
 #include <QThread>
 
@@ -23,11 +21,10 @@ namespace {
 constexpr int kReadyTimeoutMs = 15000;
 
 QString sandboxRoot() {
-    const QString sandbox = qEnvironmentVariable("ONDRIL_TEST_SANDBOX");
-    if (!sandbox.isEmpty())
-        return sandbox;
-    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
-    return runtime.isEmpty() ? QDir::tempPath() : runtime;
+    for (const char* name : {"ONDRIL_TEST_SANDBOX", "XDG_RUNTIME_DIR"})
+        if (!qEnvironmentVariableIsEmpty(name))
+            return qEnvironmentVariable(name);
+    return QDir::tempPath();
 }
 
 // Checks `condition` every `stepMs` until it holds or `timeoutMs` have passed; whether it held.
@@ -76,16 +73,12 @@ std::optional<PrivateSoundServer::Kind> PrivateSoundServer::kindFromEnvironment(
 
 std::unique_ptr<PrivateSoundServer> PrivateSoundServer::startFromEnvironment(QString& error) {
     const auto kind = kindFromEnvironment();
-    if (!kind) {
-        error = "ONDRIL_TEST_SERVER must name the server to test against (pulse or pipewire)";
-        return nullptr;
-    }
-    auto server = std::make_unique<PrivateSoundServer>(*kind);
-    if (!server->start()) {
-        error = server->error();
-        return nullptr;
-    }
-    return server;
+    auto server = kind ? std::make_unique<PrivateSoundServer>(*kind) : nullptr;
+    if (server && server->start())
+        return server;
+    error = server ? server->error()
+                   : "ONDRIL_TEST_SERVER must name the server to test against (pulse or pipewire)";
+    return nullptr;
 }
 
 PrivateSoundServer::PrivateSoundServer(Kind kind)
@@ -107,18 +100,12 @@ QString PrivateSoundServer::serverAddress() const {
 }
 
 bool PrivateSoundServer::isRunning() const {
-    if (m_processes.empty())
-        return false;
-    for (const auto& process : m_processes) {
-        if (process->state() != QProcess::Running)
-            return false;
-    }
-    return true;
+    return !m_processes.empty() &&
+           std::all_of(m_processes.begin(), m_processes.end(),
+                       [](const auto& process) { return process->state() == QProcess::Running; });
 }
 
-std::unique_ptr<QProcess> PrivateSoundServer::spawn(const QString& program,
-                                                    const QStringList& arguments,
-                                                    const QString& logName) {
+bool PrivateSoundServer::spawn(const QString& program, const QStringList& arguments) {
     auto process = std::make_unique<QProcess>();
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("XDG_RUNTIME_DIR", m_runtime);
@@ -133,14 +120,15 @@ std::unique_ptr<QProcess> PrivateSoundServer::spawn(const QString& program,
     environment.remove("PIPEWIRE_REMOTE");
     QDir().mkpath(state + "/pulse");
     process->setProcessEnvironment(environment);
-    process->setStandardOutputFile(m_root + "/" + logName + ".log", QIODevice::Append);
-    process->setStandardErrorFile(m_root + "/" + logName + ".log", QIODevice::Append);
+    process->setStandardOutputFile(m_root + "/" + program + ".log", QIODevice::Append);
+    process->setStandardErrorFile(m_root + "/" + program + ".log", QIODevice::Append);
     process->start(program, arguments);
     if (!process->waitForStarted(5000)) {
         m_error = QString("%1 did not start: %2").arg(program, process->errorString());
-        return nullptr;
+        return false;
     }
-    return process;
+    m_processes.push_back(std::move(process));
+    return true;
 }
 
 bool PrivateSoundServer::start() {
@@ -150,73 +138,48 @@ bool PrivateSoundServer::start() {
     QDir().mkpath(m_runtime);
     QFile::setPermissions(m_runtime,
                           QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    QDir().mkpath(m_root + "/home/.config");
+    QDir().mkpath(m_root + "/home/.config/pulse");
     qputenv("PULSE_SERVER", serverAddress().toUtf8());
     qputenv("PULSE_RUNTIME_PATH", (m_runtime + "/pulse").toUtf8());
 
-    const bool started = m_kind == Kind::PulseAudio ? startPulseAudio() : startPipeWire();
-    if (!started) {
-        stop();
-        return false;
-    }
-    if (!waitUntilReady(kReadyTimeoutMs)) {
+    const bool ready =
+        startDaemons() &&
+        pollUntil([&] { return !isRunning() || pactl({"info"}, 2000); }, kReadyTimeoutMs) &&
+        isRunning();
+    if (ready && loadDevices())
+        return true;
+    if (m_error.isEmpty())
         m_error = QString("%1 did not answer `pactl info` within %2 ms")
                       .arg(kindName(m_kind))
                       .arg(kReadyTimeoutMs);
-        stop();
-        return false;
-    }
-    if (!loadDevices()) {
-        stop();
-        return false;
-    }
-    return true;
+    stop();
+    return false;
 }
 
-bool PrivateSoundServer::startPulseAudio() {
+bool PrivateSoundServer::startDaemons() {
+    if (m_kind == Kind::PipeWire) {
+        if (!spawn("pipewire", {}))
+            return false;
+        // WirePlumber connects to the PipeWire socket; give it a moment to appear.
+        pollUntil([&] { return QFile::exists(m_runtime + "/pipewire-0"); }, 5000, 20);
+        return spawn("wireplumber", {}) && spawn("pipewire-pulse", {});
+    }
     // PulseAudio limits itself to 256 descriptors by default: not enough for 64 null sinks.
-    QDir().mkpath(m_root + "/home/.config/pulse");
     QFile configuration(m_root + "/home/.config/pulse/daemon.conf");
     if (configuration.open(QIODevice::WriteOnly | QIODevice::Truncate))
         configuration.write("rlimit-nofile = 4096\n");
-    configuration.close();
     // No startup script: the devices are loaded afterwards with pactl, the same way on both
     // servers. As root PulseAudio only warns that it is meant for --system; a per-user daemon
     // still runs.
-    auto daemon = spawn("pulseaudio",
-                        {"-n", "--load=module-native-protocol-unix", "--load=module-stream-restore",
-                         "--load=module-always-sink", "--daemonize=no", "--exit-idle-time=-1",
-                         "--use-pid-file=no", "--log-target=stderr"},
-                        "pulseaudio");
-    if (!daemon)
-        return false;
-    m_processes.push_back(std::move(daemon));
-    return true;
-}
-
-bool PrivateSoundServer::startPipeWire() {
-    auto pipewire = spawn("pipewire", {}, "pipewire");
-    if (!pipewire)
-        return false;
-    m_processes.push_back(std::move(pipewire));
-    // WirePlumber connects to the PipeWire socket; give it a moment to appear.
-    pollUntil([&] { return QFile::exists(m_runtime + "/pipewire-0"); }, 5000, 20);
-    for (const char* program : {"wireplumber", "pipewire-pulse"}) {
-        auto process = spawn(program, {}, program);
-        if (!process)
-            return false;
-        m_processes.push_back(std::move(process));
-    }
-    return true;
-}
-
-bool PrivateSoundServer::waitUntilReady(int timeoutMs) {
-    return pollUntil([&] { return !isRunning() || pactl({"info"}, 2000); }, timeoutMs) &&
-           isRunning();
+    return spawn("pulseaudio",
+                 {"-n", "--load=module-native-protocol-unix", "--load=module-stream-restore",
+                  "--load=module-always-sink", "--daemonize=no", "--exit-idle-time=-1",
+                  "--use-pid-file=no", "--log-target=stderr"});
 }
 
 bool PrivateSoundServer::loadDevices() {
-    for (const Device& sink : defaultSinks()) {
+    const std::vector<Device> sinks = defaultSinks();
+    for (const Device& sink : sinks) {
         if (!loadNullSink(sink.name, sink.description)) {
             m_error = QString("could not load null sink %1").arg(sink.name);
             return false;
@@ -228,7 +191,6 @@ bool PrivateSoundServer::loadDevices() {
         return false;
     }
     // Loading is asynchronous on PipeWire: wait until every sink is listed.
-    const std::vector<Device> sinks = defaultSinks();
     const auto allListed = [&] {
         const QStringList names = sinkNames();
         return std::all_of(sinks.begin(), sinks.end(),
@@ -420,17 +382,13 @@ std::unique_ptr<QProcess> PrivateSoundServer::playTone(const QString& sink,
     QProcessEnvironment environment = clientEnvironment();
     environment.insert("PULSE_PROP", QString("application.name='%1'").arg(applicationName));
     process->setProcessEnvironment(environment);
-    QStringList arguments;
+    QStringList arguments{"--raw", "--format=s16le", "--rate=44100", "--channels=2",
+                          "--client-name=" + applicationName};
     if (!sink.isEmpty())
         arguments << "--device=" + sink;
     for (const QString& property : properties)
         arguments << "--property=" + property;
-    arguments << "--raw"
-              << "--format=s16le"
-              << "--rate=44100"
-              << "--channels=2"
-              << "--client-name=" + applicationName << toneFile();
-    process->start("paplay", arguments);
+    process->start("paplay", arguments << toneFile());
     if (!process->waitForStarted(3000))
         return nullptr;
     return process;

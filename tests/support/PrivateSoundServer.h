@@ -2,9 +2,6 @@
 
 #include <QJsonArray>
 #include <QProcess>
-#include <QProcessEnvironment>
-#include <QString>
-#include <QStringList>
 
 #include <memory>
 #include <optional>
@@ -47,7 +44,6 @@ public:
     bool start();
     // Kills the daemons by their pids and waits for them.
     void stop();
-    bool isRunning() const;
     // Freezes the daemons (SIGSTOP) and lets them go on (SIGCONT): a server that does not answer.
     void pause();
     void resume();
@@ -87,12 +83,11 @@ public:
     std::optional<double> recordLevel(const QString& sink, int msec = 800) const;
 
 private:
-    bool startPulseAudio();
-    bool startPipeWire();
-    bool waitUntilReady(int timeoutMs);
+    bool isRunning() const;
+    bool startDaemons();
     bool loadDevices();
-    std::unique_ptr<QProcess> spawn(const QString& program, const QStringList& arguments,
-                                    const QString& logName);
+    // Starts `program` with its output in <program>.log; false with `m_error` set if it does not.
+    bool spawn(const QString& program, const QStringList& arguments);
     QString toneFile() const;
     // This process's environment, pointed at this server.
     QProcessEnvironment clientEnvironment() const;

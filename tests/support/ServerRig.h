@@ -38,10 +38,12 @@ struct ServerRig {
     std::unique_ptr<GroupManager> manager;
     std::unique_ptr<QProcess> tone;
 
-    ServerRig();
-    ~ServerRig();
-    ServerRig(const ServerRig&) = delete;
-    ServerRig& operator=(const ServerRig&) = delete;
+    ~ServerRig() {
+        if (tone) {
+            tone->kill();
+            tone->waitForFinished();
+        }
+    }
 
     // Starts the server ONDRIL_TEST_SERVER names, with `defaultSink` as its default output, and
     // connects. Empty, or what went wrong.
@@ -55,11 +57,13 @@ struct ServerRig {
     bool unplug(const QString& sink) const;
     QString defaultOutputUID() const;
 
-    // A tone played to the default output, once the server has placed it on `expectedSink`.
-    void playToneToDefault(const QString& expectedSink,
-                           const QString& application = QStringLiteral("ondril-tone"));
-    void verifyPlaying(const QString& sink) const;
-    void verifySilent(const QString& sink) const;
+    // A tone played to the default output as "ondril-tone", once the server has placed it on
+    // `expectedSink`.
+    void playToneToDefault(const QString& expectedSink);
+    void verifyPlaying(const QString& sink) const { verifyLevel(sink, true); }
+    void verifySilent(const QString& sink) const { verifyLevel(sink, false); }
+    // What the monitor of `sink` carries: above playingLevel, or below silentLevel.
+    void verifyLevel(const QString& sink, bool playing) const;
     // Every channel of `sink` within one percent of `scalar`, once the server has applied it.
     void verifyVolume(const QString& sink, double scalar) const;
     // The combined sink plays to `members`, the first of them its clock master.

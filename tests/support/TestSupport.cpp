@@ -2,7 +2,6 @@
 
 #include <QCoreApplication>
 #include <QEventLoop>
-#include <QProcess>
 
 namespace TestSupport {
 
@@ -20,14 +19,12 @@ QString helperDirectory() {
 Run runOndril(const QStringList& arguments, const QProcessEnvironment& environment) {
     QProcess process;
     process.setProcessEnvironment(environment);
-    process.start(helperDirectory() + QStringLiteral("/ondril"), arguments);
-    Run run;
+    process.start(helperDirectory() + "/ondril", arguments);
     if (!process.waitForFinished(60000))
-        return run;
-    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-    run.out = QString::fromUtf8(process.readAllStandardOutput());
-    run.err = QString::fromUtf8(process.readAllStandardError());
-    return run;
+        return {};
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            QString::fromUtf8(process.readAllStandardOutput()),
+            QString::fromUtf8(process.readAllStandardError())};
 }
 
 std::unique_ptr<QProcess> startOndril(const QStringList& arguments,
@@ -35,7 +32,7 @@ std::unique_ptr<QProcess> startOndril(const QStringList& arguments,
     auto process = std::make_unique<QProcess>();
     process->setProcessEnvironment(environment);
     process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process->start(helperDirectory() + QStringLiteral("/ondril"), arguments);
+    process->start(helperDirectory() + "/ondril", arguments);
     return process;
 }
 

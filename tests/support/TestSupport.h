@@ -3,9 +3,6 @@
 #include "groups/OutputGroup.h"
 
 #include <QProcess>
-#include <QProcessEnvironment>
-#include <QString>
-#include <QStringList>
 
 #include <memory>
 

@@ -3,16 +3,12 @@
 
 #include "ServerRig.h"
 
-#include <QElapsedTimer>
-#include <QUuid>
 #include <QtTest>
 
 // The libpulse realisation against a real private server, PulseAudio or PipeWire as
 // ONDRIL_TEST_SERVER says: what the program reads and writes must be what pactl sees, server
 // events must reach listeners, and real audio must go where the routing says.
 namespace {
-
-constexpr int kGenerousWaitMs = ServerRig::generousWaitMs;
 
 const AudioObjectPropertyAddress kDevices{kAudioHardwarePropertyDevices,
                                           kAudioObjectPropertyScopeGlobal, 0};
@@ -27,9 +23,8 @@ template <typename T>
 std::optional<T> read(const AudioHardware& hardware, AudioObjectID objectID,
                       const AudioObjectPropertyAddress& address) {
     AudioPropertyValue value;
-    if (hardware.AudioObjectGetPropertyData(objectID, address, value) != kAudioHardwareNoError)
-        return std::nullopt;
-    if (!std::holds_alternative<T>(value))
+    if (hardware.AudioObjectGetPropertyData(objectID, address, value) != kAudioHardwareNoError ||
+        !std::holds_alternative<T>(value))
         return std::nullopt;
     return std::get<T>(value);
 }
@@ -103,7 +98,7 @@ private slots:
         if (device.isEmpty())
             QTRY_COMPARE_WITH_TIMEOUT(
                 read<std::uint32_t>(*m_hardware, kAudioObjectSystemObject, kDefaultOutput),
-                devicesByUID(*m_hardware).at("builtin"), kGenerousWaitMs);
+                devicesByUID(*m_hardware).at("builtin"), ServerRig::generousWaitMs);
     }
 
     // A write reads back at once and reaches the server; the whole device reads its loudest
@@ -196,21 +191,17 @@ private slots:
             eventually([&] { return m_server->sinkOfStream("ondril-follower") == "studio_right"; }),
             qPrintable(m_server->sinkOfStream("ondril-follower")));
         m_rig->verifyPlaying("studio_right");
-        tone->kill();
-        tone->waitForFinished();
 
         auto elsewhere = m_server->playTone({}, "ondril-pinned-elsewhere");
         QVERIFY(elsewhere);
         QVERIFY2(eventually(
                      [&] { return !m_server->sinkOfStream("ondril-pinned-elsewhere").isEmpty(); }),
                  "the pinned application did not start");
-        const QString pinnedSink = m_server->sinkOfStream("ondril-pinned-elsewhere");
-        elsewhere->kill();
-        elsewhere->waitForFinished();
-        // Gone before the next row plays under the same name.
-        QVERIFY(eventually(
-            [&] { return m_server->sinkOfStream("ondril-pinned-elsewhere").isEmpty(); }));
-        QCOMPARE(pinnedSink, QString("builtin"));
+        QCOMPARE(m_server->sinkOfStream("ondril-pinned-elsewhere"), QString("builtin"));
+        for (QProcess* player : {tone.get(), elsewhere.get()}) {
+            player->kill();
+            player->waitForFinished();
+        }
     }
 
     // An aggregate's life: it makes way for a leftover of an earlier run under its UID, is seen at
@@ -280,7 +271,7 @@ private slots:
         const AudioObjectID studio = devices.at("studio_left");
         QTRY_COMPARE_WITH_TIMEOUT(
             m_hardware->AudioObjectSetPropertyData(studio, volumeAddress(0), 0.3f),
-            kAudioHardwareNoError, kGenerousWaitMs);
+            kAudioHardwareNoError, ServerRig::generousWaitMs);
         QCOMPARE(m_server->sinkVolumePercent("studio_left"), (std::vector<int>{30, 30}));
     }
 
@@ -305,28 +296,24 @@ private slots:
     }
 
     void aggregateOperationsOnForeignSinksAreRefused_data() {
-        QTest::addColumn<QString>("operation");
-        QTest::newRow("create named like a plain sink") << "impostor";
-        QTest::newRow("create with a missing member") << "ghost";
-        QTest::newRow("destroy a plain sink") << "destroy";
+        QTest::addColumn<QString>("uid"); // empty: destroy the plain sink studio_left instead
+        QTest::addColumn<QStringList>("members");
+        QTest::newRow("create named like a plain sink") << "builtin" << QStringList{"studio_left"};
+        QTest::newRow("create with a missing member")
+            << groupUID() << QStringList{"studio_left", "nonexistent"};
+        QTest::newRow("destroy a plain sink") << "" << QStringList();
     }
     void aggregateOperationsOnForeignSinksAreRefused() {
-        QFETCH(QString, operation);
+        QFETCH(QString, uid);
+        QFETCH(QStringList, members);
         const QStringList before = m_server->sinkNames();
         AudioObjectID aggregate = 0;
-        OSStatus status = kAudioHardwareNoError;
-        if (operation == "impostor")
-            status = m_hardware->AudioHardwareCreateAggregateDevice(
-                aggregateDescription("builtin", "Impostor", {"studio_left"}, "studio_left"),
-                aggregate);
-        else if (operation == "ghost")
-            status = m_hardware->AudioHardwareCreateAggregateDevice(
-                aggregateDescription(groupUID(), "Ghost", {"studio_left", "nonexistent"},
-                                     "studio_left"),
-                aggregate);
-        else
-            status = m_hardware->AudioHardwareDestroyAggregateDevice(
-                devicesByUID(*m_hardware).at("studio_left"));
+        const OSStatus status =
+            uid.isEmpty()
+                ? m_hardware->AudioHardwareDestroyAggregateDevice(
+                      devicesByUID(*m_hardware).at("studio_left"))
+                : m_hardware->AudioHardwareCreateAggregateDevice(
+                      aggregateDescription(uid, "Foreign", members, "studio_left"), aggregate);
         QVERIFY(status != kAudioHardwareNoError);
         QCOMPARE(aggregate, 0u);
         QCOMPARE(m_server->sinkNames(), before);
@@ -339,8 +326,7 @@ private slots:
     }
     void automaticBackendWaitsForAServerThatMayStillStart() {
         QFETCH(bool, installed);
-        const QString expected =
-            m_server->kind() == PrivateSoundServer::Kind::PipeWire ? "pipewire" : "pulse";
+        const QString expected = PrivateSoundServer::kindName(m_server->kind());
         QCOMPARE(m_hardware->backendName(), expected);
         m_rig->hardware.reset();
         m_server->stop();
@@ -382,7 +368,7 @@ private:
         for (int attempt = 0; attempt < 5 && !moved; ++attempt) {
             QVERIFY(m_server->pactl({"move-sink-input", QString::number(*stream), sink}));
             moved = QTest::qWaitFor([&] { return m_server->sinkOfStream(application) == sink; },
-                                    kGenerousWaitMs / 5);
+                                    ServerRig::generousWaitMs / 5);
         }
         QVERIFY2(moved, qPrintable(m_server->sinkOfStream(application)));
         tone->kill();

@@ -1,19 +1,22 @@
+#include "platform/QuitSignals.h"
 #include "platform/SystemSleepMonitor.h"
 
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
-#include <QSignalSpy>
 #include <QtTest>
 
-// logind's PrepareForSleep reaches the monitor over a real bus: the test environment's private
-// session bus stands in for the system bus, with a second connection playing logind.
-class TestSystemSleepMonitor : public QObject {
+#include <csignal>
+
+// What the system tells the program. logind's PrepareForSleep reaches the sleep monitor over a
+// real bus: the test environment's private session bus stands in for the system bus, with a
+// second connection playing logind. A termination signal ends the main loop the ordinary way,
+// aboutToQuit included.
+class TestSystemSignals : public QObject {
     Q_OBJECT
 
     static void sendPrepareForSleep(QDBusConnection& logind, bool goingToSleep) {
         QDBusMessage signal = QDBusMessage::createSignal(
-            QStringLiteral("/org/freedesktop/login1"),
-            QStringLiteral("org.freedesktop.login1.Manager"), QStringLiteral("PrepareForSleep"));
+            "/org/freedesktop/login1", "org.freedesktop.login1.Manager", "PrepareForSleep");
         signal << goingToSleep;
         QVERIFY(logind.send(signal));
     }
@@ -26,7 +29,7 @@ private slots:
         QDBusConnection logind =
             QDBusConnection::connectToBus(QDBusConnection::SessionBus, "logind");
         QVERIFY(logind.isConnected());
-        QVERIFY(logind.registerService(QStringLiteral("org.freedesktop.login1")));
+        QVERIFY(logind.registerService("org.freedesktop.login1"));
 
         SystemSleepMonitor monitor;
         QVERIFY(monitor.start(bus));
@@ -44,15 +47,32 @@ private slots:
         sendPrepareForSleep(logind, false);
         QVERIFY(woke.wait(5000));
         // Round trips on every connection: whatever was sent has been delivered by now.
-        impostor.interface()->isServiceRegistered(QStringLiteral("org.freedesktop.login1"));
-        logind.interface()->isServiceRegistered(QStringLiteral("org.freedesktop.login1"));
-        bus.interface()->isServiceRegistered(QStringLiteral("org.freedesktop.login1"));
+        for (QDBusConnection* connection : {&impostor, &logind, &bus})
+            connection->interface()->isServiceRegistered("org.freedesktop.login1");
         QCoreApplication::processEvents();
         QCOMPARE(woke.count(), 2);
         QDBusConnection::disconnectFromBus("impostor");
         QDBusConnection::disconnectFromBus("logind");
     }
+
+    void signalQuitsCleanly_data() {
+        QTest::addColumn<int>("signal");
+        QTest::newRow("SIGTERM") << SIGTERM;
+        QTest::newRow("SIGINT") << SIGINT;
+    }
+
+    void signalQuitsCleanly() {
+        QFETCH(int, signal);
+        QuitSignals quitSignals;
+        QSignalSpy aboutToQuit(QCoreApplication::instance(), &QCoreApplication::aboutToQuit);
+        QTimer::singleShot(0, [signal] { std::raise(signal); });
+        // Should the signal not arrive as a quit, the loop ends with another status.
+        QObject watchdog; // the timeout goes with it at the end of the row
+        QTimer::singleShot(5000, &watchdog, [] { QCoreApplication::exit(99); });
+        QCOMPARE(QCoreApplication::exec(), 0);
+        QCOMPARE(aboutToQuit.count(), 1);
+    }
 };
 
-QTEST_GUILESS_MAIN(TestSystemSleepMonitor)
-#include "tst_systemsleepmonitor.moc"
+QTEST_GUILESS_MAIN(TestSystemSignals)
+#include "tst_systemsignals.moc"
