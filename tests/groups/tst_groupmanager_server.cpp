@@ -364,6 +364,20 @@ private slots:
         verifyDefaultStays(kAirPods);
     }
 
+    // An output the user picks while the rule's device is there stays picked, whatever the
+    // server publishes meanwhile (a volume change publishes the lists too).
+    void outputPickedByHandIsLeftAloneWhileTheRuleFits() {
+        QVERIFY(launchWaitingForTheAirPods());
+        m_rig->manager->addRule({kAirPods}, RuleAction::device(kAirPods));
+        QVERIFY(m_rig->server->loadNullSink(kAirPods, "AirPods Pro"));
+        QVERIFY(waitForDefault(kAirPods));
+
+        QVERIFY(m_rig->server->pactl({"set-default-sink", kLeft}));
+        QVERIFY(m_rig->server->pactl({"set-sink-volume", kRight, "40%"}));
+        verifyDefaultStays(kLeft);
+        QCOMPARE(m_rig->defaultOutputUID(), kLeft);
+    }
+
     // A headset's sink and microphone arrive a few ms apart; each side has its rule. Every list
     // published on the way is evaluated, and each default changes once.
     void arrivingHeadsetChangesEachDefaultOnce() {
