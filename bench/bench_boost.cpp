@@ -29,6 +29,7 @@
 #include <ctime>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 // A boosted session against a private server (ONDRIL_TEST_SERVER=pipewire for PipeWire): what the
 // default's monitor hears while the slider crosses unity, the CPU time of the process while one
@@ -42,18 +43,6 @@ const QString kSink = QStringLiteral("studio_left");
 PrivateSoundServer* g_server = nullptr;
 PulseAudioHardware* g_hardware = nullptr;
 QTemporaryDir* g_directory = nullptr;
-
-// Seconds in which the path's destination stream under-ran, as the aggregate logs them on
-// PulseAudio (under-runs too short to leave a 5 ms silence included). Counted on the main thread.
-int g_secondsWithUnderruns = 0;
-constexpr const char* kAggregateCategory = "com.kestrivane.ondril.PulseTapAggregate";
-
-void countUnderruns(QtMsgType type, const QMessageLogContext& context, const QString& message) {
-    if (qstrcmp(context.category, kAggregateCategory) == 0)
-        ++g_secondsWithUnderruns;
-    else
-        std::fprintf(stderr, "%s\n", qPrintable(qFormatLogMessage(type, context, message)));
-}
 
 // Runs the event loop for `ms`, or until `done` holds.
 bool runFor(
@@ -73,6 +62,31 @@ double monotonicSeconds() {
     timespec time{};
     clock_gettime(CLOCK_MONOTONIC, &time);
     return double(time.tv_sec) + double(time.tv_nsec) / 1e9;
+}
+
+// Seconds in which the path's destination stream under-ran, as the aggregate logs them on
+// PulseAudio (under-runs too short to leave a 5 ms silence included). Counted on the main thread,
+// and each printed with the time since the session started, since when the level learned matters
+// as much as how often.
+int g_secondsWithUnderruns = 0;
+double g_countingSince = 0;
+constexpr const char* kAggregateCategory = "com.kestrivane.ondril.PulseTapAggregate";
+
+void countUnderruns(QtMsgType type, const QMessageLogContext& context, const QString& message) {
+    if (qstrcmp(context.category, kAggregateCategory) == 0) {
+        if (!message.contains(QLatin1String("under-ran")))
+            return;
+        ++g_secondsWithUnderruns;
+        std::fprintf(stderr, "  %6.1f s: %s\n", monotonicSeconds() - g_countingSince,
+                     qPrintable(message));
+    } else {
+        std::fprintf(stderr, "%s\n", qPrintable(qFormatLogMessage(type, context, message)));
+    }
+}
+
+void startCountingUnderruns() {
+    g_secondsWithUnderruns = 0;
+    g_countingSince = monotonicSeconds();
 }
 
 // Stops a parecord and returns what it wrote.
@@ -402,6 +416,8 @@ void BM_LongPlay(benchmark::State& state) {
         state.SkipWithError("no session");
         return;
     }
+    startCountingUnderruns();
+    int settlingUnderruns = 0;
     const QString recordingPath = g_directory->filePath(QStringLiteral("long.raw"));
     auto recorder = start(QStringLiteral("parecord"),
                           {QStringLiteral("--device=") + kSink + QStringLiteral(".monitor"),
@@ -411,7 +427,7 @@ void BM_LongPlay(benchmark::State& state) {
     ClickLatency last;
     for (auto _ : state) {
         runFor(5000);
-        g_secondsWithUnderruns = 0;
+        settlingUnderruns = std::exchange(g_secondsWithUnderruns, 0);
         first = clickLatency(10);
         runFor(seconds * 1000);
         last = clickLatency(10);
@@ -435,8 +451,10 @@ void BM_LongPlay(benchmark::State& state) {
     state.counters["added_latency_end_ms"] = last.medianMs;
     state.counters["clicks_matched"] = first.clicks + last.clicks;
     state.counters["gaps_over_10ms"] = silences.gaps();
-    if (g_server->kind() == PrivateSoundServer::Kind::PulseAudio)
+    if (g_server->kind() == PrivateSoundServer::Kind::PulseAudio) {
+        state.counters["seconds_with_underruns_first_5s"] = settlingUnderruns;
         state.counters["seconds_with_underruns"] = g_secondsWithUnderruns;
+    }
     state.counters["longest_gap_ms"] = silences.longestMs();
     state.counters["recorded_s"] = double(count) / kRate;
     state.SetLabel(QStringLiteral("one boosted session playing %1 s").arg(seconds).toStdString());
@@ -620,6 +638,8 @@ void BM_DeviceClockDrift(benchmark::State& state) {
         state.SkipWithError("no session");
         return;
     }
+    startCountingUnderruns();
+    int settlingUnderruns = 0;
     ClickLatency first;
     ClickLatency last;
     double meanPpm = 0;
@@ -628,7 +648,7 @@ void BM_DeviceClockDrift(benchmark::State& state) {
         runFor(5000);
         from = monotonicSeconds();
         device.countMissingFramesFromNow();
-        g_secondsWithUnderruns = 0;
+        settlingUnderruns = std::exchange(g_secondsWithUnderruns, 0);
         first = deviceClickLatency(device, tap, 10);
         // The controller corrects every second around the device's rate: its mean is the rate.
         double sum = 0;
@@ -654,6 +674,7 @@ void BM_DeviceClockDrift(benchmark::State& state) {
     state.counters["gaps_over_10ms"] = gaps;
     state.counters["longest_gap_ms"] = longestGapMs;
     state.counters["frames_missing"] = double(device.missingFrames());
+    state.counters["seconds_with_underruns_first_5s"] = settlingUnderruns;
     state.counters["seconds_with_underruns"] = g_secondsWithUnderruns;
     state.SetLabel(QStringLiteral("device clock %1 ppm, %2 s").arg(ppm).arg(seconds).toStdString());
 }

@@ -157,6 +157,56 @@ private slots:
                  qPrintable(QStringLiteral("peak %1").arg(loudest)));
     }
 
+    // On PulseAudio a path keeps its destination's level with a rate controller that learns the
+    // device's clock and the level it needs; the next path to that device starts from there, so a
+    // slider crossing unity does not learn the device again with under-runs.
+    void aLaterPathStartsFromWhatTheLastOneLearned() {
+        if (m_server->kind() != PrivateSoundServer::Kind::PulseAudio)
+            QSKIP("PipeWire matches the clocks itself");
+        QLoggingCategory::setFilterRules(
+            QStringLiteral("com.kestrivane.ondril.PulseTapAggregate.debug=true"));
+        s_aggregateLines.clear();
+        s_previousHandler = qInstallMessageHandler(
+            [](QtMsgType type, const QMessageLogContext& context, const QString& message) {
+                if (qstrcmp(context.category, "com.kestrivane.ondril.PulseTapAggregate") == 0)
+                    s_aggregateLines.append(message);
+                else
+                    s_previousHandler(type, context, message);
+            });
+        const auto restore = qScopeGuard([] {
+            qInstallMessageHandler(s_previousHandler);
+            QLoggingCategory::setFilterRules({});
+        });
+        const auto starts = [] { return s_aggregateLines.filter(QStringLiteral("starts at")); };
+        startManager();
+        auto tone = startPlayer();
+        QVERIFY(tone);
+        m_apps->setVolume(player, 1.5);
+        QVERIFY(QTest::qWaitFor([&] { return !starts().isEmpty(); }, kWaitMs));
+        QCOMPARE(starts(), QStringList{"destination 0 starts at a 12 ms level"});
+
+        // With the tap sink suspended, the destination runs dry: its level rises.
+        const QString tap = privateSinks().first();
+        const QRegularExpression raised("level now (\\d+) ms$");
+        const auto learned = [&] {
+            QString level;
+            for (const QString& line : std::as_const(s_aggregateLines))
+                if (const auto match = raised.match(line); match.hasMatch())
+                    level = match.captured(1);
+            return level;
+        };
+        QVERIFY(m_server->pactl({"suspend-sink", tap, "1"}));
+        QVERIFY(QTest::qWaitFor([&] { return !learned().isEmpty(); }, kWaitMs));
+        QVERIFY(m_server->pactl({"suspend-sink", tap, "0"}));
+        QTest::qWait(1500); // the controller looks once a second
+
+        m_apps->setVolume(player, 0.8);
+        m_apps->setVolume(player, 1.5);
+        QVERIFY(QTest::qWaitFor([&] { return starts().size() == 2; }, kWaitMs));
+        QCOMPARE(starts().last(),
+                 QStringLiteral("destination 0 starts at a %1 ms level").arg(learned()));
+    }
+
     void theAppPlaysAsBeforeAfterOndrilEnds_data() {
         QTest::addColumn<int>("signal");
         QTest::newRow("quit") << SIGTERM;
@@ -238,6 +288,9 @@ private:
     QStringList privateSinks() const {
         return m_server->sinkNames().filter(QRegularExpression("^com\\.kestrivane\\.ondril\\."));
     }
+
+    static inline QStringList s_aggregateLines; // what the path's debug category logged
+    static inline QtMessageHandler s_previousHandler = nullptr;
 
     QTemporaryDir m_config;
     std::unique_ptr<ServerRig> m_rig;

@@ -651,7 +651,8 @@ OSStatus PulseAudioHardware::AudioHardwareDestroyProcessTap(AudioObjectID tapID)
 
 // A private aggregate of one tap and its destinations: every destination gets a playback stream
 // of its own, so "stacked" needs nothing further; on PulseAudio each stream follows its sink's
-// clock through a rate controller, PipeWire does that by itself.
+// clock through a rate controller that starts from what earlier paths to that sink learned,
+// PipeWire does that by itself.
 OSStatus PulseAudioHardware::createTapAggregate(const QVariantMap& description,
                                                 AudioObjectID& outDeviceID) {
     const QVariantList taps = description.value(kAudioAggregateDeviceTapListKey).toList();
@@ -671,8 +672,9 @@ OSStatus PulseAudioHardware::createTapAggregate(const QVariantMap& description,
         return kAudioHardwareBadDeviceError;
     outDeviceID =
         m_ids.idFor(Kind::TapAggregate, description.value(kAudioAggregateDeviceUIDKey).toString());
-    m_tapAggregates[outDeviceID] = std::make_unique<PulseTapAggregate>(
-        tap->first, tap->second->sinkName(), destinations, !isPipeWire());
+    m_tapAggregates[outDeviceID] =
+        std::make_unique<PulseTapAggregate>(tap->first, tap->second->sinkName(), destinations,
+                                            isPipeWire() ? nullptr : &m_learnedRates);
     return kAudioHardwareNoError;
 }
 

@@ -3,6 +3,7 @@
 #include "platform/AudioHardware.h"
 #include "platform/SoundLibrary.h"
 #include "platform/linux/ProcRunningApplications.h"
+#include "platform/pulse/PlaybackRateController.h"
 #include "platform/pulse/PulseMirror.h"
 #include "platform/pulse/PulseObjectIds.h"
 #include "platform/pulse/PulseStreamHomes.h"
@@ -116,5 +117,7 @@ private:
     QSet<QString> m_abandoned; // UIDs of combined sinks that must not outlive a stall
     PulseStreamHomes m_homes;  // shared by the stream routers and the taps
     std::map<AudioObjectID, std::unique_ptr<PulseTap>> m_taps;
+    // Per sink, what the aggregates' rate controllers learned; outlives them, they update it.
+    std::map<QString, PlaybackRateController> m_learnedRates;
     std::map<AudioObjectID, std::unique_ptr<PulseTapAggregate>> m_tapAggregates;
 };

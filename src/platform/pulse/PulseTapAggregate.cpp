@@ -65,12 +65,14 @@ std::uint32_t bytesOf(std::uint32_t milliseconds) {
 } // namespace
 
 PulseTapAggregate::PulseTapAggregate(AudioObjectID tapID, const QString& tapSink,
-                                     const QStringList& destinationSinks, bool matchClocks)
+                                     const QStringList& destinationSinks,
+                                     LearnedRates* learnedRates)
     : m_tapID(tapID)
     , m_tapSink(tapSink)
     , m_destinationSinks(destinationSinks)
-    , m_matchClocks(matchClocks)
-    , m_buffering(matchClocks ? kControlledBuffering : kServerBuffering) {}
+    , m_learnedRates(learnedRates)
+    , m_matchClocks(learnedRates != nullptr)
+    , m_buffering(m_matchClocks ? kControlledBuffering : kServerBuffering) {}
 
 PulseTapAggregate::~PulseTapAggregate() {
     stop();
@@ -109,8 +111,19 @@ OSStatus PulseTapAggregate::start() {
 // command packet and an operation (allocations). The lock is held for a few readings only, so the
 // audio thread waits no longer for it than for any other libpulse call of the main thread.
 void PulseTapAggregate::matchClocks() {
-    m_rateControllers.assign(m_playback.size(),
-                             PlaybackRateController(kRate, kControlledLevelMs * 1000));
+    m_rateControllers.clear();
+    for (std::size_t i = 0; i < m_playback.size(); ++i) {
+        PlaybackRateController controller =
+            m_learnedRates
+                ->try_emplace(m_destinationSinks[int(i)], kRate, kControlledLevelMs * 1000)
+                .first->second;
+        controller.restartStream();
+        m_dropAboveUsec[i].store(controller.targetUsec() + 2 * m_buffering.fragmentMs * 1000,
+                                 std::memory_order_relaxed);
+        m_rateControllers.push_back(controller);
+        qCDebug(lcPulseTapAggregate, "destination %zu starts at a %lld ms level", i,
+                static_cast<long long>(controller.targetUsec() / 1000));
+    }
     m_rateReadings = 0;
     m_rateTimer = std::make_unique<QTimer>();
     m_rateTimer->setInterval(kRateReadingMs);
@@ -233,6 +246,8 @@ void PulseTapAggregate::stop() {
     if (!m_mainloop)
         return;
     m_rateTimer.reset();
+    for (std::size_t i = 0; i < m_rateControllers.size(); ++i)
+        m_learnedRates->insert_or_assign(m_destinationSinks[int(i)], m_rateControllers[i]);
     m_rateControllers.clear();
     pa_threaded_mainloop_lock(m_mainloop);
     if (m_record) {

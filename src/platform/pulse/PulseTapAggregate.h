@@ -8,6 +8,7 @@
 #include <QStringList>
 
 #include <atomic>
+#include <map>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -54,9 +55,15 @@ public:
     // the target it is.
     static constexpr Buffering kServerBuffering{10, 30, 30};
 
-    // Reads the monitor of `tapSink`; `matchClocks` runs the destinations at a controlled rate.
+    // Per sink, what the rate controllers of earlier paths to it learned: its clock's rate and the
+    // level it needs. A path starts from there, so that each crossing into boost does not learn
+    // the device afresh with under-runs.
+    using LearnedRates = std::map<QString, PlaybackRateController>;
+
+    // Reads the monitor of `tapSink`; `learnedRates` (which outlives the aggregate) is set when
+    // the destinations run at a controlled rate.
     PulseTapAggregate(AudioObjectID tapID, const QString& tapSink,
-                      const QStringList& destinationSinks, bool matchClocks);
+                      const QStringList& destinationSinks, LearnedRates* learnedRates);
     ~PulseTapAggregate();
     PulseTapAggregate(const PulseTapAggregate&) = delete;
     PulseTapAggregate& operator=(const PulseTapAggregate&) = delete;
@@ -88,6 +95,7 @@ private:
     const AudioObjectID m_tapID;
     const QString m_tapSink;
     const QStringList m_destinationSinks;
+    LearnedRates* const m_learnedRates;
     const bool m_matchClocks;
     const Buffering m_buffering;
     AudioDeviceIOBlock m_block;

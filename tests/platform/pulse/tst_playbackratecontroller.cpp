@@ -37,8 +37,9 @@ private slots:
         QTest::addColumn<int>("targetMs");     // it starts at 20 ms
         QTest::newRow("an under-run raises it") << 1 << 0 << 22;
         QTest::newRow("up to 40 ms") << 15 << 0 << 40;
-        QTest::newRow("15 quiet seconds lower it by 1 ms") << 1 << 15 << 21;
-        QTest::newRow("never below where it started") << 1 << 600 << 20;
+        QTest::newRow("still held after ten quiet minutes") << 1 << 600 << 22;
+        QTest::newRow("then lowered by 1 ms") << 1 << 900 << 21;
+        QTest::newRow("never below where it started") << 1 << 1800 << 20;
     }
 
     void levelLearnsFromUnderruns() {
@@ -50,6 +51,28 @@ private slots:
             controller.adjust(period < periodsWithAnUnderrun ? 1 : 0);
         controller.addLevel(targetMs * 1000);
         QCOMPARE(controller.adjust(), 48000u); // the level it now keeps plays at nominal
+    }
+
+    // A device whose clock runs off the source's drains or fills the stream by that many ppm of
+    // its own; a rate controlled by the level alone would settle a drift-sized distance off it.
+    void levelSettlesOnTheTargetAgainstADriftingDevice_data() {
+        QTest::addColumn<double>("devicePpm");
+        QTest::newRow("device fast") << 300.0;
+        QTest::newRow("device slow") << -300.0;
+    }
+
+    void levelSettlesOnTheTargetAgainstADriftingDevice() {
+        QFETCH(double, devicePpm);
+        PlaybackRateController controller(48000, 20000);
+        double levelMs = 20;
+        for (int second = 0; second < 300; ++second) {
+            controller.addLevel(std::llround(levelMs * 1000));
+            const double streamPpm = (controller.adjust() / 48000.0 - 1.0) * 1e6;
+            // A second at a higher stream rate reads more of the stream; a faster device too.
+            levelMs -= (streamPpm + devicePpm) / 1000.0;
+            QVERIFY2(levelMs > 15 && levelMs < 25, "the loop must not swing");
+        }
+        QCOMPARE_LT(std::abs(levelMs - 20), 0.3);
     }
 };
 
