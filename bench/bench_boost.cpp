@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
@@ -69,16 +70,19 @@ double monotonicSeconds() {
 // and each printed with the time since the session started, since when the level learned matters
 // as much as how often.
 int g_secondsWithUnderruns = 0;
-double g_countingSince = 0;
+std::atomic<double> g_countingSince{0};
 constexpr const char* kAggregateCategory = "com.kestrivane.ondril.PulseTapAggregate";
+
+double sessionSeconds() {
+    return monotonicSeconds() - g_countingSince.load(std::memory_order_relaxed);
+}
 
 void countUnderruns(QtMsgType type, const QMessageLogContext& context, const QString& message) {
     if (qstrcmp(context.category, kAggregateCategory) == 0) {
         if (!message.contains(QLatin1String("under-ran")))
             return;
         ++g_secondsWithUnderruns;
-        std::fprintf(stderr, "  %6.1f s: %s\n", monotonicSeconds() - g_countingSince,
-                     qPrintable(message));
+        std::fprintf(stderr, "  %6.1f s: %s\n", sessionSeconds(), qPrintable(message));
     } else {
         std::fprintf(stderr, "%s\n", qPrintable(qFormatLogMessage(type, context, message)));
     }
@@ -86,8 +90,44 @@ void countUnderruns(QtMsgType type, const QMessageLogContext& context, const QSt
 
 void startCountingUnderruns() {
     g_secondsWithUnderruns = 0;
-    g_countingSince = monotonicSeconds();
+    g_countingSince.store(monotonicSeconds(), std::memory_order_relaxed);
 }
+
+// Tells the machine's stalls from the path's own under-runs: a thread of ordinary priority, as the
+// audio thread is, that sleeps 2 ms at a time prints each wake-up more than kLateMs late on the
+// same timeline. A stall of a few milliseconds at the wrong moment of a 5 ms write cycle is enough
+// to run a 12 ms level dry.
+class StallWatch {
+public:
+    StallWatch()
+        : m_thread([this] { watch(); }) {}
+    ~StallWatch() {
+        m_stop = true;
+        m_thread.join();
+    }
+    static constexpr double kLateMs = 4;
+
+    int stalls() const { return m_stalls; }
+
+private:
+    void watch() {
+        double before = monotonicSeconds();
+        while (!m_stop) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            const double now = monotonicSeconds();
+            if (const double lateMs = (now - before) * 1000 - 2; lateMs > kLateMs) {
+                ++m_stalls;
+                std::fprintf(stderr, "  %6.1f s: the machine stalled %.0f ms\n", sessionSeconds(),
+                             lateMs);
+            }
+            before = now;
+        }
+    }
+
+    std::atomic<bool> m_stop{false};
+    std::atomic<int> m_stalls{0};
+    std::thread m_thread;
+};
 
 // Stops a parecord and returns what it wrote.
 QByteArray finishRecording(QProcess& recorder, const QString& path) {
@@ -417,6 +457,7 @@ void BM_LongPlay(benchmark::State& state) {
         return;
     }
     startCountingUnderruns();
+    const StallWatch stalls;
     int settlingUnderruns = 0;
     const QString recordingPath = g_directory->filePath(QStringLiteral("long.raw"));
     auto recorder = start(QStringLiteral("parecord"),
@@ -455,6 +496,7 @@ void BM_LongPlay(benchmark::State& state) {
         state.counters["seconds_with_underruns_first_5s"] = settlingUnderruns;
         state.counters["seconds_with_underruns"] = g_secondsWithUnderruns;
     }
+    state.counters["machine_stalls_over_4ms"] = stalls.stalls();
     state.counters["longest_gap_ms"] = silences.longestMs();
     state.counters["recorded_s"] = double(count) / kRate;
     state.SetLabel(QStringLiteral("one boosted session playing %1 s").arg(seconds).toStdString());
@@ -639,6 +681,7 @@ void BM_DeviceClockDrift(benchmark::State& state) {
         return;
     }
     startCountingUnderruns();
+    const StallWatch stalls;
     int settlingUnderruns = 0;
     ClickLatency first;
     ClickLatency last;
@@ -676,6 +719,7 @@ void BM_DeviceClockDrift(benchmark::State& state) {
     state.counters["frames_missing"] = double(device.missingFrames());
     state.counters["seconds_with_underruns_first_5s"] = settlingUnderruns;
     state.counters["seconds_with_underruns"] = g_secondsWithUnderruns;
+    state.counters["machine_stalls_over_4ms"] = stalls.stalls();
     state.SetLabel(QStringLiteral("device clock %1 ppm, %2 s").arg(ppm).arg(seconds).toStdString());
 }
 

@@ -4,9 +4,14 @@
 
 #include "ServerRig.h"
 
+#include <QDir>
 #include <QFileInfo>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <sched.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <csignal>
 
@@ -157,6 +162,21 @@ private slots:
                  qPrintable(QStringLiteral("peak %1").arg(loudest)));
     }
 
+    // The path's audio thread runs real-time, as the servers' own threads do, and goes with it.
+    void theAudioThreadRunsRealtimeWhileBoosted() {
+        rlimit limit{};
+        if (geteuid() != 0 && (getrlimit(RLIMIT_RTPRIO, &limit) != 0 || limit.rlim_cur < 4))
+            QSKIP("only RealtimeKit could make this user's threads real-time");
+        startManager();
+        auto tone = startPlayer();
+        QVERIFY(tone);
+        m_apps->setVolume(player, 2.0);
+        QVERIFY(m_apps->session(player));
+        QCOMPARE(realtimeThreads(), 1);
+        m_apps->setVolume(player, 0.5);
+        QCOMPARE(realtimeThreads(), 0);
+    }
+
     // On PulseAudio a path keeps its destination's level with a rate controller that learns the
     // device's clock and the level it needs; the next path to that device starts from there, so a
     // slider crossing unity does not learn the device again with under-runs.
@@ -283,6 +303,15 @@ private:
         UserDefaults defaults(UserDefaults::standardFilePath());
         QVERIFY(
             defaults.setData(AppAudioPrefs::encodeAll({{player, prefs}}), SettingsKeys::appPrefs));
+    }
+
+    static int realtimeThreads() {
+        int count = 0;
+        for (const QString& thread :
+             QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+            if ((sched_getscheduler(pid_t(thread.toInt())) & ~SCHED_RESET_ON_FORK) == SCHED_RR)
+                ++count;
+        return count;
     }
 
     QStringList privateSinks() const {

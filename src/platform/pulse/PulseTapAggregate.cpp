@@ -1,9 +1,11 @@
 #include "platform/pulse/PulseTapAggregate.h"
 
+#include "platform/linux/RealtimeScheduling.h"
 #include "platform/pulse/PulseConnection.h"
 
 #include <pulse/context.h>
 #include <pulse/introspect.h>
+#include <pulse/mainloop-api.h>
 #include <pulse/proplist.h>
 #include <pulse/stream.h>
 #include <pulse/thread-mainloop.h>
@@ -13,6 +15,8 @@
 #include <QLoggingCategory>
 #include <QThread>
 #include <QTimer>
+
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -100,6 +104,8 @@ OSStatus PulseTapAggregate::start() {
         stop();
         return kAudioHardwareNotRunningError;
     }
+    if (const pid_t audioThread = m_audioThreadId.load(std::memory_order_relaxed))
+        RealtimeScheduling::promote(audioThread);
     restartTapClock();
     if (m_matchClocks)
         matchClocks();
@@ -181,6 +187,9 @@ void PulseTapAggregate::restartTapClock() {
 
 bool PulseTapAggregate::connectStreams() {
     pa_threaded_mainloop_lock(m_mainloop);
+    // The loop runs this before the streams can be ready, so start() finds the thread to promote.
+    pa_mainloop_api_once(pa_threaded_mainloop_get_api(m_mainloop),
+                         &PulseTapAggregate::noteAudioThread, this);
     bool connected = true;
     // Playback first: the first captured fragment finds the destinations there.
     for (const QString& sink : m_destinationSinks) {
@@ -311,6 +320,11 @@ bool PulseTapAggregate::playbackOverfull() const {
             level && *level > m_dropAboveUsec[i].load(std::memory_order_relaxed))
             return true;
     return false;
+}
+
+void PulseTapAggregate::noteAudioThread(pa_mainloop_api*, void* userdata) {
+    static_cast<PulseTapAggregate*>(userdata)->m_audioThreadId.store(gettid(),
+                                                                     std::memory_order_relaxed);
 }
 
 void PulseTapAggregate::underran(pa_stream*, void* counter) {

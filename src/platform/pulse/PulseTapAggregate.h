@@ -7,6 +7,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <map>
 #include <memory>
@@ -15,6 +17,7 @@
 
 class QTimer;
 
+struct pa_mainloop_api;
 struct pa_threaded_mainloop;
 struct pa_context;
 struct pa_stream;
@@ -83,6 +86,7 @@ private:
     void play(const float* frames, std::size_t frameCount);
     bool playbackOverfull() const;
     static void underran(pa_stream* stream, void* counter);
+    static void noteAudioThread(pa_mainloop_api* api, void* userdata); // once, at start
     // What a destination holds beyond the sink's own latency, from its last timing reading.
     std::optional<std::int64_t> bufferedUsec(pa_stream* destination) const;
 
@@ -111,6 +115,7 @@ private:
     // follows the controller's target).
     std::vector<std::atomic<int>> m_underruns;
     std::vector<std::atomic<std::int64_t>> m_dropAboveUsec;
+    std::atomic<pid_t> m_audioThreadId{0};
     std::unique_ptr<QTimer> m_rateTimer;
     int m_rateReadings = 0;
 };
