@@ -112,8 +112,8 @@ std::optional<Invocation> parseInvocation(const QStringList& arguments, int& exi
     return invocation;
 }
 
-bool installAudioBackend(AudioBackend::Choice choice) {
-    auto result = AudioBackend::make(choice);
+bool installAudioBackend(AudioBackend::Choice choice, const QString& program = {}) {
+    auto result = AudioBackend::make(choice, program);
     if (!result.notice.isEmpty())
         printLine(stderr, result.notice);
     if (!result.hardware) {
@@ -170,7 +170,7 @@ int runInstance(int argc, char* argv[], const Invocation& invocation, bool headl
     }
     if (!headless)
         QGuiApplication::setQuitOnLastWindowClosed(false);
-    if (!installAudioBackend(invocation.backend))
+    if (!installAudioBackend(invocation.backend, QCoreApplication::applicationFilePath()))
         return 1;
     AppDelegate delegate(headless);
     delegate.listenTo(channel);
@@ -194,6 +194,8 @@ int main(int argc, char* argv[]) {
     QStringList arguments;
     for (int i = 0; i < argc; ++i)
         arguments << QString::fromLocal8Bit(argv[i]);
+    if (const auto status = AudioBackend::runHelper(argc, argv, arguments))
+        return *status;
 
     int exitStatus = 0;
     auto invocation = parseInvocation(arguments, exitStatus);

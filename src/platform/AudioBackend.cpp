@@ -3,8 +3,10 @@
 #include "platform/RunningApplications.h"
 #include "platform/linux/ProcRunningApplications.h"
 #include "platform/pulse/PulseAudioHardware.h"
+#include "platform/pulse/PulseTapGuard.h"
 #include "platform/simulated/SimulatedAudioHardware.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
 #include <QPointer>
 #include <QStandardPaths>
@@ -35,11 +37,14 @@ bool soundServerExpected() {
 
 // The server's realisation, with the desktop's running applications told what its streams say
 // of their processes.
-std::unique_ptr<AudioHardware> connectToServer(PulseAudioHardware::Absent absent) {
+std::unique_ptr<AudioHardware> connectToServer(PulseAudioHardware::Absent absent,
+                                               const QString& program) {
     std::unique_ptr<PulseAudioHardware> pulse =
         PulseAudioHardware::connect(kConnectTimeoutMs, absent);
     if (!pulse)
         return nullptr;
+    if (!program.isEmpty())
+        pulse->guardTapsWith(program);
     auto applications = std::make_unique<ProcRunningApplications>();
     applications->setStreamIdentities(
         [server = QPointer<PulseAudioHardware>(pulse.get())](std::int32_t pid) {
@@ -63,14 +68,14 @@ std::optional<Choice> parseChoice(const QString& text) {
     return std::nullopt;
 }
 
-Result make(Choice choice) {
+Result make(Choice choice, const QString& program) {
     Result result;
     switch (choice) {
     case Choice::simulated:
         result.hardware = SimulatedAudioHardware::withDemoDevices();
         break;
     case Choice::pulse:
-        result.hardware = connectToServer(PulseAudioHardware::Absent::Fail);
+        result.hardware = connectToServer(PulseAudioHardware::Absent::Fail, program);
         if (!result.hardware)
             result.error =
                 QStringLiteral("no sound server (PulseAudio or PipeWire) answered at %1; "
@@ -81,7 +86,7 @@ Result make(Choice choice) {
     case Choice::automatic:
         if (soundServerExpected()) {
             // The real service shows the server's devices once it answers, however late.
-            result.hardware = connectToServer(PulseAudioHardware::Absent::Wait);
+            result.hardware = connectToServer(PulseAudioHardware::Absent::Wait, program);
         } else {
             result.notice = QStringLiteral(
                 "no sound server (PulseAudio or PipeWire) is installed or running; using the "
@@ -91,6 +96,17 @@ Result make(Choice choice) {
         break;
     }
     return result;
+}
+
+std::optional<int> runHelper(int argc, char* argv[], const QStringList& arguments) {
+    if (arguments.size() != 3 || arguments[1] != PulseTapGuard::kArgument)
+        return std::nullopt;
+    bool isNumber = false;
+    const std::int32_t ownerPid = arguments[2].toInt(&isNumber);
+    if (!isNumber || ownerPid <= 0)
+        return 2;
+    const QCoreApplication app(argc, argv);
+    return PulseTapGuard::run(ownerPid);
 }
 
 } // namespace AudioBackend

@@ -3,6 +3,7 @@
 #include "platform/AudioHardware.h"
 
 #include <QString>
+#include <QStringList>
 
 #include <memory>
 #include <optional>
@@ -24,6 +25,12 @@ struct Result {
     QString error;  // one line for stderr when hardware is null
 };
 
-Result make(Choice choice);
+// `program` is the running executable when this process is Ondril itself, not a tool or a test:
+// the service may then start it again as a helper that outlives a crash of this process.
+Result make(Choice choice, const QString& program = {});
+
+// This process as one of those helpers, when `arguments` (the whole command line) start one: it
+// runs to its end, and its exit status is returned. Nothing for any other command line.
+std::optional<int> runHelper(int argc, char* argv[], const QStringList& arguments);
 
 } // namespace AudioBackend

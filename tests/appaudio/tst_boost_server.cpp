@@ -229,14 +229,21 @@ private slots:
 
     void theAppPlaysAsBeforeAfterOndrilEnds_data() {
         QTest::addColumn<int>("signal");
-        QTest::newRow("quit") << SIGTERM;
-        QTest::newRow("killed, then started again") << SIGKILL;
+        QTest::addColumn<bool>("withItsGuard");
+        QTest::addColumn<QString>("heardOn"); // the app started on the second sink
+        QTest::newRow("quit") << SIGTERM << false << sinks[1];
+        QTest::newRow("killed: its guard clears the tap") << SIGKILL << false << sinks[1];
+        // Where the app played was Ondril's and its guard's to know: it comes back on the default.
+        QTest::newRow("killed with its guard, then started again")
+            << SIGKILL << true << sinks.first();
     }
 
     void theAppPlaysAsBeforeAfterOndrilEnds() {
         QFETCH(int, signal);
+        QFETCH(bool, withItsGuard);
+        QFETCH(QString, heardOn);
         storePlayerVolume(2.0);
-        auto tone = m_server->playTone({}, QStringLiteral("Player"), playerProperties);
+        auto tone = m_server->playTone(sinks[1], QStringLiteral("Player"), playerProperties);
         QVERIFY(tone);
         auto ondril = TestSupport::startOndril();
         QVERIFY(QTest::qWaitFor(
@@ -245,22 +252,29 @@ private slots:
                 return level && std::abs(*level - 0.575) < kTolerance;
             },
             kWaitMs));
+        const auto pid = pid_t(ondril->processId());
+        pid_t guard = 0;
+        QVERIFY(QTest::qWaitFor([&] { return (guard = guardOf(pid)) != 0; }, kWaitMs));
 
-        ::kill(pid_t(ondril->processId()), signal);
+        if (withItsGuard)
+            ::kill(guard, SIGKILL);
+        ::kill(pid, signal);
         QVERIFY(ondril->waitForFinished(10000));
-        if (signal == SIGKILL) {
+        if (withItsGuard) {
             // Left in the tap until the next start clears it.
+            QTest::qWait(1000);
+            QVERIFY(!privateSinks().isEmpty());
             storePlayerVolume(1.0);
             ondril = TestSupport::startOndril();
-            QVERIFY(QTest::qWaitFor([&] { return privateSinks().isEmpty(); }, kWaitMs));
         }
         QVERIFY(QTest::qWaitFor([&] { return privateSinks().isEmpty(); }, kWaitMs));
-        QCOMPARE(m_server->sinkOfStream(QStringLiteral("Player")), sinks.first());
+        QVERIFY(QTest::qWaitFor([&] { return !runs(guard); }, kWaitMs));
+        QCOMPARE(m_server->sinkOfStream(QStringLiteral("Player")), heardOn);
         // At its own volume once what the sink rendered before the move has played out.
         std::optional<double> level;
         QVERIFY2(QTest::qWaitFor(
                      [&] {
-                         level = m_server->recordLevel(sinks.first(), 300);
+                         level = m_server->recordLevel(heardOn, 300);
                          return level && std::abs(*level - 0.354) < kTolerance;
                      },
                      kWaitMs),
@@ -303,6 +317,26 @@ private:
         UserDefaults defaults(UserDefaults::standardFilePath());
         QVERIFY(
             defaults.setData(AppAudioPrefs::encodeAll({{player, prefs}}), SettingsKeys::appPrefs));
+    }
+
+    // The process that clears Ondril's taps should it die: a child of its own.
+    static pid_t guardOf(pid_t ondril) {
+        QFile children(QStringLiteral("/proc/%1/task/%1/children").arg(ondril));
+        if (!children.open(QIODevice::ReadOnly))
+            return 0;
+        for (const QByteArray& child : children.readAll().split(' ')) {
+            QFile commandLine(QStringLiteral("/proc/%1/cmdline").arg(child.toInt()));
+            if (commandLine.open(QIODevice::ReadOnly) &&
+                commandLine.readAll().contains("--tap-guard"))
+                return pid_t(child.toInt());
+        }
+        return 0;
+    }
+
+    // A process that has ended may stay listed, as a zombie, until its new parent reaps it.
+    static bool runs(pid_t pid) {
+        QFile status(QStringLiteral("/proc/%1/stat").arg(pid));
+        return status.open(QIODevice::ReadOnly) && !status.readAll().contains(") Z ");
     }
 
     static int realtimeThreads() {

@@ -7,6 +7,7 @@
 #include "platform/pulse/PulseStreamRouter.h"
 #include "platform/pulse/PulseTap.h"
 #include "platform/pulse/PulseTapAggregate.h"
+#include "platform/pulse/PulseTapGuard.h"
 
 #include <pulse/volume.h>
 
@@ -637,7 +638,10 @@ OSStatus PulseAudioHardware::AudioHardwareCreateProcessTap(const CATapDescriptio
     for (AudioObjectID process : description.processes)
         if (const auto object = m_ids.lookup(process); object && object->first == Kind::Process)
             pids.push_back(object->second.toInt());
-    auto tap = std::make_unique<PulseTap>(*m_connection, *this, m_homes, description.uuid, pids);
+    if (!m_tapGuard && !m_guardProgram.isEmpty())
+        m_tapGuard = std::make_unique<PulseTapGuard>(m_guardProgram);
+    auto tap = std::make_unique<PulseTap>(*m_connection, *this, m_homes, m_tapGuard.get(),
+                                          description.uuid, pids);
     if (const OSStatus status = tap->create(); status != kAudioHardwareNoError)
         return status; // the tap's destruction unloads what did load
     outTapID = m_ids.idFor(Kind::Tap, description.uuid.toString());

@@ -16,6 +16,7 @@
 class PulseConnection;
 class PulseTap;
 class PulseTapAggregate;
+class PulseTapGuard;
 
 // The audio service realised on a PulseAudio or PipeWire (pipewire-pulse) server through libpulse.
 // Output devices are sinks, input devices are non-monitor sources, aggregates are
@@ -78,6 +79,9 @@ public:
     std::unique_ptr<OutputPeakMonitor> makeOutputPeakMonitor() override;
     // The server's sample cache; it must not outlive this object.
     std::unique_ptr<SoundLibrary> makeSoundLibrary();
+    // Set in the Ondril program itself (not in a tool or a test): from the first process tap on,
+    // `program` runs beside it as the guard that clears its taps should it die (PulseTapGuard).
+    void guardTapsWith(const QString& program) { m_guardProgram = program; }
     // What the playback streams of `pid` say of their application: the first stream with an
     // application.id, else the first with any identity; nullopt when the pid plays nothing.
     std::optional<ProcRunningApplications::StreamIdentity> streamIdentity(std::int32_t pid) const;
@@ -116,6 +120,8 @@ private:
     AudioObjectPropertyListenerToken m_nextToken = 1;
     QSet<QString> m_abandoned; // UIDs of combined sinks that must not outlive a stall
     PulseStreamHomes m_homes;  // shared by the stream routers and the taps
+    QString m_guardProgram;
+    std::unique_ptr<PulseTapGuard> m_tapGuard; // outlives the taps
     std::map<AudioObjectID, std::unique_ptr<PulseTap>> m_taps;
     // Per sink, what the aggregates' rate controllers learned; outlives them, they update it.
     std::map<QString, PlaybackRateController> m_learnedRates;

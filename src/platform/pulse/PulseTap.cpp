@@ -3,6 +3,7 @@
 #include "platform/AudioHardware.h"
 #include "platform/pulse/PulseConnection.h"
 #include "platform/pulse/PulseStreamHomes.h"
+#include "platform/pulse/PulseTapGuard.h"
 
 #include <pulse/volume.h>
 
@@ -32,10 +33,11 @@ void playAtUnity(PulseConnection& connection, std::uint32_t index, std::uint32_t
 } // namespace
 
 PulseTap::PulseTap(PulseConnection& connection, AudioHardware& hardware, PulseStreamHomes& homes,
-                   const QUuid& uuid, std::vector<std::int32_t> pids)
+                   PulseTapGuard* guard, const QUuid& uuid, std::vector<std::int32_t> pids)
     : m_connection(connection)
     , m_hardware(hardware)
     , m_homes(homes)
+    , m_guard(guard)
     , m_uuid(uuid)
     , m_sinkName(sinkPrefix + uuid.toString(QUuid::WithoutBraces))
     , m_pids(std::move(pids)) {}
@@ -96,6 +98,8 @@ void PulseTap::takeNewStreams() {
     });
     for (const Found& stream : found) {
         m_homes.take(stream.index, stream.sink, this);
+        if (m_guard)
+            m_guard->noteHome(stream.index, m_homes.home(stream.index));
         m_taken.insert(stream.index);
         m_connection.moveSinkInput(stream.index, m_sinkName);
         // The gain is applied on the way out of the tap.
@@ -139,29 +143,47 @@ void PulseTap::release() {
     }
 }
 
-void PulseTap::clearLeftovers(PulseConnection& connection) {
+void PulseTap::clearLeftovers(PulseConnection& connection, std::int32_t goneOwner,
+                              const Homes& homes) {
+    struct Move {
+        std::uint32_t stream;
+        QString sink;
+        QString restoreID;
+    };
     struct Leftover {
         std::uint32_t module;
-        std::vector<std::uint32_t> streams;
+        std::vector<Move> moves;
     };
-    const auto [leftovers, defaultSink] = connection.readMirror([](const PulseMirror& mirror) {
+    const auto [leftovers, defaultSink] = connection.readMirror([&](const PulseMirror& mirror) {
+        const QString defaultSink = mirror.server().defaultSink;
         std::vector<Leftover> leftovers;
         for (const auto* sink : mirror.sinksInServerOrder()) {
+            const bool ownerGone = sink->ownerPid == goneOwner || !isRunning(sink->ownerPid);
             if (!sink->name.startsWith(sinkPrefix) ||
-                sink->ownerModule == PulseRecords::kInvalidIndex || isRunning(sink->ownerPid))
+                sink->ownerModule == PulseRecords::kInvalidIndex || !ownerGone)
                 continue;
             Leftover leftover{sink->ownerModule, {}};
-            for (const auto& [index, stream] : mirror.streams())
-                if (stream.sink == sink->index)
-                    leftover.streams.push_back(index);
+            for (const auto& [index, stream] : mirror.streams()) {
+                if (stream.sink != sink->index)
+                    continue;
+                const auto home = homes.find(index);
+                const bool homePresent = home != homes.end() && mirror.sink(home->second);
+                leftover.moves.push_back(
+                    {index, homePresent ? home->second : defaultSink, stream.restoreID});
+            }
             leftovers.push_back(leftover);
         }
-        return std::make_pair(leftovers, mirror.server().defaultSink);
+        return std::make_pair(leftovers, defaultSink);
     });
-    // The tap kept the streams at unity: on the default they play as without Ondril.
+    // The tap kept the streams at unity: they play as without Ondril.
+    QStringList backToDefault;
     for (const Leftover& leftover : leftovers) {
-        for (std::uint32_t stream : leftover.streams)
-            connection.moveSinkInput(stream, defaultSink);
+        for (const Move& move : leftover.moves) {
+            connection.moveSinkInput(move.stream, move.sink);
+            if (move.sink == defaultSink && !move.restoreID.isEmpty())
+                backToDefault.append(move.restoreID);
+        }
         connection.unloadModule(leftover.module);
     }
+    connection.unpinRestoredSinkInputs(defaultSink, backToDefault);
 }

@@ -5,6 +5,7 @@
 #include <QString>
 #include <QUuid>
 
+#include <map>
 #include <optional>
 #include <set>
 #include <vector>
@@ -12,19 +13,24 @@
 class AudioHardware;
 class PulseConnection;
 class PulseStreamHomes;
+class PulseTapGuard;
 
 // A process tap on a PulseAudio or PipeWire server, muted while tapped: a private null sink
 // ("com.kestrivane.ondril.tap." + UUID, float32 stereo 48 kHz) that the processes' streams are
 // moved into once the tap is read, so that they are heard only through whoever records its
 // monitor. Streams the processes open later follow. Destroying the tap sends each stream still in
 // it back where it played before, at unity, then unloads the sink. The sink carries Ondril's pid,
-// so that a later start clears what a run that died left behind.
+// so that the run's guard, or else a later start, clears what a run that died left behind.
 class PulseTap {
 public:
     static inline const QString sinkPrefix = QStringLiteral("com.kestrivane.ondril.tap.");
 
+    // Sink-input index -> the sink the stream played on before a tap took it.
+    using Homes = std::map<std::uint32_t, QString>;
+
+    // `guard`, when there is one, is told where each stream it takes played before.
     PulseTap(PulseConnection& connection, AudioHardware& hardware, PulseStreamHomes& homes,
-             const QUuid& uuid, std::vector<std::int32_t> pids);
+             PulseTapGuard* guard, const QUuid& uuid, std::vector<std::int32_t> pids);
     ~PulseTap();
     PulseTap(const PulseTap&) = delete;
     PulseTap& operator=(const PulseTap&) = delete;
@@ -36,8 +42,11 @@ public:
     // Takes the processes' streams now and whenever new ones appear.
     void engage();
 
-    // Moves streams out of the tap sinks of Ondril runs that are gone, and unloads those sinks.
-    static void clearLeftovers(PulseConnection& connection);
+    // Moves streams out of the tap sinks of Ondril runs that are gone, and unloads those sinks:
+    // each stream to its home in `homes` if that sink is there, else to the default. `goneOwner`
+    // is a run known to be over, which may still be listed as a process (a zombie).
+    static void clearLeftovers(PulseConnection& connection, std::int32_t goneOwner = 0,
+                               const Homes& homes = {});
 
 private:
     void takeNewStreams();
@@ -46,6 +55,7 @@ private:
     PulseConnection& m_connection;
     AudioHardware& m_hardware;
     PulseStreamHomes& m_homes;
+    PulseTapGuard* const m_guard;
     const QUuid m_uuid;
     const QString m_sinkName;
     const std::vector<std::int32_t> m_pids;
