@@ -212,7 +212,9 @@ private slots:
         const OutputGroup& active = throughAnotherGroup ? second : first;
         if (throughAnotherGroup) {
             QVERIFY(m_rig->server->pactl({"set-default-sink", kLeft}));
-            QVERIFY(eventually([&] { return m_rig->defaultOutputUID() == kLeft; }));
+            QVERIFY2(eventually([&] { return m_rig->defaultOutputUID() == kLeft; }),
+                     qPrintable(m_rig->defaultOutputUID() +
+                                " / server: " + m_rig->server->defaultSinkName()));
             manager.setGroups({first, second});
             QVERIFY(manager.activate(second));
             QVERIFY(!m_rig->server->sinkNames().contains(aggregate));

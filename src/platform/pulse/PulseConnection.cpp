@@ -91,11 +91,14 @@ PulseConnection::PulseConnection(QObject* parent)
         if (!startContext())
             scheduleReconnect();
     });
+    m_eventCheckTimer.setInterval(kEventCheckMs);
+    connect(&m_eventCheckTimer, &QTimer::timeout, this, &PulseConnection::checkEvents);
 }
 
 PulseConnection::~PulseConnection() {
     m_closing = true;
     m_reconnectTimer.stop();
+    m_eventCheckTimer.stop();
     if (!m_mainloop)
         return;
     pa_threaded_mainloop_stop(m_mainloop);
@@ -115,6 +118,7 @@ bool PulseConnection::open(int timeoutMs) {
     pa_threaded_mainloop_set_name(m_mainloop, "ondril-pulse");
     if (pa_threaded_mainloop_start(m_mainloop) < 0)
         return false;
+    m_eventCheckTimer.start();
     if (!startContext()) {
         scheduleReconnect();
         return false;
@@ -174,6 +178,45 @@ void PulseConnection::connectionLost() {
     if (m_closing)
         return;
     scheduleReconnect();
+}
+
+void PulseConnection::checkEvents() {
+    if (!isReady() || m_stalled)
+        return;
+    pa_threaded_mainloop_lock(m_mainloop);
+    // Its userdata is `this`, which outlives the context: a cancelled check leaves nothing behind.
+    if (pa_operation* check = pa_context_get_server_info(m_context, &defaultsChecked, this))
+        pa_operation_unref(check);
+    pa_threaded_mainloop_unlock(m_mainloop);
+}
+
+void PulseConnection::defaultsChecked(pa_context*, const pa_server_info* info, void* userdata) {
+    auto* self = static_cast<PulseConnection*>(userdata);
+    if (!info || self->m_staging)
+        return;
+    const auto server = PulseRecords::fromServer(*info);
+    const auto contradicts = [](const QString& answer, const QString& held) {
+        return !answer.isEmpty() && !answer.startsWith(QLatin1Char('@')) && answer != held;
+    };
+    const bool contradicted = self->readMirror([&](const PulseMirror& mirror) {
+        return contradicts(server.defaultSink, mirror.server().defaultSink) ||
+               contradicts(server.defaultSource, mirror.server().defaultSource);
+    });
+    self->m_unannouncedDefaults = contradicted ? self->m_unannouncedDefaults + 1 : 0;
+    if (self->m_unannouncedDefaults >= 2) {
+        self->m_unannouncedDefaults = 0;
+        QMetaObject::invokeMethod(
+            self, [self] { self->startAfresh(); }, Qt::QueuedConnection);
+    }
+}
+
+void PulseConnection::startAfresh() {
+    if (m_closing || !isReady())
+        return;
+    qWarning("the sound server stopped announcing changes; connecting to it again");
+    m_ready = false;
+    if (!startContext())
+        scheduleReconnect();
 }
 
 void PulseConnection::scheduleReconnect() {
@@ -329,6 +372,7 @@ void PulseConnection::subscriptionEvent(pa_context*, pa_subscription_event_type_
         // A new change gets a wait of its own: an earlier one that never settled (a session
         // manager slow to start) must not leave this one unasked.
         self->m_placeholderRetries = 0;
+        self->m_unannouncedDefaults = 0;
         what = Apply::Server;
         break;
     default:

@@ -33,6 +33,13 @@ struct pa_server_info;
 // which is announced as a change of the device list. A lost server is reconnected to with back-off
 // (100 ms doubling to 2 s, for as long as the program runs); the mirror keeps the old state until
 // the new one is complete and then is swapped in whole, announced as one resynchronisation.
+//
+// pipewire-pulse (0.3.65, Debian 12's) now and then stops announcing devices and defaults to one
+// client, for good, right after that client set a default, while it still answers its requests:
+// the mirror would go stale without a word. So every kEventCheckMs the connection asks for the
+// server's defaults; when two answers in a row name another default than the mirror holds, with
+// no announcement between them, the events are lost and the connection starts afresh, as after a
+// lost server. (A default written a moment ago differs for a few milliseconds at most.)
 class PulseConnection : public QObject {
     Q_OBJECT
 
@@ -108,6 +115,7 @@ private:
     static void contextStateChanged(pa_context* context, void* userdata);
     static void subscriptionEvent(pa_context* context, pa_subscription_event_type_t type,
                                   std::uint32_t index, void* userdata);
+    static void defaultsChecked(pa_context* context, const pa_server_info* info, void* userdata);
     void beginSynchronisation();
     void fetch(Apply what, std::uint32_t index);
     void applyAndPost(const std::function<PulseMirror::Notices(PulseMirror&)>& apply);
@@ -118,7 +126,9 @@ private:
     bool startContext();
     void connectionLost();
     void scheduleReconnect();
-    void beginStall(); // under the mainloop lock
+    void checkEvents();
+    void startAfresh(); // the server stopped announcing changes
+    void beginStall();  // under the mainloop lock
     OSStatus runOperation(const std::function<pa_operation*(Request*)>& issue,
                           std::uint32_t* outIndex = nullptr, std::shared_ptr<Pending> pending = {});
 
@@ -146,4 +156,8 @@ private:
 
     QTimer m_reconnectTimer;
     int m_backoffMs = 100;
+
+    static constexpr int kEventCheckMs = 2000;
+    QTimer m_eventCheckTimer;
+    int m_unannouncedDefaults = 0; // mainloop thread: answers in a row that the mirror contradicts
 };
