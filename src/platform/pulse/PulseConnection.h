@@ -157,7 +157,7 @@ private:
     QTimer m_reconnectTimer;
     int m_backoffMs = 100;
 
-    static constexpr int kEventCheckMs = 2000;
+    static constexpr int kEventCheckMs = 1000;
     QTimer m_eventCheckTimer;
     int m_unannouncedDefaults = 0; // mainloop thread: answers in a row that the mirror contradicts
 };
