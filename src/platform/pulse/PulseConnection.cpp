@@ -196,7 +196,7 @@ void PulseConnection::defaultsChecked(pa_context*, const pa_server_info* info, v
         return;
     const auto server = PulseRecords::fromServer(*info);
     const auto contradicts = [](const QString& answer, const QString& held) {
-        return !answer.isEmpty() && !answer.startsWith(QLatin1Char('@')) && answer != held;
+        return !answer.isEmpty() && !PulseMirror::isPlaceholderName(answer) && answer != held;
     };
     const bool contradicted = self->readMirror([&](const PulseMirror& mirror) {
         return contradicts(server.defaultSink, mirror.server().defaultSink) ||
@@ -257,8 +257,8 @@ void PulseConnection::serverAnswered(pa_context*, const pa_server_info* info, vo
 // further event once it has settled: ask again shortly, a bounded number of times, so that the
 // mirror learns the settled name.
 void PulseConnection::askAgainAfterPlaceholder(const PulseRecords::Server& server) {
-    const bool placeholder = server.defaultSink.startsWith(QLatin1Char('@')) ||
-                             server.defaultSource.startsWith(QLatin1Char('@'));
+    const bool placeholder = PulseMirror::isPlaceholderName(server.defaultSink) ||
+                             PulseMirror::isPlaceholderName(server.defaultSource);
     if (!placeholder) {
         m_placeholderRetries = 0;
         return;

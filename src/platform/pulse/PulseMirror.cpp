@@ -2,15 +2,6 @@
 
 #include <algorithm>
 
-namespace {
-
-bool isPlaceholderName(const QString& name) {
-    // PipeWire answers "@DEFAULT_SINK@" for a moment while the default sink goes away.
-    return name.startsWith(QLatin1Char('@'));
-}
-
-} // namespace
-
 PulseMirror::Notices PulseMirror::upsertDevice(QMap<QString, PulseRecords::Device>& devices,
                                                std::map<std::uint32_t, QString>& names,
                                                Target target, const PulseRecords::Device& device) {

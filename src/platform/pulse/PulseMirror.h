@@ -25,6 +25,9 @@ public:
     };
     using Notices = std::vector<Notice>;
 
+    // PipeWire answers "@DEFAULT_SINK@" for a default while its session manager settles one.
+    static bool isPlaceholderName(const QString& name) { return name.startsWith(QLatin1Char('@')); }
+
     struct Process {
         std::int32_t pid = 0;
         QString binary;

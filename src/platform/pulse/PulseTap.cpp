@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <iterator>
 #include <unistd.h>
 
 namespace {
@@ -28,6 +29,36 @@ bool isRunning(std::int32_t pid) {
 void playAtUnity(PulseConnection& connection, std::uint32_t index, std::uint32_t channels) {
     connection.setSinkInputVolume(index, std::vector<std::uint32_t>(channels, PA_VOLUME_NORM));
     connection.setSinkInputMute(index, false);
+}
+
+// A stream let go by a tap, and where it goes.
+struct Return {
+    std::uint32_t index;
+    std::uint32_t channels;
+    QString restoreID;
+    QString sink;
+};
+
+// Back to `home` while that sink is there, else to the default.
+Return returnOf(const PulseMirror& mirror, std::uint32_t index, const PulseRecords::Stream& stream,
+                const QString& home) {
+    return {index, stream.channels, stream.restoreID,
+            mirror.sink(home) ? home : mirror.server().defaultSink};
+}
+
+// At unity, as without Ondril. The moves made stream-restore remember a sink: those sent to the
+// default forget it again, so that they follow the default.
+void carryOut(PulseConnection& connection, const std::vector<Return>& returns,
+              const QString& defaultSink) {
+    QStringList backToDefault;
+    for (const Return& stream : returns) {
+        if (!stream.sink.isEmpty())
+            connection.moveSinkInput(stream.index, stream.sink);
+        if (stream.sink == defaultSink && !stream.restoreID.isEmpty())
+            backToDefault.append(stream.restoreID);
+        playAtUnity(connection, stream.index, stream.channels);
+    }
+    connection.unpinRestoredSinkInputs(defaultSink, backToDefault);
 }
 
 } // namespace
@@ -112,29 +143,21 @@ void PulseTap::release() {
         m_hardware.AudioObjectRemovePropertyListenerBlock(*m_listener);
         m_listener.reset();
     }
-    const auto [streams, defaultSink] = m_connection.readMirror([](const PulseMirror& mirror) {
-        return std::make_pair(mirror.streams(), mirror.server().defaultSink);
+    // Those handed over to a stream router are the router's to let go.
+    std::vector<std::uint32_t> held;
+    std::copy_if(m_taken.begin(), m_taken.end(), std::back_inserter(held),
+                 [this](std::uint32_t index) { return m_homes.holds(index, this); });
+    const auto [returns, defaultSink] = m_connection.readMirror([&](const PulseMirror& mirror) {
+        std::vector<Return> returns;
+        for (std::uint32_t index : held)
+            if (const auto stream = mirror.streams().find(index); stream != mirror.streams().end())
+                returns.push_back(returnOf(mirror, index, stream->second, m_homes.home(index)));
+        return std::make_pair(returns, mirror.server().defaultSink);
     });
-    QStringList backToDefault;
-    for (std::uint32_t index : m_taken) {
-        if (!m_homes.holds(index, this))
-            continue; // handed over to a stream router, which lets it go itself
-        const auto stream = streams.find(index);
-        if (stream != streams.end()) {
-            const QString home = m_homes.home(index);
-            const bool homePresent = m_connection.readMirror(
-                [&home](const PulseMirror& mirror) { return mirror.sink(home) != nullptr; });
-            const QString sink = homePresent ? home : defaultSink;
-            if (!sink.isEmpty())
-                m_connection.moveSinkInput(index, sink);
-            if (sink == defaultSink && !stream->second.restoreID.isEmpty())
-                backToDefault.append(stream->second.restoreID);
-            playAtUnity(m_connection, index, stream->second.channels);
-        }
+    carryOut(m_connection, returns, defaultSink);
+    for (std::uint32_t index : held)
         m_homes.forget(index);
-    }
     m_taken.clear();
-    m_connection.unpinRestoredSinkInputs(defaultSink, backToDefault);
     if (m_module) {
         m_connection.unloadModule(*m_module);
         m_connection.waitForMirror(
@@ -145,17 +168,11 @@ void PulseTap::release() {
 
 void PulseTap::clearLeftovers(PulseConnection& connection, std::int32_t goneOwner,
                               const Homes& homes) {
-    struct Move {
-        std::uint32_t stream;
-        QString sink;
-        QString restoreID;
-    };
     struct Leftover {
         std::uint32_t module;
-        std::vector<Move> moves;
+        std::vector<Return> returns;
     };
     const auto [leftovers, defaultSink] = connection.readMirror([&](const PulseMirror& mirror) {
-        const QString defaultSink = mirror.server().defaultSink;
         std::vector<Leftover> leftovers;
         for (const auto* sink : mirror.sinksInServerOrder()) {
             const bool ownerGone = sink->ownerPid == goneOwner || !isRunning(sink->ownerPid);
@@ -167,23 +184,15 @@ void PulseTap::clearLeftovers(PulseConnection& connection, std::int32_t goneOwne
                 if (stream.sink != sink->index)
                     continue;
                 const auto home = homes.find(index);
-                const bool homePresent = home != homes.end() && mirror.sink(home->second);
-                leftover.moves.push_back(
-                    {index, homePresent ? home->second : defaultSink, stream.restoreID});
+                leftover.returns.push_back(returnOf(
+                    mirror, index, stream, home == homes.end() ? QString() : home->second));
             }
             leftovers.push_back(leftover);
         }
-        return std::make_pair(leftovers, defaultSink);
+        return std::make_pair(leftovers, mirror.server().defaultSink);
     });
-    // The tap kept the streams at unity: they play as without Ondril.
-    QStringList backToDefault;
     for (const Leftover& leftover : leftovers) {
-        for (const Move& move : leftover.moves) {
-            connection.moveSinkInput(move.stream, move.sink);
-            if (move.sink == defaultSink && !move.restoreID.isEmpty())
-                backToDefault.append(move.restoreID);
-        }
+        carryOut(connection, leftover.returns, defaultSink);
         connection.unloadModule(leftover.module);
     }
-    connection.unpinRestoredSinkInputs(defaultSink, backToDefault);
 }
